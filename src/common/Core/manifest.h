@@ -1,0 +1,36 @@
+#pragma once
+
+#include <memory>
+
+namespace Core {
+
+class Identifier;
+class ManifestPrivate;
+
+/// The manifest.json that a packaged application carries. Read once, when it is made.
+class Manifest
+{
+public:
+    /// Not valid.
+    Manifest();
+    /// Reads the manifest of @p id; no file is read for an id that is not valid.
+    explicit Manifest(const Identifier &id);
+    Manifest(const Manifest &other);
+    Manifest(Manifest &&other) noexcept;
+    Manifest &operator=(const Manifest &other);
+    Manifest &operator=(Manifest &&other) noexcept;
+    ~Manifest();
+
+    /// Whether there is a manifest and it holds a JSON object. An application that was not installed as a
+    /// package has none.
+    [[nodiscard]] bool isValid() const;
+
+    /// Whether the application asks not to be frozen in the background while it uses media. False unless
+    /// the manifest says true.
+    [[nodiscard]] bool keepMediaActiveInBackground() const;
+
+private:
+    std::unique_ptr<ManifestPrivate> d;
+};
+
+} // namespace Core
