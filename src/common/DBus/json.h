@@ -1,0 +1,29 @@
+#pragma once
+
+#include <QDBusArgument>
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QJsonValue>
+
+// How JSON travels over D-Bus. The operators are global, where Qt's type registration finds them.
+//
+// Written: a boolean as b, every number as d, a string as s, an object as a{sv}. An array whose elements are
+// of one kind is ab, ad, as or aa{sv}; a mixed array, and an empty one, is av.
+//
+// The bus has no null and JSON's arrays of arrays have no signature of their own. Nothing of this fails
+// loudly; it is logged and leaves a gap: an argument that cannot be written is missing from the message, and
+// a member of an object that cannot be written is left out of the map. Qt refuses to send a message with a
+// null as an argument of its own.
+//
+// Read: each basic type as QJsonValue::fromVariant() converts it, arrays as arrays, maps with string keys as
+// objects, the contents of a variant as themselves. Anything else is logged and skipped, and the value that
+// was to be read stays as it was.
+
+QDBusArgument &operator<<(QDBusArgument &argument, const QJsonValue &value);
+const QDBusArgument &operator>>(const QDBusArgument &argument, QJsonValue &value);
+
+QDBusArgument &operator<<(QDBusArgument &argument, const QJsonObject &object);
+const QDBusArgument &operator>>(const QDBusArgument &argument, QJsonObject &object);
+
+QDBusArgument &operator<<(QDBusArgument &argument, const QJsonArray &array);
+const QDBusArgument &operator>>(const QDBusArgument &argument, QJsonArray &array);
