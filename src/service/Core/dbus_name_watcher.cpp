@@ -1,0 +1,126 @@
+#include "Core/dbus_name_watcher.h"
+
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusPendingCallWatcher>
+#include <QDBusPendingReply>
+#include <QHash>
+#include <QList>
+#include <QPointer>
+#include <QSet>
+
+namespace Core {
+
+namespace {
+
+struct Entry
+{
+    QPointer<QObject> guard;
+    DBusNameWatcher::Callback callback;
+};
+
+using Entries = QHash<QString, QList<std::shared_ptr<Entry>>>;
+
+void add(Entries &entries, const QString &name, QObject *guard, const DBusNameWatcher::Callback &callback)
+{
+    entries[name].append(std::make_shared<Entry>(Entry { guard, callback }));
+}
+
+// A callback may register the next one for the same name, or delete the guard of another: the list has left
+// the table before the first of them runs, and each guard is looked at when its turn comes.
+void fire(Entries &entries, const QString &name)
+{
+    const QList<std::shared_ptr<Entry>> list = entries.take(name);
+    for (const std::shared_ptr<Entry> &entry : list) {
+        if (entry->guard) {
+            entry->callback();
+        }
+    }
+}
+
+} // namespace
+
+class DBusNameWatcherPrivate
+{
+public:
+    explicit DBusNameWatcherPrivate(const QDBusConnection &bus)
+        : connection(bus)
+    {
+    }
+
+    void nameAppeared(const QString &name);
+    void nameDisappeared(const QString &name);
+
+    QDBusConnection connection;
+    QSet<QString> names; // those that have an owner; empty: the bus has not answered yet
+    Entries appearing; // name -> who waits; removed when the name appears
+    Entries disappearing; // name -> who waits; removed when the name disappears
+};
+
+void DBusNameWatcherPrivate::nameAppeared(const QString &name)
+{
+    names.insert(name);
+    fire(appearing, name);
+}
+
+void DBusNameWatcherPrivate::nameDisappeared(const QString &name)
+{
+    names.remove(name);
+    fire(disappearing, name);
+}
+
+DBusNameWatcher *DBusNameWatcher::instance()
+{
+    static auto *watcher = new DBusNameWatcher(QDBusConnection::sessionBus());
+    return watcher;
+}
+
+DBusNameWatcher::DBusNameWatcher(const QDBusConnection &connection, QObject *parent)
+    : QObject(parent)
+    , d(new DBusNameWatcherPrivate(connection))
+{
+    QDBusConnectionInterface *bus = d->connection.interface();
+    if (!bus) {
+        return; // no bus: no name has an owner, and nothing will ever be known
+    }
+    connect(bus, &QDBusConnectionInterface::serviceOwnerChanged, this,
+            [this](const QString &name, const QString &, const QString &newOwner) {
+                if (newOwner.isEmpty()) {
+                    d->nameDisappeared(name);
+                } else {
+                    d->nameAppeared(name);
+                }
+            });
+
+    auto *watcher = new QDBusPendingCallWatcher(bus->asyncCall(QStringLiteral("ListNames")), this);
+    connect(watcher, &QDBusPendingCallWatcher::finished, this, [this, watcher] {
+        watcher->deleteLater();
+        const QDBusPendingReply<QStringList> reply = *watcher;
+        const QStringList names = reply.isError() ? QStringList() : reply.value();
+        for (const QString &name : names) {
+            d->nameAppeared(name);
+        }
+    });
+}
+
+DBusNameWatcher::~DBusNameWatcher() = default;
+
+void DBusNameWatcher::onNameAppeared(const QString &name, QObject *guard, const Callback &callback)
+{
+    if (d->names.contains(name)) {
+        callback();
+    } else {
+        add(d->appearing, name, guard, callback);
+    }
+}
+
+void DBusNameWatcher::onNameDisappeared(const QString &name, QObject *guard, const Callback &callback)
+{
+    if (!d->names.isEmpty() && !d->names.contains(name)) {
+        callback();
+    } else {
+        add(d->disappearing, name, guard, callback);
+    }
+}
+
+} // namespace Core
