@@ -2,6 +2,7 @@
 
 #include "Core/child_ipc.h"
 #include "Core/process_spawner.h"
+#include "Core/types.h"
 
 #include <QByteArray>
 #include <QDebug>
@@ -42,6 +43,25 @@ ProcessSetup::ProcessSetup(ProcessSpawner *spawner)
 }
 
 ProcessSetup::~ProcessSetup() = default;
+
+bool ProcessSetup::sendOomScore(pid_t pid, int score)
+{
+    const QString rootFs = Types::rootFs();
+    const QString directory = rootFs + QStringLiteral("/proc/%1").arg(pid);
+    const QString path = directory + QStringLiteral("/oom_score_adj");
+    if (!rootFs.isEmpty()) {
+        // The child opens the file without making it. Should this fail, its step fails.
+        QDir().mkpath(directory);
+        QFile(path).open(QIODevice::WriteOnly);
+    }
+    const QByteArray text = QByteArray::number(score);
+    if (!d->sendText(path.toUtf8())
+        || !d->spawner->sendBytes(text.constData(), static_cast<quint64>(text.size()))) {
+        qWarning() << "Error sending OOM data to child process";
+        return false;
+    }
+    return true;
+}
 
 bool ProcessSetup::sendJournalIdentifier(const QString &identifier)
 {
