@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Core/error.h"
+
 #include <QByteArrayList>
 #include <QList>
 #include <QString>
@@ -10,7 +12,6 @@
 
 namespace Core {
 
-class Error;
 class FirejailPrivate;
 
 /// Composes the command line that runs a program in a firejail(1) sandbox.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Core/error.h"
+
 #include <QObject>
 #include <QString>
 
@@ -10,7 +12,6 @@
 
 namespace Core {
 
-class Error;
 class RuntimeTrackerPrivate;
 
 /// Knows the children of the service by pid, reports when one ends, and says to which of them any

@@ -1,0 +1,143 @@
+#include "Core/runtime_tracker.h"
+
+#include "Core/tracker_worker.h"
+#include "Core/types.h"
+
+#include <QDebug>
+#include <QFile>
+#include <QHash>
+#include <QSet>
+#include <QThread>
+
+#include <csignal>
+
+#include <unistd.h>
+
+namespace Core {
+
+namespace {
+
+/// @returns -1 when status(5) of the process is missing or does not say.
+pid_t parentOf(pid_t pid)
+{
+    QFile file(QStringLiteral("%1/proc/%2/status").arg(Types::rootFs()).arg(pid));
+    if (!file.open(QIODevice::ReadOnly)) {
+        return -1;
+    }
+    const QByteArray key = QByteArrayLiteral("PPid:");
+    // Files of proc(5) have no size: atEnd() is true for them from the start.
+    for (QByteArray line = file.readLine(); !line.isEmpty(); line = file.readLine()) {
+        if (line.startsWith(key)) {
+            bool ok = false;
+            const pid_t parent = line.mid(key.size()).trimmed().toInt(&ok);
+            return ok ? parent : -1;
+        }
+    }
+    return -1;
+}
+
+} // namespace
+
+class RuntimeTrackerPrivate
+{
+public:
+    explicit RuntimeTrackerPrivate(RuntimeTracker *q);
+    ~RuntimeTrackerPrivate();
+
+    void onProcessExited(pid_t pid, int exitStatus);
+
+    QHash<pid_t, QString> table; ///< child -> id of its record; an entry goes when its child ends
+    QThread thread;
+    TrackerWorker worker; ///< lives on the thread
+    RuntimeTracker *const owner;
+};
+
+RuntimeTrackerPrivate::RuntimeTrackerPrivate(RuntimeTracker *q)
+    : owner(q)
+{
+    qRegisterMetaType<pid_t>("pid_t");
+    worker.moveToThread(&thread);
+    QObject::connect(
+        &worker, &TrackerWorker::processExited, owner,
+        [this](pid_t pid, int exitStatus) { onProcessExited(pid, exitStatus); }, Qt::QueuedConnection);
+
+    // The thread inherits this mask: signals of the process are the main thread's business, and one
+    // handled on the worker's thread would interrupt its wait. Those of a fault cannot be put off.
+    sigset_t blocked;
+    sigset_t mask;
+    ::sigfillset(&blocked);
+    for (const int fault : { SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP }) {
+        ::sigdelset(&blocked, fault);
+    }
+    ::pthread_sigmask(SIG_SETMASK, &blocked, &mask);
+    thread.start();
+    ::pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+}
+
+RuntimeTrackerPrivate::~RuntimeTrackerPrivate()
+{
+    thread.quit();
+    thread.wait();
+}
+
+void RuntimeTrackerPrivate::onProcessExited(pid_t pid, int exitStatus)
+{
+    qDebug() << "onProcessExited" << pid << exitStatus;
+    const auto entry = table.constFind(pid);
+    if (entry == table.constEnd()) {
+        qWarning() << "Internal error, missing record for pid" << pid;
+        return;
+    }
+    // A copy, and erased by its key: who hears of the end may add the next child.
+    const QString id = *entry;
+    emit owner->applicationTerminated(id, exitStatus);
+    table.remove(pid);
+}
+
+RuntimeTracker *RuntimeTracker::instance()
+{
+    static auto *const tracker = new RuntimeTracker;
+    return tracker;
+}
+
+RuntimeTracker::RuntimeTracker(QObject *parent)
+    : QObject(parent)
+    , d(std::make_unique<RuntimeTrackerPrivate>(this))
+{
+}
+
+RuntimeTracker::~RuntimeTracker() = default;
+
+void RuntimeTracker::addProcess(pid_t pid, const QString &id)
+{
+    d->table.insert(pid, id);
+    QMetaObject::invokeMethod(&d->worker, &TrackerWorker::waitForChildren, Qt::QueuedConnection);
+}
+
+std::tuple<Error, QString> RuntimeTracker::applicationForPid(pid_t pid) const
+{
+    // Upward from the process to the leader of its group, and from a leader to its parent: every child
+    // leads its group, so whatever it starts leads back to it.
+    QSet<pid_t> seen;
+    while (pid != -1) {
+        const auto entry = d->table.constFind(pid);
+        if (entry != d->table.constEnd()) {
+            return { Error(), *entry };
+        }
+        pid_t next = ::getpgid(pid);
+        if (next == pid) {
+            next = parentOf(pid);
+            if (next == 1) {
+                break;
+            }
+        }
+        if (seen.contains(next)) {
+            break;
+        }
+        seen.insert(next);
+        pid = next;
+    }
+    return { Error(Error::ProcessNotHandled, QString()), QString() };
+}
+
+} // namespace Core
