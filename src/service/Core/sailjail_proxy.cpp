@@ -1,6 +1,7 @@
 #include "Core/sailjail_proxy.h"
 
-#include <QDBusAbstractInterface>
+#include "Core/sailjail_proxy_p.h"
+
 #include <QDBusConnection>
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
@@ -15,14 +16,6 @@ namespace {
 constexpr int unlimitedMs = std::numeric_limits<qint32>::max();
 
 } // namespace
-
-class SailjailProxyPrivate : public QDBusAbstractInterface
-{
-public:
-    SailjailProxyPrivate();
-
-    QDBusPendingCall ask(const QString &method, const QString &application);
-};
 
 SailjailProxyPrivate::SailjailProxyPrivate()
     : QDBusAbstractInterface(QStringLiteral("org.sailfishos.sailjaild1"),
