@@ -1,0 +1,170 @@
+#include "sample.h"
+
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDBusError>
+#include <QDBusMessage>
+#include <QDBusReply>
+#include <QDir>
+#include <QProcessEnvironment>
+
+#include <cstdio>
+
+#include <unistd.h>
+
+namespace {
+
+const QString service = QStringLiteral("org.kestrix.Procwarden");
+const QString lifecyclePath = QStringLiteral("/org/kestrix/Procwarden/Lifecycle1");
+const QString lifecycleInterface = QStringLiteral("org.kestrix.Procwarden.Lifecycle1");
+
+QString errorText(const QString &name, const QString &message)
+{
+    return QStringLiteral("error %1: %2").arg(name, message);
+}
+
+} // namespace
+
+Sample::Sample(const SampleOptions &options, QObject *parent)
+    : QObject(parent)
+    , m_options(options)
+{
+    connect(&m_timer, &QTimer::timeout, this, &Sample::tick);
+}
+
+bool Sample::start()
+{
+    if (!QDir().mkpath(m_options.directory)) {
+        return false;
+    }
+    const QString base = m_options.directory + QLatin1Char('/') + m_options.instanceId;
+    m_diary.setFileName(base + QStringLiteral(".diary"));
+    m_tickFile.setFileName(base + QStringLiteral(".ticks"));
+    if (!m_diary.open(QIODevice::WriteOnly | QIODevice::Append)
+        || !m_tickFile.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+        return false;
+    }
+
+    note(QStringLiteral("started"));
+    tick();
+    m_timer.start(m_options.tickMs);
+
+    if (m_options.busName.isEmpty()) {
+        return true;
+    }
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.registerObject(QStringLiteral("/"), this, QDBusConnection::ExportAllSlots)
+        || !bus.registerService(m_options.busName)) {
+        const QDBusError error = bus.lastError();
+        note(QStringLiteral("no name, ") + errorText(error.name(), error.message()));
+        return false;
+    }
+    note(QStringLiteral("name ") + m_options.busName);
+    if (m_options.lifecycle) {
+        askForState();
+    }
+    return true;
+}
+
+void Sample::note(const QString &line)
+{
+    const QByteArray text = line.toUtf8() + '\n';
+    m_diary.write(text);
+    m_diary.flush();
+    std::fwrite(text.constData(), 1, static_cast<size_t>(text.size()), stdout);
+    std::fflush(stdout);
+}
+
+int Sample::Pid() const
+{
+    return getpid();
+}
+
+QStringList Sample::Environment() const
+{
+    return QProcessEnvironment::systemEnvironment().toStringList();
+}
+
+QStringList Sample::OpenFiles() const
+{
+    QStringList result;
+    const QDir directory(QStringLiteral("/proc/self/fd"));
+    const QStringList numbers = directory.entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System);
+    for (const QString &number : numbers) {
+        const QString target = QFile::symLinkTarget(directory.filePath(number));
+        result.append(number + QLatin1Char(' ') + target);
+    }
+    return result;
+}
+
+QStringList Sample::Call(const QString &target, const QStringList &arguments)
+{
+    const QStringList parts = target.split(QLatin1Char(' '));
+    if (parts.size() != 4) {
+        return { errorText(QStringLiteral("target"), target) };
+    }
+    QDBusMessage call = QDBusMessage::createMethodCall(parts.at(0), parts.at(1), parts.at(2), parts.at(3));
+    for (const QString &argument : arguments) {
+        call << argument;
+    }
+    const QDBusMessage reply = QDBusConnection::sessionBus().call(call);
+    if (reply.type() == QDBusMessage::ErrorMessage) {
+        return { errorText(reply.errorName(), reply.errorMessage()) };
+    }
+    QStringList result;
+    const QVariantList values = reply.arguments();
+    for (const QVariant &value : values) {
+        result.append(value.toString());
+    }
+    return result;
+}
+
+int Sample::SpawnChild(bool ownGroup)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        if (ownGroup) {
+            setpgid(0, 0);
+        }
+        for (;;) {
+            pause();
+        }
+    }
+    return child;
+}
+
+void Sample::Quit(int code)
+{
+    note(QStringLiteral("quit %1").arg(code));
+    QCoreApplication::exit(code);
+}
+
+void Sample::onStateChanged(const QString &appId, uint state)
+{
+    m_state = static_cast<int>(state);
+    note(QStringLiteral("state %1 %2").arg(state).arg(appId));
+}
+
+void Sample::tick()
+{
+    ++m_ticks;
+    // A fixed width, written in one call at the start: a reader never sees half a number.
+    m_tickFile.seek(0);
+    m_tickFile.write(QByteArray::number(m_ticks).rightJustified(10, '0') + '\n');
+    m_tickFile.flush();
+}
+
+void Sample::askForState()
+{
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    bus.connect(service, lifecyclePath, lifecycleInterface, QStringLiteral("StateChanged"), this,
+                SLOT(onStateChanged(QString, uint)));
+    const QDBusReply<QVariantMap> reply = bus.call(QDBusMessage::createMethodCall(
+        service, lifecyclePath, lifecycleInterface, QStringLiteral("GetProperties")));
+    if (!reply.isValid()) {
+        note(QStringLiteral("properties ") + errorText(reply.error().name(), reply.error().message()));
+        return;
+    }
+    m_state = reply.value().value(QStringLiteral("State"), -1).toInt();
+    note(QStringLiteral("properties State=%1").arg(m_state));
+}
