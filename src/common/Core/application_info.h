@@ -40,9 +40,7 @@ public:
     ApplicationInfo();
     explicit ApplicationInfo(const QString &desktopFile);
     ApplicationInfo(const ApplicationInfo &other);
-    ApplicationInfo(ApplicationInfo &&other) noexcept;
     ApplicationInfo &operator=(const ApplicationInfo &other);
-    ApplicationInfo &operator=(ApplicationInfo &&other) noexcept;
     ~ApplicationInfo();
 
     /// Whether the file is a desktop entry that gives an id. A command line is not required.

@@ -7,7 +7,7 @@ namespace Core {
 class Identifier;
 class ManifestPrivate;
 
-/// The manifest.json that a packaged application carries. Read once, when it is made.
+/// The manifest.json that a packaged application carries. Read once, when it is made; a copy is deep.
 class Manifest
 {
 public:
@@ -16,9 +16,7 @@ public:
     /// Reads the manifest of @p id; no file is read for an id that is not valid.
     explicit Manifest(const Identifier &id);
     Manifest(const Manifest &other);
-    Manifest(Manifest &&other) noexcept;
     Manifest &operator=(const Manifest &other);
-    Manifest &operator=(Manifest &&other) noexcept;
     ~Manifest();
 
     /// Whether there is a manifest and it holds a JSON object. An application that was not installed as a
@@ -30,7 +28,7 @@ public:
     [[nodiscard]] bool keepMediaActiveInBackground() const;
 
 private:
-    std::unique_ptr<ManifestPrivate> d;
+    const std::unique_ptr<ManifestPrivate> d;
 };
 
 } // namespace Core
