@@ -1,0 +1,54 @@
+"""Fixtures over the stack: every test gets one of its own, and leaves it in order."""
+
+import os
+import sys
+
+import pytest
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
+
+from stack import Stack # noqa: E402 (the path comes first)
+
+
+@pytest.fixture
+def stack(request):
+    """Buses, stand-ins and user; nothing of ours runs yet."""
+    with Stack() as stack:
+        request.node.stack = stack
+        yield stack
+        check_end(stack)
+
+
+@pytest.fixture
+def service(stack):
+    """The stack with helper and service running, and the sample application installed."""
+    stack.install_sample()
+    stack.start()
+    return stack
+
+
+def check_end(stack):
+    """What holds at the end of each test, however it went: clean exits, no finding, correct calls."""
+    problems = [f"a stand-in got a wrong call: {complaint}" for complaint in stack.complaints()]
+    for child in (stack.service and stack.service.child, stack.helper):
+        if not child:
+            continue
+        # One that ended before is looked at by its test.
+        if child.status is None and child.stop() != 0:
+            problems.append(f"{child.name} ended with status {child.status}")
+        report = child.sanitizer_report()
+        if report:
+            problems.append(f"{child.name}: {report}")
+    assert not problems, "\n".join(problems)
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item, call):
+    """Shows, with a failure, what service and helper had to say."""
+    outcome = yield
+    report = outcome.get_result()
+    stack = getattr(item, "stack", None)
+    if report.failed and stack:
+        for child in (stack.service and stack.service.child, stack.helper):
+            if child and os.path.exists(child.log):
+                report.sections.append((f"log of {child.name}", child.output()))

@@ -1,0 +1,81 @@
+"""Removing everything that a stack, or what it started, can have left."""
+
+import os
+import shutil
+import signal
+import subprocess
+import sys
+
+from . import cgroups
+from .waiting import LIMIT, NotInTime, until
+
+
+def processes_of(uid):
+    """Ids of the live processes whose real, effective or saved user id is uid."""
+    result = []
+    for name in os.listdir("/proc"):
+        if not name.isdigit():
+            continue
+        try:
+            with open(f"/proc/{name}/status") as file:
+                status = dict(line.split(":", 1) for line in file.read().splitlines() if ":" in line)
+        except OSError:
+            continue # it ended meanwhile
+        if status["State"].split()[0] != "Z" and str(uid) in status["Uid"].split()[:3]:
+            result.append(int(name))
+    return result
+
+
+def kill_all_of(uid, hierarchies):
+    """Ends every process of the user, frozen ones too, and returns when none is left."""
+
+    def none_left():
+        pids = processes_of(uid)
+        if not pids:
+            return True
+        cgroups.thaw(hierarchies, uid)
+        for pid in pids:
+            try:
+                os.kill(pid, signal.SIGKILL)
+            except ProcessLookupError:
+                pass
+        return False
+
+    until(none_left, f"the end of every process of user {uid}", detail=lambda: str(processes_of(uid)))
+
+
+def _mounts_below(directory):
+    with open("/proc/self/mounts") as file:
+        points = [line.split()[1] for line in file]
+    return [point for point in points if point == directory or point.startswith(directory + "/")]
+
+
+def empty(directory):
+    """Removes everything in a directory."""
+    for entry in os.scandir(directory):
+        if entry.is_dir(follow_symlinks=False):
+            shutil.rmtree(entry.path, ignore_errors=True)
+        else:
+            os.unlink(entry.path)
+
+
+def clean_processes(uid, hierarchies):
+    """Ends the user's processes and removes its control groups."""
+    kill_all_of(uid, hierarchies)
+    # A group empties only when its last process has been reaped, by whoever its parent is now.
+    try:
+        until(lambda: not cgroups.remove(hierarchies, uid), "removal of the control groups", limit=LIMIT)
+    except NotInTime:
+        print(f"stack: left behind: {cgroups.remove(hierarchies, uid)}", file=sys.stderr)
+    # What a killed sandbox could not put away itself.
+    shutil.rmtree(f"/run/firejail/dbus/{uid}", ignore_errors=True)
+
+
+def clean_files(directory):
+    """Removes the stack's directory, with what is mounted below it."""
+    for point in reversed(_mounts_below(directory)):
+        subprocess.run(["umount", "--lazy", point], check=False)
+    if _mounts_below(directory):
+        print(f"stack: left behind, being in use: {directory}", file=sys.stderr)
+    else:
+        shutil.rmtree(directory, ignore_errors=True)

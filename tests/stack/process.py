@@ -1,0 +1,74 @@
+"""Child processes of the stack, which end when it does."""
+
+import re
+import signal
+import subprocess
+
+from .waiting import LIMIT
+
+
+SANITIZER_REPORT = re.compile(r"ERROR: \w+Sanitizer|WARNING: ThreadSanitizer|runtime error:|SUMMARY: \w+Sanitizer")
+
+
+class Child:
+    """A running program whose output goes to a file.
+
+    With a user, it runs as that one without any other group or capability. It gets exactly the environment
+    that is given, and is killed by the kernel if the stack's process dies.
+    """
+
+    def __init__(self, name, argv, log, env, user=None, stdout=None, pass_fds=(), oom_floor=None):
+        self.name = name
+        self.log = log
+        prefix = ["/usr/bin/setpriv"]
+        if user:
+            prefix += [f"--reuid={user.uid}", f"--regid={user.gid}", "--clear-groups"]
+        prefix += ["--pdeathsig=KILL", "--"]
+        if oom_floor is not None:
+            # The lowest score that root ever wrote is how low an ordinary user may go later.
+            prefix = ["/usr/bin/choom", "-n", str(oom_floor), "--", *prefix, "/usr/bin/choom", "-n", "0", "--"]
+        with open(log, "ab") as output:
+            self.popen = subprocess.Popen(prefix + argv, env=env, cwd="/", stdin=subprocess.DEVNULL,
+                                          stdout=stdout or output, stderr=output, pass_fds=pass_fds,
+                                          start_new_session=True)
+
+    @property
+    def pid(self):
+        # The programs in front of the real one replace themselves with it.
+        return self.popen.pid
+
+    @property
+    def status(self):
+        """Exit status; negative: number of the signal that ended it; None: it runs."""
+        return self.popen.poll()
+
+    def output(self):
+        with open(self.log, errors="replace") as file:
+            return file.read()
+
+    def sanitizer_report(self):
+        """Its output from the first line of a sanitizer's report on, or an empty text."""
+        output = self.output()
+        found = SANITIZER_REPORT.search(output)
+        return output[output.rfind("\n", 0, found.start()) + 1:] if found else ""
+
+    def send(self, number):
+        if self.status is None:
+            self.popen.send_signal(number)
+
+    def wait(self, limit=LIMIT):
+        try:
+            return self.popen.wait(limit)
+        except subprocess.TimeoutExpired:
+            raise AssertionError(f"{self.name} did not end within {limit:g} s\n{self.output()}") from None
+
+    def stop(self, number=signal.SIGTERM, limit=LIMIT):
+        """Sends the signal, waits for the end, and returns the exit status."""
+        self.send(number)
+        return self.wait(limit)
+
+    def kill(self):
+        """Ends it in any case, for cleaning up."""
+        if self.status is None:
+            self.popen.kill()
+        self.popen.wait()

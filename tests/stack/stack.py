@@ -1,0 +1,267 @@
+"""Everything around one service process, brought up and taken down together."""
+
+import atexit
+import os
+import shutil
+import subprocess
+import sys
+import tempfile
+
+import dbus
+
+from . import cgroups
+from .apps import Applications, SampleFiles
+from .bus import PrivateBus
+from .cleaning import clean_files, clean_processes, empty
+from .client import SampleClient, session_client, system_client
+from .monitor import Monitor
+from .permission_daemon import PermissionDaemon
+from .process import Child
+from .rootfs import DATA, RootDirectory
+from .service import SESSION_NAME, SYSTEM_NAME, ServiceProcess
+from .users import Lease
+from .waiting import until
+from .window_model import WindowModel
+
+HELPER_NAME = "org.kestrix.Procwarden.Helper"
+DIRECT_START_SCORE = -100 # what the service gives to an application that a user asked for
+
+SANITIZER_OPTIONS = {
+    "ASAN_OPTIONS": "abort_on_error=0:exitcode=99:detect_stack_use_after_return=1",
+    "UBSAN_OPTIONS": "print_stacktrace=1",
+}
+
+
+class Stack:
+    """Use as a context manager, or call close() in the end.
+
+    Up after construction: the user, the directories, both buses and the stand-ins. start() adds the helper
+    and the service; what the service is to find at its start is put in place before.
+    """
+
+    def __init__(self, bin_dir=None):
+        if os.getuid() != 0:
+            raise RuntimeError("only root can bring up the helper and other users' processes")
+        self._bin_dir = bin_dir or os.environ["PROCWARDEN_BIN_DIR"]
+        self._closed = False
+        self._closers = []
+        self.directory = self.hierarchies = self._guard_pipe = None
+        self.helper = self.service = None
+        self.user = Lease()
+        try:
+            self._build()
+        except BaseException:
+            self.close()
+            raise
+
+    def _build(self):
+        self.directory = tempfile.mkdtemp(prefix="procwarden-stack-")
+        os.chmod(self.directory, 0o755)
+        self.hierarchies = cgroups.Hierarchies(self._path("root/sys/fs/cgroup"))
+        self._guard()
+        # Whatever an earlier holder of this user left, if the machine went down under it.
+        clean_processes(self.user.uid, self.hierarchies.directories.values())
+        empty(self.user.home)
+        atexit.register(self.close)
+        self._closers.append(lambda: atexit.unregister(self.close))
+
+        for name in ("bin", "log", "share/procwarden"):
+            os.makedirs(self._path(name))
+        for name in ("runtime", "session"):
+            os.mkdir(self._path(name), 0o755 if name == "session" else 0o700)
+            os.chown(self._path(name), self.user.uid, self.user.gid)
+        os.mkdir(self._path("system"))
+        self.root = RootDirectory(self._path("root"), self.user, self._path("apps"),
+                                  self._path("log/sandbox"), self.hierarchies)
+        self._closers.append(self.root.stop)
+        self.applications = Applications(self._path("apps"), self._path("share"), self.root,
+                                         os.path.join(self._bin_dir, "procwarden-sample"))
+        # The types of files are the machine's; its applications are not.
+        os.symlink("/usr/share/mime", self._path("share/mime"))
+        self.set_states()
+
+        self.session_bus = PrivateBus("session", self._path("session"), self.user)
+        self._closers.append(self.session_bus.stop)
+        self.system_bus = PrivateBus("system", self._path("system"))
+        self._closers.append(self.system_bus.stop)
+        self.permission_daemon = PermissionDaemon(self.system_bus, self.applications.is_installed)
+        self._closers.append(self.permission_daemon.close)
+        self.window_model = WindowModel(self.session_bus)
+        self._closers.append(self.window_model.close)
+
+        self.control = session_client(self.session_bus)
+        self.system_control = system_client(self.system_bus)
+        self.sample_files = SampleFiles(self.user.home)
+
+    def _path(self, name):
+        return os.path.join(self.directory, name)
+
+    def _guard(self):
+        read_end, self._guard_pipe = os.pipe2(os.O_CLOEXEC)
+        locks = (self.user.lock, self.user.everybody)
+        subprocess.run([sys.executable, "-m", "stack.guardian", *map(str, locks), str(self.user.uid), self.user.home,
+                        self.directory, *self.hierarchies.directories.values()],
+                       stdin=read_end, stdout=subprocess.DEVNULL, pass_fds=locks, check=True, cwd="/",
+                       env={"PATH": os.environ["PATH"], "PYTHONPATH": os.path.dirname(os.path.dirname(__file__))})
+        os.close(read_end)
+
+    # --- what the service finds ---
+
+    def set_states(self, **delays):
+        """Writes the state files afresh; delays: state name -> ApplyWithDelay in ms."""
+        target = self._path("share/procwarden/states")
+        shutil.rmtree(target, ignore_errors=True)
+        os.makedirs(target)
+        source = os.path.join(DATA, "states")
+        for name in os.listdir(source):
+            with open(os.path.join(source, name)) as file:
+                content = file.read()
+            delay = delays.get(name.partition(".")[0], 0)
+            with open(os.path.join(target, name), "w") as file:
+                file.write(content.replace("ApplyWithDelay=0", f"ApplyWithDelay={delay}"))
+
+    def install_sample(self, app_id="org.example.Sample", **options):
+        """Installs a sample application, as a package that may be frozen unless options say otherwise."""
+        options.setdefault("manifest", {})
+        return self.applications.install(app_id, **options)
+
+    def environment(self):
+        """What the service is started with. Kept short: its size is part of what a child may be given."""
+        return {
+            "PATH": "/usr/bin:/bin",
+            "HOME": self.user.home,
+            "USER": self.user.name,
+            "LOGNAME": self.user.name,
+            "SHELL": "/bin/sh",
+            "LANG": "C.UTF-8",
+            "XDG_RUNTIME_DIR": self._path("runtime"),
+            "XDG_DATA_DIRS": self._path("share"),
+            "DBUS_SESSION_BUS_ADDRESS": self.session_bus.address,
+            "DBUS_SYSTEM_BUS_ADDRESS": self.system_bus.address,
+            "QT_FORCE_STDERR_LOGGING": "1",
+            "PROCWARDEN_ROOTFS": self.root.path,
+        }
+
+    # --- bringing up ---
+
+    def start(self, **environment):
+        """Helper and service; returns when the service takes requests. environment: more variables."""
+        self.start_helper()
+        return self.start_service(**environment)
+
+    def start_helper(self):
+        env = {"PATH": "/usr/bin:/bin", "DBUS_SYSTEM_BUS_ADDRESS": self.system_bus.address,
+               "QT_FORCE_STDERR_LOGGING": "1", **SANITIZER_OPTIONS}
+        if not self.hierarchies.machine:
+            env["PROCWARDEN_ROOTFS"] = self.root.path
+        self.helper = Child("the helper", [self._program("procwarden-helper")], self._path("log/helper"), env)
+        self._closers.append(self.helper.kill)
+        until(lambda: self.helper.status is not None or self.system_bus.owner(HELPER_NAME), "the helper's name",
+              detail=self.helper.output)
+        if self.helper.status is not None:
+            raise AssertionError(f"the helper ended with status {self.helper.status}\n{self.helper.output()}")
+
+    def start_service(self, wait=True, **environment):
+        """With wait false, returns at once: for a service that is expected to fail."""
+        env = {**self.environment(), **SANITIZER_OPTIONS, **environment}
+        floor = DIRECT_START_SCORE if self.root.real_proc else None
+        self.service = ServiceProcess(self._program("procwarden"), self._path("log/service"), env, self.user, floor)
+        self._closers.append(self.service.child.kill)
+        if wait:
+            self.service.wait_for_name(self.session_bus, SESSION_NAME)
+            self._wait_for_groups()
+        return self.service
+
+    def _program(self, name):
+        """A copy that an ordinary user can reach, wherever the build lies."""
+        target = self._path(f"bin/{name}")
+        if not os.path.exists(target):
+            shutil.copyfile(os.path.join(self._bin_dir, name), target)
+            os.chmod(target, 0o755)
+        return target
+
+    def _wait_for_groups(self):
+        """The service owns its names before the helper has answered it, and can start nothing until then."""
+        until(lambda: all(os.path.isdir(path) for path in self.user_groups().values()),
+              "the user's control groups", detail=self.service.log)
+        # The helper serves one call after the other: its answer to the service is on the bus before this one.
+        helper = self.system_bus.connect()
+        helper.call_blocking(HELPER_NAME, "/" + HELPER_NAME.replace(".", "/"), HELPER_NAME,
+                             "CreateUserHierarchies", "u", (dbus.UInt32(self.user.uid),))
+        helper.close()
+        # And what the service gets on that bus, it gets in order.
+        self.system_control.running()
+
+    # --- looking ---
+
+    def user_groups(self):
+        """Directory of the user's control groups, by hierarchy, for those the service has to have."""
+        return {name: cgroups.user_directory(path, self.user.uid)
+                for name, path in self.hierarchies.directories.items()
+                if set(name.split(",")) & set(cgroups.REQUIRED)}
+
+    def group(self, controller, app_id, part="app"):
+        """Directory of an application's group; part: "app", "instance_<pid>" or "task_<name>"."""
+        hierarchy = next(path for name, path in self.hierarchies.directories.items()
+                         if controller in name.split(","))
+        return os.path.join(cgroups.user_directory(hierarchy, self.user.uid), app_id, part)
+
+    def freezer_state(self, app_id, part="app"):
+        return cgroups.read(os.path.join(self.group("freezer", app_id, part), "freezer.state"))
+
+    def sandbox_command(self, pid):
+        """What the sandbox program was called with for a child, or None if it has not been called."""
+        try:
+            with open(self._path(f"log/sandbox/{pid}")) as file:
+                return file.read().splitlines()
+        except FileNotFoundError:
+            return None
+
+    def monitor(self):
+        """Records the service's signals on the session bus from now on."""
+        monitor = Monitor(self.session_bus, SESSION_NAME)
+        self._closers.append(monitor.close)
+        return monitor
+
+    def system_monitor(self):
+        monitor = Monitor(self.system_bus, SYSTEM_NAME)
+        self._closers.append(monitor.close)
+        return monitor
+
+    def sample(self, app_id="org.example.Sample", name=None):
+        """A client of a running sample application; waits until it owns its name."""
+        until(lambda: self.session_bus.owner(name or f"{app_id}.Main"), f"the bus name of {app_id}",
+              detail=self.service.log)
+        return SampleClient(self.session_bus, app_id, name)
+
+    def complaints(self):
+        """What the stand-ins found wrong with the calls they got."""
+        return self.permission_daemon.complaints + self.window_model.complaints
+
+    # --- taking down ---
+
+    def close(self):
+        """Ends and removes everything. Harmless when called again."""
+        if self._closed:
+            return
+        self._closed = True
+        for closer in reversed(self._closers):
+            try:
+                closer()
+            except Exception as error: # the rest has to go all the same
+                print(f"stack: while closing: {error!r}", file=sys.stderr)
+        directories = self.hierarchies.directories.values() if self.hierarchies else ()
+        clean_processes(self.user.uid, directories)
+        empty(self.user.home)
+        self.user.release(when_last=lambda: cgroups.remove_top(directories))
+        if self.directory:
+            clean_files(self.directory)
+        if self._guard_pipe is not None:
+            os.write(self._guard_pipe, b"done")
+            os.close(self._guard_pipe)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
