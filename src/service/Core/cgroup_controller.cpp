@@ -12,6 +12,7 @@
 #include <QFileInfo>
 #include <QMap>
 
+#include <cerrno>
 #include <cstdlib>
 
 #include <unistd.h>
@@ -214,13 +215,14 @@ bool CGroupControllerPrivate::writeSettings(const QString &directory,
 bool CGroupControllerPrivate::writeSetting(const QString &directory, const QByteArray &key,
                                            const QByteArray &value) const
 {
+    const QString name = QString::fromUtf8(key);
     // Not looked up in the list: "cpu" of "cpu.shares" may be a link to the hierarchy's own directory.
-    const QString controller = QString::fromUtf8(key.left(key.indexOf('.')));
-    QFile file(controllerPath(controller) + QLatin1Char('/') + directory + QLatin1Char('/')
-               + QString::fromUtf8(key));
-    // Settings come from requests too; a key is the name of a file and must not lead elsewhere.
-    if (key.contains('/')) {
-        file.setFileName(QString());
+    const QString controller = name.section(QLatin1Char('.'), 0, 0);
+    QFile file(controllerPath(controller) + QLatin1Char('/') + directory + QLatin1Char('/') + name);
+    // Settings come from requests too, and their name must not lead elsewhere.
+    if (name.contains(QLatin1Char('/'))) {
+        qWarning() << "Cannot open file" << file.fileName() << qt_error_string(EINVAL);
+        return false;
     }
     if (!openControlFile(file)) {
         qWarning() << "Cannot open file" << file.fileName() << file.errorString();
