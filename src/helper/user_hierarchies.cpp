@@ -76,18 +76,32 @@ struct Hierarchy
     ino_t inode = 0;
 };
 
-Core::Error failed(const QString &message)
+struct Problem
 {
-    return { Core::Error::Failed, message };
+    Core::Error error;
+    int cause = 0; ///< errno, where a system call failed
+
+    explicit operator bool() const { return bool(error); }
+};
+
+Problem failed(const QString &message, int cause = 0)
+{
+    return { { Core::Error::Failed, message }, cause };
 }
 
-Core::Error cannot(const char *what, const QString &path, int error)
+Problem cannot(const char *what, const QString &path, int error)
 {
-    return failed(QStringLiteral("Cannot %1 %2: %3").arg(QLatin1String(what), path, qt_error_string(error)));
+    return failed(QStringLiteral("Cannot %1 %2: %3").arg(QLatin1String(what), path, qt_error_string(error)),
+                  error);
+}
+
+Problem noUserId(uid_t uid)
+{
+    return { { Core::Error::InvalidArgs, QStringLiteral("Not a user id: %1").arg(uid) } };
 }
 
 /// The controllers of all version 1 hierarchies that the kernel has, whether mounted or not.
-Core::Error readControllers(const QString &rootFs, QStringList *controllers)
+Problem readControllers(const QString &rootFs, QStringList *controllers)
 {
     QFile file(rootFs + QLatin1String("/proc/self/cgroup"));
     if (!file.open(QIODevice::ReadOnly)) {
@@ -131,11 +145,11 @@ bool isKernelHierarchy(int directory)
     return ::fstatfs(directory, &status) == 0 && status.f_type == CGROUP_SUPER_MAGIC;
 }
 
-Core::Error findHierarchies(const QString &rootFs, std::vector<Hierarchy> *hierarchies)
+Problem findHierarchies(const QString &rootFs, std::vector<Hierarchy> *hierarchies)
 {
     QStringList controllers;
-    if (Core::Error error = readControllers(rootFs, &controllers)) {
-        return error;
+    if (Problem problem = readControllers(rootFs, &controllers)) {
+        return problem;
     }
     QStringList missing;
     QStringList wanted;
@@ -184,8 +198,8 @@ Core::Error findHierarchies(const QString &rootFs, std::vector<Hierarchy> *hiera
 }
 
 /// Opens the directory @p name, made if need be, unless it belongs to somebody else than us or @p uid.
-Core::Error openOwnDirectory(int parent, const QByteArray &name, const QString &path, uid_t uid,
-                             Descriptor *directory)
+Problem openOwnDirectory(int parent, const QByteArray &name, const QString &path, uid_t uid,
+                         Descriptor *directory)
 {
     const bool made = ::mkdirat(parent, name.constData(), directoryMode) == 0;
     if (!made && errno != EEXIST) {
@@ -208,23 +222,23 @@ Core::Error openOwnDirectory(int parent, const QByteArray &name, const QString &
     return {};
 }
 
-Core::Error giveAway(int descriptor, const QString &path, uid_t uid)
+Problem giveAway(int descriptor, const QString &path, uid_t uid)
 {
     if (::fchownat(descriptor, "", uid, static_cast<gid_t>(-1), AT_EMPTY_PATH) == 0) {
         return {};
     }
     if (errno == EINVAL) { // no such user in our user namespace
-        return { Core::Error::InvalidArgs, QStringLiteral("Not a user id: %1").arg(uid) };
+        return noUserId(uid);
     }
     return cannot("hand over", path, errno);
 }
 
 /// A file that is not there is left out: only the kernel makes them.
-Core::Error giveAwayFile(int directory, const char *name, const QString &path, uid_t uid)
+Problem giveAwayFile(int directory, const char *name, const QString &path, uid_t uid)
 {
     const Descriptor file(::openat(directory, name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
     if (!file.isValid()) {
-        return errno == ENOENT ? Core::Error() : cannot("open", path, errno);
+        return errno == ENOENT ? Problem() : cannot("open", path, errno);
     }
     struct stat status = {};
     if (::fstat(file.get(), &status) != 0) {
@@ -240,27 +254,40 @@ Core::Error giveAwayFile(int directory, const char *name, const QString &path, u
     return giveAway(file.get(), path, uid);
 }
 
-Core::Error makeSubtree(const Hierarchy &hierarchy, uid_t uid)
+Problem tryMakeSubtree(const Hierarchy &hierarchy, uid_t uid)
 {
     const QString topPath = hierarchy.path + QLatin1Char('/') + QLatin1String(topDirectory);
     Descriptor top;
-    if (Core::Error error =
+    if (Problem problem =
             openOwnDirectory(hierarchy.directory.get(), topDirectory, topPath, ::geteuid(), &top)) {
-        return error;
+        return problem;
     }
     const QByteArray name = "user-" + QByteArray::number(uid);
     const QString path = topPath + QLatin1Char('/') + QString::fromLatin1(name);
     Descriptor directory;
-    if (Core::Error error = openOwnDirectory(top.get(), name, path, uid, &directory)) {
-        return error;
+    if (Problem problem = openOwnDirectory(top.get(), name, path, uid, &directory)) {
+        return problem;
     }
     for (const char *file : { "cgroup.procs", "tasks" }) {
         const QString filePath = path + QLatin1Char('/') + QLatin1String(file);
-        if (Core::Error error = giveAwayFile(directory.get(), file, filePath, uid)) {
-            return error;
+        if (Problem problem = giveAwayFile(directory.get(), file, filePath, uid)) {
+            return problem;
         }
     }
     return giveAway(directory.get(), path, uid);
+}
+
+/// Somebody who tidies up may remove an empty group between two of the steps.
+Problem makeSubtree(const Hierarchy &hierarchy, uid_t uid)
+{
+    constexpr int maxAttempts = 10; // a clash needs two processes in the same few microseconds
+    for (int attempt = 1;; ++attempt) {
+        const Problem problem = tryMakeSubtree(hierarchy, uid);
+        const bool vanished = problem.cause == ENOENT || problem.cause == ENODEV;
+        if (!vanished || attempt == maxAttempts) {
+            return problem;
+        }
+    }
 }
 
 } // namespace
@@ -272,17 +299,13 @@ UserHierarchies::UserHierarchies(const QString &rootFs)
 
 UserHierarchies::Result UserHierarchies::create(uid_t uid) const
 {
-    if (uid == noUser) {
-        return { QString(), { Core::Error::InvalidArgs, QStringLiteral("Not a user id: %1").arg(uid) } };
-    }
     std::vector<Hierarchy> hierarchies;
-    if (Core::Error error = findHierarchies(m_rootFs, &hierarchies)) {
-        return { QString(), error };
+    Problem problem = uid == noUser ? noUserId(uid) : findHierarchies(m_rootFs, &hierarchies);
+    for (auto hierarchy = hierarchies.cbegin(); !problem && hierarchy != hierarchies.cend(); ++hierarchy) {
+        problem = makeSubtree(*hierarchy, uid);
     }
-    for (const Hierarchy &hierarchy : hierarchies) {
-        if (Core::Error error = makeSubtree(hierarchy, uid)) {
-            return { QString(), error };
-        }
+    if (problem) {
+        return { QString(), problem.error };
     }
     return { QStringLiteral("/%1/user-%2").arg(QLatin1String(topDirectory)).arg(uid), Core::Error() };
 }
