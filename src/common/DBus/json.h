@@ -10,10 +10,10 @@
 // Written: a boolean as b, every number as d, a string as s, an object as a{sv}. An array whose elements are
 // of one kind is ab, ad, as or aa{sv}; a mixed array, and an empty one, is av.
 //
-// The bus has no null and JSON's arrays of arrays have no signature of their own. Nothing of this fails
-// loudly; it is logged and leaves a gap: an argument that cannot be written is missing from the message, and
-// a member of an object that cannot be written is left out of the map. Qt refuses to send a message with a
-// null as an argument of its own.
+// The bus has no null, and there is no signature for JSON's arrays of arrays. Nothing of this fails; it is
+// logged and leaves a gap: an argument that cannot be written is missing from the message, and a member of an
+// object that cannot be written is left out of the map, a null silently. The same goes for what is nested
+// more deeply, or is larger, than the bus lets through.
 //
 // Read: each basic type as QJsonValue::fromVariant() converts it, arrays as arrays, maps with string keys as
 // objects, the contents of a variant as themselves. Anything else is logged and skipped, and the value that

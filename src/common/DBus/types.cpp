@@ -9,10 +9,11 @@ namespace Procwarden {
 
 namespace {
 
-// Opening a structure where there is none is undefined in the bus library, so the kind is looked at first.
-bool openStructure(const QDBusArgument &argument)
+// The bus library ends the program that opens a structure or a map where there is none, so what has come is
+// looked at first. Another element is left behind, so that whoever reads on does not meet it again.
+bool openStructure(const QDBusArgument &argument, QLatin1String signature)
 {
-    if (argument.currentType() != QDBusArgument::StructureType) {
+    if (argument.currentSignature() != signature) {
         argument.asVariant();
         return false;
     }
@@ -67,7 +68,7 @@ QDBusArgument &operator<<(QDBusArgument &argument, const RunningApplication &val
 
 const QDBusArgument &operator>>(const QDBusArgument &argument, RunningApplication &value)
 {
-    if (openStructure(argument)) {
+    if (openStructure(argument, QLatin1String("(siuua{sv})"))) {
         argument >> value.id >> value.pid >> value.startReason >> value.state >> value.details;
         argument.endStructure();
     }
@@ -84,7 +85,7 @@ QDBusArgument &operator<<(QDBusArgument &argument, const RunningService &value)
 
 const QDBusArgument &operator>>(const QDBusArgument &argument, RunningService &value)
 {
-    if (openStructure(argument)) {
+    if (openStructure(argument, QLatin1String("(ssiua{sv})"))) {
         argument >> value.appId >> value.taskName >> value.pid >> value.startReason >> value.details;
         argument.endStructure();
     }
@@ -101,7 +102,7 @@ QDBusArgument &operator<<(QDBusArgument &argument, const TaskState &value)
 
 const QDBusArgument &operator>>(const QDBusArgument &argument, TaskState &value)
 {
-    if (openStructure(argument)) {
+    if (openStructure(argument, QLatin1String("(sua{sv})"))) {
         argument >> value.name >> value.active >> value.details;
         argument.endStructure();
     }
@@ -118,7 +119,7 @@ QDBusArgument &operator<<(QDBusArgument &argument, const AvailableTask &value)
 
 const QDBusArgument &operator>>(const QDBusArgument &argument, AvailableTask &value)
 {
-    if (openStructure(argument)) {
+    if (openStructure(argument, QLatin1String("(sa{sv})"))) {
         argument >> value.id >> value.details;
         argument.endStructure();
     }
@@ -135,7 +136,7 @@ QDBusArgument &operator<<(QDBusArgument &argument, const ActiveTask &value)
 
 const QDBusArgument &operator>>(const QDBusArgument &argument, ActiveTask &value)
 {
-    if (openStructure(argument)) {
+    if (openStructure(argument, QLatin1String("(sia{sv})"))) {
         argument >> value.id >> value.pid >> value.details;
         argument.endStructure();
     }

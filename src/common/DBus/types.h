@@ -64,7 +64,7 @@ struct ActiveTask
 /// To be called before the first of them is sent or received; a repeated call does nothing. Main thread only.
 void registerTypes();
 
-// Reading an element that is no structure leaves the value as it was and skips the element.
+// Reading an element of another signature leaves the value as it was and skips the element.
 
 QDBusArgument &operator<<(QDBusArgument &argument, const RunningApplication &value);
 const QDBusArgument &operator>>(const QDBusArgument &argument, RunningApplication &value);

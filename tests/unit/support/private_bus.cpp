@@ -32,7 +32,8 @@ const char configuration[] =
 )";
 
 // Keeps the daemon: the end of standard input, that is the test's end, is the daemon's end.
-const char keeper[] = R"(dbus-daemon --nofork --nopidfile --print-address=1 --config-file="$1" </dev/null &
+const char keeper[] =
+    R"(dbus-daemon --nofork --nopidfile --print-address=1 --config-file="$1" </dev/null 2>"$1.log" &
 read -r nothing
 kill $!
 wait)";
@@ -108,7 +109,9 @@ PrivateBus::PrivateBus()
 
     m_address = QString::fromUtf8(readLine(m_output));
     if (m_address.isEmpty()) {
-        qFatal("dbus-daemon does not start");
+        QFile log(file.fileName() + QStringLiteral(".log"));
+        const QByteArray reason = log.open(QIODevice::ReadOnly) ? log.readAll() : QByteArray();
+        qFatal("dbus-daemon does not start: %s", reason.constData());
     }
 }
 
