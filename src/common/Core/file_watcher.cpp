@@ -46,7 +46,8 @@ void FileWatcher::watch(const QStringList &paths)
         const auto file = fileAt(path);
         const auto watched = m_watched.find(path);
         if (watched != m_watched.end()) {
-            if (file == watched->file) {
+            const bool namedTwice = watched->watcher == nullptr;
+            if (namedTwice || file == watched->file) {
                 continue;
             }
             watched->watcher->removePath(path);

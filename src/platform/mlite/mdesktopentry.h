@@ -10,8 +10,9 @@ class MDesktopEntryPrivate;
 /// A desktop file in the format of the Desktop Entry Specification, read when the object is made.
 ///
 /// Stands in for the platform's class of the same name with the operations that are used here. The main
-/// group is `[Desktop Entry]`. A value that is missing, not UTF-8 or holds an unknown escape reads as empty.
-/// An entry that is not valid reads as empty throughout, and a debug message has said what was wrong.
+/// group is `[Desktop Entry]`. A value that is missing or not UTF-8 reads as empty; an unknown escape stays
+/// as it stands. An entry that is not valid reads as empty throughout, and a debug message has said what was
+/// wrong.
 ///
 /// Reading never waits and takes files up to 1 MiB: what is no regular file, a FIFO for example, is not
 /// valid.
