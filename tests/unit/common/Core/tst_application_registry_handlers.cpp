@@ -195,11 +195,16 @@ void TestApplicationRegistryHandlers::mimeTypeGoesByName()
     install("png", "image/png");
     install("unknown", "application/octet-stream");
     install("directory", "inode/directory");
-    if (uri == QLatin1String("CONTENT")) {
-        uri = QUrl::fromLocalFile(m_fixture.write(QStringLiteral("home/picture"), "\x89PNG\r\n\x1a\n"))
-                  .toString();
-    }
     QTEST(offered(uri), "offer");
+}
+
+void TestApplicationRegistryHandlers::contentDoesNotCount()
+{
+    install("png", "image/png");
+    install("directory", "inode/directory");
+    const QString picture = m_fixture.write(QStringLiteral("home/text.txt"), "\x89PNG\r\n\x1a\n");
+    QCOMPARE(offered(QUrl::fromLocalFile(picture).toString()), QString());
+    QCOMPARE(offered(QUrl::fromLocalFile(m_fixture.path(QStringLiteral("home"))).toString()), QString());
 }
 
 void TestApplicationRegistryHandlers::wildcardCoversTheKnownTypes()
