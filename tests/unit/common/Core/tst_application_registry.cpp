@@ -3,11 +3,13 @@
 #include "common/Core/catalogue_fixture.h"
 #include "support/log_capture.h"
 
+#include <QScopeGuard>
 #include <QSignalSpy>
 #include <QtTest>
 
 #include <cstdio>
 #include <sys/stat.h>
+#include <unistd.h>
 
 using namespace Core;
 using TestSupport::LogCapture;
@@ -290,6 +292,7 @@ void TestApplicationRegistry::brokenFilesDoNotStopTheScan()
     const QByteArray rawName =
         QFile::encodeName(m_fixture.path(QStringLiteral("one/applications/"))) + "\xff.desktop";
     QCOMPARE(::mknod(rawName.constData(), S_IFREG | 0600, 0), 0);
+    const auto removed = qScopeGuard([&rawName] { ::unlink(rawName.constData()); }); // QDir cannot
 
     const LogCapture log;
     const ApplicationRegistry registry;
