@@ -1,0 +1,775 @@
+#include "Core/launching_application.h"
+
+#include "launch_fixture.h"
+
+#include <QPointer>
+
+using namespace Core;
+using namespace TestSupport;
+
+namespace {
+
+const QString deniedMessage = QStringLiteral("Application not allowed by sailjaild");
+const QString failureWarning = QStringLiteral("Failed to setup child process");
+const QByteArrayList sleepArguments { "/bin/sleep", "60" };
+
+/// Until the end of the scope, this process can open nothing more.
+class NoFreeDescriptors
+{
+public:
+    NoFreeDescriptors()
+    {
+        ::getrlimit(RLIMIT_NOFILE, &m_saved);
+        const rlimit few = { 256, m_saved.rlim_max }; // other threads still poll what they have
+        ::setrlimit(RLIMIT_NOFILE, &few);
+        int fd = -1;
+        while ((fd = ::dup(STDOUT_FILENO)) != -1) {
+            m_taken << fd;
+        }
+    }
+    ~NoFreeDescriptors()
+    {
+        for (const int fd : qAsConst(m_taken)) {
+            ::close(fd);
+        }
+        ::setrlimit(RLIMIT_NOFILE, &m_saved);
+    }
+    NoFreeDescriptors(const NoFreeDescriptors &) = delete;
+    NoFreeDescriptors &operator=(const NoFreeDescriptors &) = delete;
+
+private:
+    rlimit m_saved = {};
+    QList<int> m_taken;
+};
+
+/// A launch whose command line is given, and whose inside can be seen.
+class TestedLaunch : public LaunchingApplication
+{
+public:
+    TestedLaunch(const LaunchRequest &request, CGroupController *controller, QObject *parent = nullptr)
+        : LaunchingApplication(request, controller, parent)
+    {
+        setCallback([this](const ApplicationInstanceId &id, pid_t process, const Error &error) {
+            reports << Report { id.text(), process, error.code(), error.message() };
+            if (onReport) {
+                const auto run = onReport;
+                run();
+            }
+        });
+    }
+
+    bool prepare() override
+    {
+        spawner.setArguments(arguments);
+        return onPrepare ? onPrepare() : true;
+    }
+
+    using LaunchingApplication::callback;
+    using LaunchingApplication::fail;
+    using LaunchingApplication::instanceId;
+    using LaunchingApplication::packageName;
+    using LaunchingApplication::pendingSteps;
+    using LaunchingApplication::promptPermissions;
+    using LaunchingApplication::references;
+    using LaunchingApplication::spawner;
+    using LaunchingApplication::stderrFile;
+    using LaunchingApplication::stdoutFile;
+    using LaunchingApplication::stepDone;
+
+    QByteArrayList arguments;
+    std::function<bool()> onPrepare;
+    std::function<void()> onReport;
+    static QList<Report> reports;
+};
+
+QList<Report> TestedLaunch::reports;
+
+} // namespace
+
+class TestLaunchingApplication : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+    void cleanup();
+
+    // The steps
+    void programRunsWhenAllStepsHaveEnded();
+    void childIsBlockedUntilSailjaildAnswers();
+    void setupRunsAfterStartHasReturned();
+    void stepsMayEndInAnyOrder_data();
+    void stepsMayEndInAnyOrder();
+    void everyStepHoldsTheChild();
+    void promptHoldsTheChildAndIsAskedForThePackage();
+
+    // Failures
+    void failedPreparationMakesNoChild();
+    void failedSpawnIsReturned();
+    void applicationThatIsNotAllowedDoesNotRun_data();
+    void applicationThatIsNotAllowedDoesNotRun();
+    void refusedPromptDoesNotRun();
+    void denialWhileAPromptIsOpenIsReportedOnce_data();
+    void denialWhileAPromptIsOpenIsReportedOnce();
+    void failedLaunchNeverReachesTheRelease();
+    void failureIsReportedOnce();
+    void failureWithoutErrorIsNotReported();
+    void groupThatCannotBeMadeFailsTheSetup();
+    void childThatIsDeadFailsTheSetup();
+    void childThatDiesAfterTheSetupFailsTheRelease();
+
+    // The end
+    void objectDeletesItselfAfterSuccess();
+    void deletionEndsABlockedChildWithoutAReport();
+    void releasedProgramOutlivesTheObject();
+    void emptyCallbackIsAllowed_data();
+    void emptyCallbackIsAllowed();
+    void callbackMayEndTheOwner_data();
+    void callbackMayEndTheOwner();
+
+    // What the child gets
+    void instanceNumberIsThePidUnlessSingle_data();
+    void instanceNumberIsThePidUnlessSingle();
+    void childIsInItsGroupsBeforeItRuns();
+    void childWritesItsScore_data();
+    void childWritesItsScore();
+    void childLeadsAProcessGroup();
+    void environmentIsTheServicesAndTheApplications();
+    void outputGoesToTheOpenFiles_data();
+    void outputGoesToTheOpenFiles();
+
+private:
+    TestedLaunch *make(const QByteArrayList &arguments, QObject *parent = nullptr);
+    void verifyEnded(pid_t pid, int exitStatus);
+
+    std::unique_ptr<LaunchWorld> m_world;
+    std::unique_ptr<Sailjaild> m_sailjaild;
+    std::unique_ptr<LogCapture> m_log;
+    LaunchRequest m_request;
+    QByteArray m_recorder;
+};
+
+void TestLaunchingApplication::initTestCase()
+{
+    m_world = std::make_unique<LaunchWorld>();
+    m_world->install(desktopFile("Exec=/bin/true"));
+}
+
+void TestLaunchingApplication::init()
+{
+    m_sailjaild = std::make_unique<Sailjaild>(m_world->bus());
+    m_log = std::make_unique<LogCapture>();
+    m_request = {};
+    m_request.appId = ApplicationId(testAppId);
+    m_recorder = m_world->recorder().toUtf8();
+    TestedLaunch::reports.clear();
+}
+
+void TestLaunchingApplication::cleanup()
+{
+    m_log.reset();
+    m_sailjaild.reset();
+    QCOMPARE(::waitpid(-1, nullptr, WNOHANG), -1);
+    QCOMPARE(errno, ECHILD);
+}
+
+TestedLaunch *TestLaunchingApplication::make(const QByteArrayList &arguments, QObject *parent)
+{
+    auto *launch = new TestedLaunch(m_request, m_world->cgroups(), parent);
+    launch->arguments = arguments;
+    return launch;
+}
+
+void TestLaunchingApplication::verifyEnded(pid_t pid, int exitStatus)
+{
+    const int status = waitForChild(pid);
+    QVERIFY2(WIFEXITED(status), qPrintable(QString::number(status)));
+    QCOMPARE(WEXITSTATUS(status), exitStatus);
+}
+
+void TestLaunchingApplication::programRunsWhenAllStepsHaveEnded()
+{
+    QPointer<TestedLaunch> launch = make({ m_recorder, "a", "", "b c" });
+    const pid_t pid = launch->start();
+    QVERIFY(pid > 0);
+    QCOMPARE(TestedLaunch::reports, QList<Report>());
+    QTRY_COMPARE(TestedLaunch::reports, (QList<Report> { { testAppId, pid, Error::NoError, QString() } }));
+    verifyEnded(pid, 0);
+    QCOMPARE(m_world->recorded(),
+             (QStringList { QString::fromUtf8(m_recorder), QStringLiteral("a"), QString(),
+                            QStringLiteral("b c") }));
+    QCOMPARE(m_sailjaild->askedAllowed(), QStringList { testPackage });
+    QCOMPARE(m_sailjaild->askedPrompt(), QStringList());
+    QTRY_VERIFY(!launch);
+    QCOMPARE(TestedLaunch::reports.size(), 1);
+    QCOMPARE(m_log->messages(), QStringList());
+}
+
+void TestLaunchingApplication::childIsBlockedUntilSailjaildAnswers()
+{
+    m_sailjaild->holdsAllowed = true;
+    QPointer<TestedLaunch> launch = make({ m_recorder });
+    const pid_t pid = launch->start();
+    QTRY_COMPARE(launch->pendingSteps, 1);
+    QVERIFY(staysAlive(pid));
+    QCOMPARE(m_world->recorded(), QStringList());
+    QCOMPARE(TestedLaunch::reports, QList<Report>());
+
+    m_sailjaild->answerAllowed();
+    QTRY_COMPARE(TestedLaunch::reports, (QList<Report> { { testAppId, pid, Error::NoError, QString() } }));
+    verifyEnded(pid, 0);
+    QCOMPARE(m_world->recorded().size(), 1);
+}
+
+void TestLaunchingApplication::setupRunsAfterStartHasReturned()
+{
+    m_sailjaild->holdsAllowed = true;
+    std::unique_ptr<TestedLaunch> launch(make({ m_recorder }));
+    QCOMPARE(launch->pendingSteps, 1);
+    QCOMPARE(launch->instanceId.text(), QString());
+    const pid_t pid = launch->start();
+    QCOMPARE(launch->pendingSteps, 2);
+    QCOMPARE(launch->instanceId.text(), testAppId);
+    const QString group = m_world->groupPath(QStringLiteral("memory"), testAppId);
+    QDir(group).removeRecursively();
+    QCoreApplication::sendPostedEvents(launch.get(), QEvent::MetaCall);
+    QCOMPARE(launch->pendingSteps, 1);
+    QVERIFY(QFileInfo::exists(group));
+    launch.reset();
+    verifyEnded(pid, 1);
+}
+
+void TestLaunchingApplication::stepsMayEndInAnyOrder_data()
+{
+    QTest::addColumn<bool>("promptFirst");
+    QTest::newRow("allowed, then granted") << false;
+    QTest::newRow("granted, then allowed") << true;
+}
+
+void TestLaunchingApplication::stepsMayEndInAnyOrder()
+{
+    QFETCH(bool, promptFirst);
+    m_sailjaild->holdsAllowed = true;
+    m_sailjaild->holdsPrompt = true;
+    QPointer<TestedLaunch> launch = make({ m_recorder });
+    launch->onPrepare = [launch] {
+        launch->promptPermissions([launch](const QStringList &) { launch->stepDone(); });
+        return true;
+    };
+    const pid_t pid = launch->start();
+    QCOMPARE(launch->pendingSteps, 3);
+    QTRY_COMPARE(launch->pendingSteps, 2);
+    QTRY_COMPARE(m_sailjaild->object.calls().size(), 2);
+    if (promptFirst) {
+        m_sailjaild->answerPrompt();
+    } else {
+        m_sailjaild->answerAllowed();
+    }
+    QTRY_COMPARE(launch->pendingSteps, 1);
+    QVERIFY(staysAlive(pid));
+    QCOMPARE(TestedLaunch::reports.size(), 0);
+    if (promptFirst) {
+        m_sailjaild->answerAllowed();
+    } else {
+        m_sailjaild->answerPrompt();
+    }
+    QTRY_COMPARE(TestedLaunch::reports.size(), 1);
+    verifyEnded(pid, 0);
+    QCOMPARE(m_world->recorded().size(), 1);
+}
+
+void TestLaunchingApplication::everyStepHoldsTheChild()
+{
+    QPointer<TestedLaunch> launch = make({ m_recorder });
+    launch->onPrepare = [launch] {
+        ++launch->pendingSteps;
+        return true;
+    };
+    const pid_t pid = launch->start();
+    QTRY_COMPARE(launch->pendingSteps, 1);
+    QVERIFY(staysAlive(pid));
+    launch->stepDone();
+    QCOMPARE(TestedLaunch::reports.size(), 1);
+    verifyEnded(pid, 0);
+}
+
+void TestLaunchingApplication::promptHoldsTheChildAndIsAskedForThePackage()
+{
+    m_sailjaild->granted = QStringList { QStringLiteral("Audio") };
+    QPointer<TestedLaunch> launch = make({ m_recorder });
+    QStringList granted;
+    launch->onPrepare = [launch, &granted] {
+        launch->promptPermissions([launch, &granted](const QStringList &permissions) {
+            granted = permissions;
+            launch->stepDone();
+        });
+        return true;
+    };
+    const pid_t pid = launch->start();
+    QTRY_COMPARE(TestedLaunch::reports.size(), 1);
+    QCOMPARE(granted, QStringList { QStringLiteral("Audio") });
+    QCOMPARE(m_sailjaild->askedPrompt(), QStringList { testPackage });
+    verifyEnded(pid, 0);
+}
+
+void TestLaunchingApplication::failedPreparationMakesNoChild()
+{
+    std::unique_ptr<TestedLaunch> launch(make({ m_recorder }));
+    launch->onPrepare = [] {
+        return false;
+    };
+    QVERIFY(launch->start() < 0);
+    QCOMPARE(m_log->messages(),
+             QStringList { QStringLiteral("Error preparing launch for \"org.example.Notes\"") });
+    // The answer of sailjaild still comes, to an object that nobody deletes here.
+    QTRY_COMPARE(m_sailjaild->askedAllowed().size(), 1);
+    QTRY_COMPARE(launch->pendingSteps, 1);
+    QCOMPARE(TestedLaunch::reports, QList<Report>());
+}
+
+void TestLaunchingApplication::failedSpawnIsReturned()
+{
+    std::unique_ptr<TestedLaunch> launch(make({ m_recorder }));
+    pid_t pid = 0;
+    {
+        const NoFreeDescriptors none;
+        pid = launch->start();
+    }
+    QVERIFY(pid < 0);
+    QCOMPARE(m_log->messages(),
+             (QStringList { QStringLiteral("Failed to create IPC pipe to child process"),
+                            QStringLiteral("Failed to start child process") }));
+    QCOMPARE(launch->instanceId.text(), QString());
+}
+
+void TestLaunchingApplication::applicationThatIsNotAllowedDoesNotRun_data()
+{
+    QTest::addColumn<QString>("daemon");
+    QTest::newRow("says no") << QStringLiteral("no");
+    QTest::newRow("is absent") << QStringLiteral("absent");
+    QTest::newRow("answers with an error") << QStringLiteral("error");
+    QTest::newRow("answers another type") << QStringLiteral("type");
+}
+
+void TestLaunchingApplication::applicationThatIsNotAllowedDoesNotRun()
+{
+    QFETCH(QString, daemon);
+    m_sailjaild->allowed = 0;
+    if (daemon == QLatin1String("absent")) {
+        m_sailjaild.reset();
+    } else if (daemon == QLatin1String("error")) {
+        m_sailjaild->object.setHandler([](const QDBusMessage &call, const QDBusConnection &connection) {
+            connection.send(call.createErrorReply(QDBusError::Failed, QStringLiteral("no")));
+        });
+    } else if (daemon == QLatin1String("type")) {
+        m_sailjaild->object.answerWith({ QStringLiteral("1") });
+    }
+    QPointer<TestedLaunch> launch = make({ m_recorder });
+    const pid_t pid = launch->start();
+    QVERIFY(pid > 0);
+    QTRY_COMPARE(TestedLaunch::reports, QList<Report> { failure(Error::AccessDenied, deniedMessage) });
+    QTRY_VERIFY(!launch);
+    verifyEnded(pid, 1);
+    QCOMPARE(m_world->recorded(), QStringList());
+    QCOMPARE(TestedLaunch::reports.size(), 1);
+    QCOMPARE(m_log->messages(QtDebugMsg),
+             QStringList { QStringLiteral("Application not allowed by sailjaild: \"notes.v2\"") });
+    QCOMPARE(m_log->warnings(), QStringList { failureWarning });
+}
+
+void TestLaunchingApplication::refusedPromptDoesNotRun()
+{
+    m_sailjaild->refusal = QStringLiteral("The user said no");
+    QPointer<TestedLaunch> launch = make({ m_recorder });
+    launch->onPrepare = [launch] {
+        launch->promptPermissions([launch](const QStringList &) { launch->stepDone(); });
+        return true;
+    };
+    const pid_t pid = launch->start();
+    QTRY_COMPARE(TestedLaunch::reports, QList<Report> { failure(Error::AccessDenied, m_sailjaild->refusal) });
+    QTRY_VERIFY(!launch);
+    verifyEnded(pid, 1);
+    QCOMPARE(m_world->recorded(), QStringList());
+    QCOMPARE(m_log->messages(),
+             (QStringList { QStringLiteral("Permissions request failed: \"The user said no\""),
+                            QStringLiteral("Perhaps the user has declined to grant permissions"),
+                            failureWarning }));
+}
+
+void TestLaunchingApplication::denialWhileAPromptIsOpenIsReportedOnce_data()
+{
+    QTest::addColumn<QString>("refusal");
+    QTest::addColumn<bool>("atOnce");
+    QTest::newRow("granted with it") << QString() << true;
+    QTest::newRow("refused with it") << QStringLiteral("no") << true;
+    QTest::newRow("granted later") << QString() << false;
+    QTest::newRow("refused later") << QStringLiteral("no") << false;
+}
+
+void TestLaunchingApplication::denialWhileAPromptIsOpenIsReportedOnce()
+{
+    QFETCH(QString, refusal);
+    QFETCH(bool, atOnce);
+    m_sailjaild->allowed = 0;
+    m_sailjaild->holdsAllowed = true;
+    m_sailjaild->holdsPrompt = true;
+    m_sailjaild->refusal = refusal;
+    QPointer<TestedLaunch> launch = make({ m_recorder });
+    launch->onPrepare = [launch] {
+        launch->promptPermissions([launch](const QStringList &) { launch->stepDone(); });
+        return true;
+    };
+    const pid_t pid = launch->start();
+    QTRY_COMPARE(m_sailjaild->object.calls().size(), 2);
+    m_sailjaild->answerAllowed();
+    if (atOnce) {
+        m_sailjaild->answerPrompt();
+    }
+    QTRY_COMPARE(TestedLaunch::reports.size(), 1);
+    QTRY_VERIFY(!launch);
+    m_sailjaild->answerPrompt();
+    verifyEnded(pid, 1);
+    QTest::qWait(50);
+    QCOMPARE(TestedLaunch::reports, QList<Report> { failure(Error::AccessDenied, deniedMessage) });
+    QCOMPARE(m_world->recorded(), QStringList());
+}
+
+void TestLaunchingApplication::failedLaunchNeverReachesTheRelease()
+{
+    m_sailjaild->holdsAllowed = true;
+    QPointer<TestedLaunch> launch = make({ m_recorder });
+    const pid_t pid = launch->start();
+    QTRY_COMPARE(m_sailjaild->askedAllowed().size(), 1);
+    QTRY_COMPARE(launch->pendingSteps, 1);
+    ++launch->pendingSteps; // a step that fails does not end
+    launch->fail(Error(Error::InvalidArgs, QStringLiteral("bad")));
+    launch->stepDone(); // the late answer of another one
+    QCOMPARE(launch->pendingSteps, 1);
+    QTRY_VERIFY(!launch);
+    verifyEnded(pid, 1);
+    QCOMPARE(TestedLaunch::reports, QList<Report> { failure(Error::InvalidArgs, QStringLiteral("bad")) });
+    QCOMPARE(m_world->recorded(), QStringList());
+}
+
+void TestLaunchingApplication::failureIsReportedOnce()
+{
+    QPointer<TestedLaunch> launch = make({ m_recorder });
+    launch->fail(Error(Error::Failed, QStringLiteral("first")));
+    QVERIFY(!launch->callback);
+    launch->fail(Error(Error::InvalidArgs, QStringLiteral("second")));
+    QCOMPARE(TestedLaunch::reports, QList<Report> { failure(Error::Failed, QStringLiteral("first")) });
+    QCOMPARE(m_log->messages(), (QStringList { failureWarning, failureWarning }));
+    QTRY_VERIFY(!launch);
+}
+
+void TestLaunchingApplication::failureWithoutErrorIsNotReported()
+{
+    QPointer<TestedLaunch> launch = make({ m_recorder });
+    launch->fail(Error());
+    QCOMPARE(TestedLaunch::reports, QList<Report>());
+    QVERIFY(launch->callback);
+    QCOMPARE(m_log->messages(), QStringList { failureWarning });
+    QTRY_VERIFY(!launch);
+}
+
+void TestLaunchingApplication::groupThatCannotBeMadeFailsTheSetup()
+{
+    // A file in the place of the application's directory.
+    const QString directory = m_world->groupPath(QStringLiteral("freezer"), testAppId);
+    QDir(directory).removeRecursively();
+    QFile obstacle(directory);
+    QVERIFY(obstacle.open(QIODevice::WriteOnly));
+    obstacle.close();
+
+    QPointer<TestedLaunch> launch = make({ m_recorder });
+    const pid_t pid = launch->start();
+    QVERIFY(pid > 0);
+    QTRY_COMPARE(TestedLaunch::reports,
+                 QList<Report> { failure(Error::Failed, QStringLiteral("Cannot setup child process")) });
+    QTRY_VERIFY(!launch);
+    QVERIFY(obstacle.remove());
+    verifyEnded(pid, 1);
+    QCOMPARE(m_world->recorded(), QStringList());
+    const QStringList warnings = m_log->warnings();
+    QCOMPARE(warnings.size(), 3); // the first is the control group controller's
+    QCOMPARE(warnings.mid(1), (QStringList { QStringLiteral("Could not setup cgroup"), failureWarning }));
+}
+
+void TestLaunchingApplication::childThatIsDeadFailsTheSetup()
+{
+    const Disposition ignored(SIGPIPE, SIG_IGN);
+    QPointer<TestedLaunch> launch = make({ m_recorder });
+    const pid_t pid = launch->start();
+    QCOMPARE(::kill(pid, SIGKILL), 0);
+    waitForChild(pid);
+    QTRY_COMPARE(TestedLaunch::reports,
+                 QList<Report> { failure(Error::Failed, QStringLiteral("Cannot setup child process")) });
+    QTRY_VERIFY(!launch);
+    QCOMPARE(m_log->warnings(),
+             (QStringList { QStringLiteral("Error sending OOM data to child process"), failureWarning }));
+    QCOMPARE(TestedLaunch::reports.size(), 1);
+}
+
+void TestLaunchingApplication::childThatDiesAfterTheSetupFailsTheRelease()
+{
+    const Disposition ignored(SIGPIPE, SIG_IGN);
+    m_sailjaild->holdsAllowed = true;
+    QPointer<TestedLaunch> launch = make({ m_recorder });
+    const pid_t pid = launch->start();
+    QTRY_COMPARE(launch->pendingSteps, 1);
+    QTRY_COMPARE(m_sailjaild->askedAllowed().size(), 1);
+    QCOMPARE(::kill(pid, SIGKILL), 0);
+    waitForChild(pid);
+    m_sailjaild->answerAllowed();
+    QTRY_COMPARE(TestedLaunch::reports,
+                 QList<Report> { failure(Error::Failed, QStringLiteral("exec() call failed")) });
+    QTRY_VERIFY(!launch);
+    QCOMPARE(m_log->warnings(),
+             (QStringList { QStringLiteral("Error starting child program"), failureWarning }));
+    QCOMPARE(TestedLaunch::reports.size(), 1);
+}
+
+void TestLaunchingApplication::objectDeletesItselfAfterSuccess()
+{
+    QPointer<TestedLaunch> launch = make(sleepArguments);
+    // The object is whole while it reports.
+    int references = 0;
+    launch->onReport = [launch, &references] {
+        references = launch ? launch->references : -1;
+    };
+    const pid_t pid = launch->start();
+    QTRY_COMPARE(TestedLaunch::reports.size(), 1);
+    QCOMPARE(references, 1);
+    QTRY_VERIFY(!launch);
+    QCOMPARE(::kill(pid, SIGKILL), 0);
+    waitForChild(pid);
+}
+
+void TestLaunchingApplication::deletionEndsABlockedChildWithoutAReport()
+{
+    m_sailjaild->holdsAllowed = true;
+    auto owner = std::make_unique<QObject>();
+    QPointer<TestedLaunch> launch = make({ m_recorder }, owner.get());
+    const pid_t pid = launch->start();
+    QTRY_COMPARE(launch->pendingSteps, 1);
+    owner.reset();
+    QVERIFY(!launch);
+    verifyEnded(pid, 1);
+    m_sailjaild->answerAllowed();
+    QTest::qWait(50);
+    QCOMPARE(TestedLaunch::reports, QList<Report>());
+}
+
+void TestLaunchingApplication::releasedProgramOutlivesTheObject()
+{
+    QPointer<TestedLaunch> launch = make(sleepArguments);
+    const pid_t pid = launch->start();
+    QTRY_VERIFY(!launch);
+    QVERIFY(staysAlive(pid));
+    QCOMPARE(::kill(pid, SIGKILL), 0);
+    waitForChild(pid);
+}
+
+void TestLaunchingApplication::emptyCallbackIsAllowed_data()
+{
+    QTest::addColumn<bool>("allowed");
+    QTest::newRow("success") << true;
+    QTest::newRow("failure") << false;
+}
+
+void TestLaunchingApplication::emptyCallbackIsAllowed()
+{
+    QFETCH(bool, allowed);
+    m_sailjaild->allowed = allowed ? 1 : 0;
+    QPointer<TestedLaunch> launch = make({ m_recorder });
+    launch->setCallback(nullptr);
+    const pid_t pid = launch->start();
+    QTRY_VERIFY(!launch);
+    verifyEnded(pid, allowed ? 0 : 1);
+}
+
+void TestLaunchingApplication::callbackMayEndTheOwner_data()
+{
+    QTest::addColumn<QString>("outcome");
+    QTest::newRow("success") << QStringLiteral("success");
+    QTest::newRow("not allowed") << QStringLiteral("not allowed");
+    QTest::newRow("refused") << QStringLiteral("refused");
+    QTest::newRow("release fails") << QStringLiteral("release");
+    QTest::newRow("setup fails") << QStringLiteral("setup");
+}
+
+void TestLaunchingApplication::callbackMayEndTheOwner()
+{
+    QFETCH(QString, outcome);
+    const Disposition ignored(SIGPIPE, SIG_IGN);
+    m_sailjaild->allowed = outcome == QLatin1String("not allowed") ? 0 : 1;
+    m_sailjaild->refusal = outcome == QLatin1String("refused") ? outcome : QString();
+    m_sailjaild->holdsAllowed = outcome == QLatin1String("release");
+    auto *owner = new QObject;
+    QPointer<TestedLaunch> launch = make({ m_recorder }, owner);
+    launch->onPrepare = [launch] {
+        launch->promptPermissions([launch](const QStringList &) { launch->stepDone(); });
+        return true;
+    };
+    launch->onReport = [owner] {
+        delete owner;
+    };
+    const pid_t pid = launch->start();
+    if (outcome == QLatin1String("setup")) {
+        ::kill(pid, SIGKILL);
+        waitForChild(pid);
+    } else if (outcome == QLatin1String("release")) {
+        QTRY_COMPARE(launch->pendingSteps, 1);
+        QTRY_COMPARE(m_sailjaild->askedAllowed().size(), 1);
+        ::kill(pid, SIGKILL);
+        waitForChild(pid);
+        m_sailjaild->answerAllowed();
+    }
+    QTRY_COMPARE(TestedLaunch::reports.size(), 1);
+    QVERIFY(!launch);
+    ::waitpid(pid, nullptr, 0);
+}
+
+void TestLaunchingApplication::instanceNumberIsThePidUnlessSingle_data()
+{
+    QTest::addColumn<bool>("single");
+    QTest::newRow("single instance") << true;
+    QTest::newRow("several instances") << false;
+}
+
+void TestLaunchingApplication::instanceNumberIsThePidUnlessSingle()
+{
+    QFETCH(bool, single);
+    m_request.launchData.singleInstance = single;
+    for (int round = 0; round < 2; ++round) {
+        TestedLaunch::reports.clear();
+        const pid_t pid = make({ m_recorder })->start();
+        const QString id = single ? testAppId : QStringLiteral("org.example.Notes.instance_%1").arg(pid);
+        QTRY_COMPARE(TestedLaunch::reports, (QList<Report> { { id, pid, Error::NoError, QString() } }));
+        verifyEnded(pid, 0);
+    }
+}
+
+void TestLaunchingApplication::childIsInItsGroupsBeforeItRuns()
+{
+    m_sailjaild->holdsAllowed = true;
+    m_request.launchData.singleInstance = false;
+    QPointer<TestedLaunch> launch = make({ m_recorder });
+    const pid_t pid = launch->start();
+    QTRY_COMPARE(launch->pendingSteps, 1);
+    for (const QString &controller : LaunchWorld::controllers()) {
+        const QString group = m_world->groupPath(
+            controller, QStringLiteral("org.example.Notes/instance_%1/cgroup.procs").arg(pid));
+        QCOMPARE(LaunchWorld::read(group), QByteArray::number(pid));
+    }
+    QVERIFY(staysAlive(pid));
+    delete launch;
+    verifyEnded(pid, 1);
+}
+
+void TestLaunchingApplication::childWritesItsScore_data()
+{
+    QTest::addColumn<int>("score");
+    QTest::newRow("direct") << -100;
+    QTest::newRow("neutral") << 0;
+}
+
+void TestLaunchingApplication::childWritesItsScore()
+{
+    QFETCH(int, score);
+    QPointer<TestedLaunch> launch = make(sleepArguments);
+    launch->setOomScore(score);
+    const pid_t pid = launch->start();
+    QTRY_COMPARE(m_world->readBelow(QStringLiteral("proc/%1/oom_score_adj").arg(pid)),
+                 QByteArray::number(score));
+    QTRY_VERIFY(!launch);
+    QCOMPARE(::kill(pid, SIGKILL), 0);
+    waitForChild(pid);
+}
+
+void TestLaunchingApplication::childLeadsAProcessGroup()
+{
+    const pid_t pid = make(sleepArguments)->start();
+    QTRY_COMPARE(TestedLaunch::reports.size(), 1);
+    QTRY_COMPARE(::getpgid(pid), pid);
+    QCOMPARE(::kill(-pid, SIGKILL), 0);
+    waitForChild(pid);
+}
+
+void TestLaunchingApplication::environmentIsTheServicesAndTheApplications()
+{
+    m_request.launchData.singleInstance = false;
+    m_request.debugParams.environment =
+        QStringList { QStringLiteral("SOLVANE_APP_ID=other"), QStringLiteral("K\u00e4se=1"),
+                      QStringLiteral("no assignment") };
+    QByteArrayList inherited;
+    for (char **entry = environ; *entry; ++entry) {
+        inherited << QByteArray(*entry);
+    }
+    QVERIFY(inherited.size() > 3);
+    const QString output = m_world->path(QStringLiteral("environment"));
+    QPointer<TestedLaunch> launch = make({ "/bin/cat", "/proc/self/environ" });
+    launch->onPrepare = [launch, output] {
+        launch->stdoutFile.setFileName(output);
+        return launch->stdoutFile.open(QIODevice::WriteOnly);
+    };
+    const pid_t pid = launch->start();
+    QTRY_COMPARE(TestedLaunch::reports.size(), 1);
+    verifyEnded(pid, 0);
+
+    // Later entries of a name stand behind the earlier ones.
+    const QByteArrayList expected = inherited
+        + QByteArrayList { "SOLVANE_APP_ID=org.example.Notes",
+                           "SOLVANE_APP_INSTANCE_ID=org.example.Notes.instance_" + QByteArray::number(pid),
+                           "SOLVANE_PACKAGE_NAME=notes.v2",
+                           "SOLVANE_APP_ID=other",
+                           "K\xc3\xa4se=1",
+                           "no assignment" };
+    QByteArrayList entries = LaunchWorld::read(output).split('\0');
+    QCOMPARE(entries.takeLast(), QByteArray());
+    QCOMPARE(entries, expected);
+}
+
+void TestLaunchingApplication::outputGoesToTheOpenFiles_data()
+{
+    QTest::addColumn<bool>("out");
+    QTest::addColumn<bool>("err");
+    QTest::newRow("both") << true << true;
+    QTest::newRow("only standard output") << true << false;
+    QTest::newRow("only standard error") << false << true;
+    QTest::newRow("none") << false << false;
+}
+
+void TestLaunchingApplication::outputGoesToTheOpenFiles()
+{
+    QFETCH(bool, out);
+    QFETCH(bool, err);
+    const QString outPath = m_world->path(QStringLiteral("out"));
+    const QString errPath = m_world->path(QStringLiteral("err"));
+    QFile::remove(outPath);
+    QFile::remove(errPath);
+    const QByteArray program = m_world->script(QStringLiteral("talker"), "echo one\necho two >&2\n").toUtf8();
+    QPointer<TestedLaunch> launch = make({ program });
+    launch->onPrepare = [=] {
+        launch->stdoutFile.setFileName(outPath);
+        launch->stderrFile.setFileName(errPath);
+        return (!out || launch->stdoutFile.open(QIODevice::Append))
+            && (!err || launch->stderrFile.open(QIODevice::Append));
+    };
+    // Where there is no journal, the rest goes where the test's output goes.
+    const MemoryFile elsewhere;
+    pid_t pid = -1;
+    {
+        const Redirected output(STDOUT_FILENO, elsewhere.fd());
+        const Redirected errors(STDERR_FILENO, elsewhere.fd());
+        pid = launch->start();
+    }
+    QTRY_COMPARE(TestedLaunch::reports.size(), 1);
+    verifyEnded(pid, 0);
+    QCOMPARE(LaunchWorld::read(outPath), QByteArray(out ? "one\n" : ""));
+    QCOMPARE(LaunchWorld::read(errPath), QByteArray(err ? "two\n" : ""));
+}
+
+QTEST_GUILESS_MAIN(TestLaunchingApplication)
+#include "tst_launching_application.moc"
