@@ -1,4 +1,63 @@
-int main()
+#include "DBus/service.h"
+
+#include <QCoreApplication>
+#include <QDebug>
+#include <QTimer>
+
+#include <csignal>
+
+namespace {
+
+void onStopSignal(int signal)
 {
-    return 0;
+    if (signal == SIGTERM || signal == SIGINT) {
+        QCoreApplication::quit();
+    }
+}
+
+sigset_t stopSignals()
+{
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGINT);
+    return set;
+}
+
+void setUpSignals()
+{
+    struct sigaction action = {};
+    action.sa_handler = onStopSignal;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGTERM, &action, nullptr);
+    sigaction(SIGINT, &action, nullptr);
+
+    // A child that dies early closes its pipe; the write then fails and tells so.
+    std::signal(SIGPIPE, SIG_IGN);
+}
+
+/// A quit that comes before the event loop runs is forgotten, so a stop signal has to wait for it.
+/// Threads made meanwhile keep it blocked for good, which leaves it to the main thread.
+void holdStopSignalsUntilEventLoop()
+{
+    const sigset_t held = stopSignals();
+    pthread_sigmask(SIG_BLOCK, &held, nullptr);
+    QTimer::singleShot(0, [held] { pthread_sigmask(SIG_UNBLOCK, &held, nullptr); });
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication application(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("procwarden"));
+    setUpSignals();
+    holdStopSignalsUntilEventLoop();
+
+    DBus::Service service;
+    if (!service.registerObjects()) {
+        qWarning() << "Service registration failed";
+        return EXIT_FAILURE;
+    }
+    return QCoreApplication::exec();
 }

@@ -1,0 +1,57 @@
+#pragma once
+
+#include "Core/block_list.h"
+#include "Core/cgroup_controller.h"
+#include "Core/launcher.h"
+#include "Core/oom_controller.h"
+#include "Core/runtime_controller.h"
+#include "Core/state_table.h"
+#include "Core/termination_waiters.h"
+
+#include <QMap>
+#include <QStringList>
+
+namespace Core {
+
+class Application;
+class Process;
+class ResourceConfiguration;
+
+/// How long a process has between SIGTERM and SIGKILL, in ms: what `PROCWARDEN_KILL_TIMEOUT` says if that is
+/// a decimal number above 0, else the default.
+int killTimeoutFromEnvironment();
+
+class RuntimeControllerPrivate
+{
+public:
+    explicit RuntimeControllerPrivate(RuntimeController *owner);
+    ~RuntimeControllerPrivate();
+
+    void loadStates(const ResourceConfiguration &configuration);
+    void runInitializationCallbacks();
+
+    Error checkStart(const ApplicationId &appId) const;
+    bool hasApplicationWithWindows(const ApplicationId &appId) const;
+    bool hasRecordOf(const QString &idPrefix) const;
+
+    void addApplication(const ApplicationInstanceId &instanceId, pid_t pid, const InvocationContext &context,
+                        const QList<QUrl> &uris);
+    void onApplicationStateChanged(const Application &application, ApplicationState state);
+    void onProcessTerminated(const QString &id, int exitStatus);
+    Error terminate(const QString &id, StopReason reason);
+
+    RuntimeController *const q;
+    StateTable states;
+    CGroupController cgroups;
+    OomController oomController;
+    Launcher launcher;
+    QMap<QString, Process *> records; // whole id text -> record, removed by onProcessTerminated()
+    QStringList launching; // application ids whose launch is under way, removed by its completion
+    int killTimeoutMs;
+    bool initialized = false;
+    QVector<std::function<void()>> initializationCallbacks;
+    BlockList blocked;
+    TerminationWaiters waiters;
+};
+
+} // namespace Core

@@ -1,0 +1,82 @@
+#include "DBus/service.h"
+
+#include "Core/runtime_controller.h"
+#include "DBus/control.h"
+#include "DBus/lifecycle.h"
+#include "DBus/system_control.h"
+#include "DBus/window_management.h"
+
+#include <QDBusConnection>
+#include <QDebug>
+
+namespace DBus {
+
+namespace {
+
+constexpr auto slotsOnly = QDBusConnection::ExportAllSlots;
+constexpr auto slotsAndSignals = QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllSignals;
+
+bool registerObject(QDBusConnection bus, QLatin1String path, QObject *object,
+                    QDBusConnection::RegisterOptions options, const char *failure)
+{
+    if (bus.registerObject(path, object, options)) {
+        return true;
+    }
+    qWarning() << failure;
+    return false;
+}
+
+bool registerName(QDBusConnection bus, QLatin1String name, const char *failure)
+{
+    if (bus.registerService(name)) {
+        return true;
+    }
+    qWarning() << failure;
+    return false;
+}
+
+} // namespace
+
+/// The objects, made in this order and destroyed in the reverse one. `control` is the first to ask for the
+/// runtime controller.
+class ServicePrivate
+{
+public:
+    Control control;
+    WindowManagement windowManagement;
+    Lifecycle lifecycle;
+    SystemControl systemControl;
+};
+
+Service::Service(QObject *parent)
+    : QObject(parent)
+    , d(std::make_unique<ServicePrivate>())
+{
+}
+
+Service::~Service()
+{
+    Core::RuntimeController::instance()->killAll();
+}
+
+bool Service::registerObjects()
+{
+    const auto system = QDBusConnection::systemBus();
+    const auto session = QDBusConnection::sessionBus();
+    const QLatin1String controlPath("/org/kestrix/Procwarden/Control1");
+
+    return registerObject(system, QLatin1String("/org/kestrix/Procwarden/SystemControl1"), &d->systemControl,
+                          slotsOnly, "couldn't register SystemControl object")
+        && registerName(system, QLatin1String("org.kestrix.Procwarden.User"), "couldn't register service")
+        && registerObject(system, controlPath, &d->control, slotsAndSignals,
+                          "couldn't register system Control object")
+        && registerObject(session, controlPath, &d->control, slotsAndSignals,
+                          "couldn't register Control object")
+        && registerObject(session, QLatin1String("/org/kestrix/Procwarden/WindowManagement1"),
+                          &d->windowManagement, slotsOnly, "couldn't register WindowManagement object")
+        && registerObject(session, QLatin1String("/org/kestrix/Procwarden/Lifecycle1"), &d->lifecycle,
+                          slotsAndSignals, "couldn't register Lifecycle object")
+        && registerName(session, QLatin1String("org.kestrix.Procwarden"), "couldn't register service");
+}
+
+} // namespace DBus
