@@ -1,0 +1,46 @@
+"""Calls that show what goes over the bus as it is: signatures, and the types inside variants."""
+
+import xml.etree.ElementTree
+
+import dbus
+import dbus.lowlevel
+
+from stack.client import BusError
+from stack.waiting import LIMIT
+
+
+def call(bus, service, object_name, member, *arguments, signature="", interface=None):
+    """Returns (signature, arguments) of the reply; the arguments keep the bus's types."""
+    name = "org.kestrix.Procwarden." + object_name
+    message = dbus.lowlevel.MethodCallMessage(service, "/" + name.replace(".", "/"), interface or name, member)
+    message.append(*arguments, signature=signature)
+    connection = bus.connect()
+    try:
+        reply = connection.send_message_with_reply_and_block(message, LIMIT)
+    except dbus.DBusException as error:
+        raise BusError(error.get_dbus_name(), error.get_dbus_message()) from None
+    finally:
+        connection.close()
+    return str(reply.get_signature()), reply.get_args_list()
+
+
+def types(details):
+    """Key -> D-Bus type of the variant's content, of an a{sv}."""
+    letters = {dbus.Int32: "i", dbus.UInt32: "u", dbus.String: "s", dbus.Boolean: "b"}
+    return {str(key): "a" + str(value.signature) if isinstance(value, dbus.Array) else letters[type(value)]
+            for key, value in details.items()}
+
+
+def interface(bus, service, object_name):
+    """Members of the object's own interface: "method Name(in) -> out" and "signal Name(arguments)"."""
+    _, (text,) = call(bus, service, object_name, "Introspect", interface="org.freedesktop.DBus.Introspectable")
+    tree = xml.etree.ElementTree.fromstring(text)
+    members = []
+    for node in tree.findall(f"interface[@name='org.kestrix.Procwarden.{object_name}']/*"):
+        arguments = {"in": "", "out": ""}
+        for argument in node.findall("arg"):
+            arguments[argument.get("direction", "in")] += argument.get("type")
+        joined = arguments["in"] + arguments["out"]
+        members.append(f"signal {node.get('name')}({joined})" if node.tag == "signal"
+                       else f"{node.tag} {node.get('name')}({arguments['in']}) -> {arguments['out']}")
+    return members
