@@ -132,10 +132,11 @@ Descriptor openHierarchy(int root, const QByteArray &name)
     }
     std::array<char, NAME_MAX + 1> target = {};
     const ssize_t length = ::readlinkat(root, name.constData(), target.data(), target.size() - 1);
-    if (length < 1 || QByteArray::fromRawData(target.data(), static_cast<int>(length)).contains('/')) {
+    const QByteArray sibling(target.data(), length > 0 ? static_cast<int>(length) : 0);
+    if (sibling.isEmpty() || sibling.contains('/') || sibling == "." || sibling == "..") {
         return directory;
     }
-    return Descriptor(::openat(root, target.data(), openDirectoryFlags));
+    return Descriptor(::openat(root, sibling.constData(), openDirectoryFlags));
 }
 
 /// In a directory that nothing is mounted on yet, the groups would be nothing but directories.

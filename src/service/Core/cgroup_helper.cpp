@@ -49,17 +49,24 @@ void CGroupHelperPrivate::createUserHierarchies(uint userId,
                                                 const CGroupHelper::CreateUserHierarchiesCb &callback)
 {
     // The bus's own time-out holds: a helper that never answers comes back as an error.
-    auto *watcher =
-        new QDBusPendingCallWatcher(asyncCall(QStringLiteral("CreateUserHierarchies"), userId), this);
-    connect(watcher, &QDBusPendingCallWatcher::finished, this, [watcher, callback] {
-        watcher->deleteLater();
-        // A reply whose first argument is no string counts as an error here.
-        const QDBusPendingReply<QString> reply = *watcher;
+    const QDBusPendingCall call = asyncCall(QStringLiteral("CreateUserHierarchies"), userId);
+    // A reply whose first argument is no string counts as an error here.
+    const auto finish = [callback](const QDBusPendingReply<QString> &reply) {
         if (reply.isError()) {
             callback(QString(), toCoreError(reply.error()));
         } else {
             callback(reply.value(), Error());
         }
+    };
+    // Without a connection to the bus the call fails here and now, and a watcher would never tell.
+    if (call.isFinished()) {
+        finish(call);
+        return;
+    }
+    auto *watcher = new QDBusPendingCallWatcher(call, this);
+    connect(watcher, &QDBusPendingCallWatcher::finished, this, [watcher, finish] {
+        watcher->deleteLater();
+        finish(*watcher);
     });
 }
 
