@@ -8,7 +8,7 @@ import dbus
 import pytest
 
 from stack.bus import ServedConnection
-from stack.client import descendants
+from stack.process import descendants
 from stack.permission_daemon import allowed, held
 from stack.service import SESSION_NAME, SYSTEM_NAME
 from stack.waiting import until

@@ -12,9 +12,9 @@ import pytest
 
 from stack import Stack, cgroups, permission_daemon
 from stack.cleaning import processes_of
-from stack.client import BusError, Pending, SampleClient, descendants
+from stack.client import BusError, Pending, SampleClient
 from stack.monitor import Monitor
-from stack.process import Child
+from stack.process import Child, descendants
 from stack.waiting import NotInTime, until
 
 DAEMON = permission_daemon.PermissionDaemon

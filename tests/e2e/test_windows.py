@@ -7,7 +7,7 @@ import pytest
 
 import raw
 from stack import cgroups
-from stack.client import ACTIVE, HIDDEN, INACTIVE, NO_STATE, TERMINATING, BusError
+from stack.client import ACTIVE, HIDDEN, INACTIVE, TERMINATING, BusError
 from stack.service import SESSION_NAME
 from stack.waiting import until
 
@@ -94,7 +94,7 @@ def test_settings_come_after_the_delay_of_the_state(stack):
     # Nothing has been written, and what is entered next is written at once.
     assert stack.control.update_windows(SAMPLE, inactive=1) == INACTIVE
     shares = os.path.join(stack.group("cpu", SAMPLE), "cpu.shares")
-    until(lambda: cgroups.read(shares) == "256", "the settings of the inactive state")
+    until(lambda: cgroups.read(shares) == "512", "the settings of the inactive state")
     assert stack.freezer_state(SAMPLE) == "THAWED"
 
 

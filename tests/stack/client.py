@@ -1,10 +1,10 @@
 """Calls of the service's interfaces, with the types that they have on the bus."""
 
-import os
 import threading
 from dataclasses import dataclass
 
 import dbus
+import dbus.lowlevel
 
 from .monitor import plain
 from .service import SESSION_NAME, SYSTEM_NAME
@@ -159,7 +159,12 @@ class SampleClient:
         return self.call("Ticks")
 
     def quit(self, code=0):
-        self.call("Quit", "i", code)
+        # It may be gone before a reply could be sent.
+        message = dbus.lowlevel.MethodCallMessage(self._name, "/", "org.example.Sample1", "Quit")
+        message.append(code, signature="i")
+        message.set_no_reply(True)
+        self._connection.send_message(message)
+        self._connection.flush()
 
     def environment(self):
         return dict(entry.split("=", 1) for entry in self.call("Environment"))
@@ -175,20 +180,3 @@ def session_client(bus):
 
 def system_client(bus):
     return Client(bus, SYSTEM_NAME)
-
-
-def descendants(pid):
-    """Ids of all live processes whose chain of parents leads to pid, pid itself not among them."""
-    parents = {}
-    for name in os.listdir("/proc"):
-        if name.isdigit():
-            try:
-                with open(f"/proc/{name}/stat") as file:
-                    parents[int(name)] = int(file.read().rpartition(")")[2].split()[1])
-            except OSError:
-                continue
-    found, fresh = set(), {pid}
-    while fresh:
-        fresh = {child for child, parent in parents.items() if parent in fresh} - found
-        found |= fresh
-    return found

@@ -1,5 +1,6 @@
 """Child processes of the stack, which end when it does."""
 
+import os
 import re
 import signal
 import subprocess
@@ -8,6 +9,36 @@ from .waiting import LIMIT
 
 
 SANITIZER_REPORT = re.compile(r"ERROR: \w+Sanitizer|WARNING: ThreadSanitizer|runtime error:|SUMMARY: \w+Sanitizer")
+
+
+def _state_and_parent(pid):
+    """Letter of the state and id of the parent, see proc(5); None if there is no such process."""
+    try:
+        with open(f"/proc/{pid}/stat") as file:
+            state, parent = file.read().rpartition(")")[2].split()[:2]
+    except OSError:
+        return None
+    return state, int(parent)
+
+
+def is_running(pid):
+    """False also for a process that has ended and only waits to be reaped."""
+    found = _state_and_parent(pid)
+    return found is not None and found[0] != "Z"
+
+
+def descendants(pid):
+    """Ids of the running processes whose chain of parents leads to pid, itself not among them."""
+    parents = {}
+    for name in os.listdir("/proc"):
+        found = _state_and_parent(name) if name.isdigit() else None
+        if found and found[0] != "Z":
+            parents[int(name)] = found[1]
+    result, fresh = set(), {pid}
+    while fresh:
+        fresh = {child for child, parent in parents.items() if parent in fresh} - result
+        result |= fresh
+    return result
 
 
 class Child:

@@ -2,6 +2,7 @@
 
 import atexit
 import os
+import re
 import shutil
 import subprocess
 import sys
@@ -17,13 +18,15 @@ from .client import SampleClient, session_client, system_client
 from .monitor import Monitor
 from .permission_daemon import PermissionDaemon
 from .process import Child
-from .rootfs import DATA, RootDirectory
+from .rootfs import RootDirectory
 from .service import SESSION_NAME, SYSTEM_NAME, ServiceProcess
 from .users import Lease
 from .waiting import until
 from .window_model import WindowModel
 
 HELPER_NAME = "org.kestrix.Procwarden.Helper"
+TREE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+DEFAULT_BIN_DIR = os.path.join(TREE, "build", "dev", "bin")
 DIRECT_START_SCORE = -100 # what the service gives to an application that a user asked for
 
 SANITIZER_OPTIONS = {
@@ -42,7 +45,7 @@ class Stack:
     def __init__(self, bin_dir=None):
         if os.getuid() != 0:
             raise RuntimeError("only root can bring up the helper and other users' processes")
-        self._bin_dir = bin_dir or os.environ["PROCWARDEN_BIN_DIR"]
+        self._bin_dir = bin_dir or os.environ.get("PROCWARDEN_BIN_DIR", DEFAULT_BIN_DIR)
         self._closed = False
         self._closers = []
         self.directory = self.hierarchies = self._guard_pipe = None
@@ -108,17 +111,17 @@ class Stack:
     # --- what the service finds ---
 
     def set_states(self, **delays):
-        """Writes the state files afresh; delays: state name -> ApplyWithDelay in ms."""
+        """Writes the state files as they are shipped, but for the delays: state name -> ms, 0 by default."""
         target = self._path("share/procwarden/states")
         shutil.rmtree(target, ignore_errors=True)
         os.makedirs(target)
-        source = os.path.join(DATA, "states")
+        source = os.path.join(TREE, "data", "states")
         for name in os.listdir(source):
             with open(os.path.join(source, name)) as file:
                 content = file.read()
             delay = delays.get(name.partition(".")[0], 0)
             with open(os.path.join(target, name), "w") as file:
-                file.write(content.replace("ApplyWithDelay=0", f"ApplyWithDelay={delay}"))
+                file.write(re.sub(r"(?m)^ApplyWithDelay=.*", f"ApplyWithDelay={delay}", content))
 
     def install_sample(self, app_id="org.example.Sample", **options):
         """Installs a sample application, as a package that may be frozen unless options say otherwise."""
