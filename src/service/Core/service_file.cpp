@@ -1,22 +1,26 @@
 #include "Core/service_file.h"
 
+#include "Core/regular_file.h"
+
+#include <QBuffer>
 #include <QDebug>
-#include <QFile>
 
 namespace Core {
 
 QString readExecLine(const QString &path)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
+    QByteArray content;
+    if (readRegularFile(path, content) != 0) {
         qWarning() << "Cannot open" << path;
         return QString();
     }
     const QByteArray execKey = QByteArrayLiteral("Exec=");
     const QByteArray unitKey = QByteArrayLiteral("SystemdService=");
     QByteArray exec;
-    // An empty line still holds its line feed: only the end and a read error give nothing.
-    for (QByteArray line = file.readLine(); !line.isEmpty(); line = file.readLine()) {
+    QBuffer lines(&content);
+    lines.open(QIODevice::ReadOnly);
+    // An empty line still holds its line feed: only the end gives nothing.
+    for (QByteArray line = lines.readLine(); !line.isEmpty(); line = lines.readLine()) {
         if (line.startsWith(unitKey)) {
             return QStringLiteral("systemctl --user start ") + QString::fromUtf8(line.mid(unitKey.size()));
         }

@@ -3,6 +3,9 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <cerrno>
+#include <sys/stat.h>
+
 using namespace Core;
 
 class TestServiceFile : public QObject
@@ -65,6 +68,9 @@ void TestServiceFile::fileThatCannotBeOpenedGivesNothing_data()
     QTest::addColumn<QString>("path");
     QTest::newRow("missing") << m_dir.filePath(QStringLiteral("missing.service"));
     QTest::newRow("directory") << m_dir.path();
+    const QString pipe = m_dir.filePath(QStringLiteral("pipe.service")); // that nobody ever writes to
+    QVERIFY(::mkfifo(QFile::encodeName(pipe).constData(), 0600) == 0 || errno == EEXIST);
+    QTest::newRow("pipe") << pipe;
 }
 
 void TestServiceFile::fileThatCannotBeOpenedGivesNothing()
