@@ -236,10 +236,58 @@ inline QByteArray desktopFile(const QByteArray &keys, const QByteArray &sandboxK
         + "\n[X-Application]\nOrganizationName=org.example\nApplicationName=Notes\n" + sandboxKeys + '\n';
 }
 
+/// Until the end of the scope, this process can open nothing more.
+class NoFreeDescriptors
+{
+public:
+    NoFreeDescriptors()
+    {
+        ::getrlimit(RLIMIT_NOFILE, &m_saved);
+        const rlimit few = { 256, m_saved.rlim_max }; // other threads still poll what they have
+        ::setrlimit(RLIMIT_NOFILE, &few);
+        int fd = -1;
+        while ((fd = ::dup(STDOUT_FILENO)) != -1) {
+            m_taken << fd;
+        }
+    }
+    ~NoFreeDescriptors()
+    {
+        for (const int fd : qAsConst(m_taken)) {
+            ::close(fd);
+        }
+        ::setrlimit(RLIMIT_NOFILE, &m_saved);
+    }
+    NoFreeDescriptors(const NoFreeDescriptors &) = delete;
+    NoFreeDescriptors &operator=(const NoFreeDescriptors &) = delete;
+
+private:
+    rlimit m_saved = {};
+    QList<int> m_taken;
+};
+
 /// Whether the child is alive after time enough for one that is not blocked to have ended.
 inline bool staysAlive(pid_t pid)
 {
     QTest::qWait(100);
     int status = 0;
     return ::waitpid(pid, &status, WNOHANG) == 0;
+}
+
+/// Ends what a test left running, so that the next one does not see it. @returns whether there was nothing.
+inline bool noChildIsLeft()
+{
+    bool none = true;
+    while (::waitpid(-1, nullptr, WNOHANG) != -1) {
+        none = false;
+        const QByteArrayList children =
+            LaunchWorld::read(QStringLiteral("/proc/self/task/%1/children").arg(::getpid()))
+                .simplified()
+                .split(' ');
+        for (const QByteArray &child : children) {
+            if (child.toInt() > 1) {
+                ::kill(child.toInt(), SIGKILL);
+            }
+        }
+    }
+    return none;
 }

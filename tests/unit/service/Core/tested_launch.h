@@ -34,6 +34,7 @@ public:
     using LaunchingApplication::instanceId;
     using LaunchingApplication::packageName;
     using LaunchingApplication::pendingSteps;
+    using LaunchingApplication::pid;
     using LaunchingApplication::promptPermissions;
     using LaunchingApplication::references;
     using LaunchingApplication::spawner;

@@ -11,35 +11,6 @@ const QString deniedMessage = QStringLiteral("Application not allowed by sailjai
 const QString failureWarning = QStringLiteral("Failed to setup child process");
 const QByteArrayList sleepArguments { "/bin/sleep", "60" };
 
-/// Until the end of the scope, this process can open nothing more.
-class NoFreeDescriptors
-{
-public:
-    NoFreeDescriptors()
-    {
-        ::getrlimit(RLIMIT_NOFILE, &m_saved);
-        const rlimit few = { 256, m_saved.rlim_max }; // other threads still poll what they have
-        ::setrlimit(RLIMIT_NOFILE, &few);
-        int fd = -1;
-        while ((fd = ::dup(STDOUT_FILENO)) != -1) {
-            m_taken << fd;
-        }
-    }
-    ~NoFreeDescriptors()
-    {
-        for (const int fd : qAsConst(m_taken)) {
-            ::close(fd);
-        }
-        ::setrlimit(RLIMIT_NOFILE, &m_saved);
-    }
-    NoFreeDescriptors(const NoFreeDescriptors &) = delete;
-    NoFreeDescriptors &operator=(const NoFreeDescriptors &) = delete;
-
-private:
-    rlimit m_saved = {};
-    QList<int> m_taken;
-};
-
 } // namespace
 
 class TestLaunchingApplication : public QObject
@@ -115,8 +86,7 @@ void TestLaunchingApplication::cleanup()
 {
     m_log.reset();
     m_sailjaild.reset();
-    QCOMPARE(::waitpid(-1, nullptr, WNOHANG), -1);
-    QCOMPARE(errno, ECHILD);
+    QVERIFY(noChildIsLeft());
 }
 
 TestedLaunch *TestLaunchingApplication::make(const QByteArrayList &arguments, QObject *parent)
