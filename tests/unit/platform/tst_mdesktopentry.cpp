@@ -246,7 +246,7 @@ void TestMDesktopEntry::malformedFileIsInvalidAndSaysWhy_data()
     QTest::newRow("byte order mark") << QByteArray("\xef\xbb\xbf[Desktop Entry]\nName=A\n");
     QTest::newRow("program") << QByteArray("\x7f"
                                            "ELF\x02\x01\x01\0\0\0\0\0\x03\0\x3e\0",
-                                           20);
+                                           16);
     QTest::newRow("zeros") << QByteArray(4096, '\0');
 }
 
