@@ -104,6 +104,7 @@ def test_exit_status_is_the_raw_one(plain):
     plain.control.start("org.example.Failing")
     assert monitor.wait_for("Terminated")[-1].arguments[1]["ExitStatus"] == 7 << 8
     started = plain.control.start(SAMPLE)
+    plain.sample() # its own program, not yet the service's child code, gets the signal
     os.kill(started.pid, signal.SIGSEGV)
     details = monitor.wait_for("Terminated", SAMPLE)[-1].arguments[1]
     assert details["ExitStatus"] & 0x7f == signal.SIGSEGV
