@@ -51,6 +51,7 @@ void Launcher::launch(const ApplicationId &appId, const DebugParams &debugParams
     LaunchingApplication *launching = makeLaunchingApplication(request, m_cgroups, this);
     launching->setOomScore(m_oom->oomScoreForStart(direct ? OomController::DirectRequest : 0));
     launching->setCallback(callback);
+    connect(launching, &LaunchingApplication::childAbandoned, this, &Launcher::childAbandoned);
     if (launching->start() < 0) {
         delete launching;
         reportFailure(

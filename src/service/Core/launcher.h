@@ -49,9 +49,14 @@ public:
     ///               one is allowed. How long it takes is up to the user: the launch waits
     ///               for the answer to a permission prompt without limit.
     ///
-    /// After a failure a child may still end with status 1 that nobody was told of.
+    /// After a failure a child may still end with status 1: childAbandoned() tells of it.
     void launch(const ApplicationId &appId, const DebugParams &debugParams, const QVariantMap &hints,
                 const QList<QUrl> &uris, bool direct, const Callback &callback);
+
+signals:
+    /// A launch has failed whose child is about to end. Nobody else knows of the child: it has to be reaped,
+    /// and the control groups of the instance go with it. Emitted before the failure is reported.
+    void childAbandoned(pid_t pid, const Core::ApplicationInstanceId &instanceId);
 
 private:
     CGroupController *const m_cgroups;

@@ -139,6 +139,9 @@ void LaunchingApplication::fail(const Error &error)
     if (!error) {
         return;
     }
+    if (const pid_t child = std::exchange(pid, -1); child > 0) {
+        emit childAbandoned(child, instanceId);
+    }
     if (const Callback report = std::exchange(callback, nullptr)) {
         report(ApplicationInstanceId(), -1, error);
     }

@@ -70,6 +70,11 @@ public:
     /// @returns its pid; negative, after a warning, if there is none, and then the callback never runs.
     [[nodiscard]] pid_t start();
 
+signals:
+    /// The launch has failed, and its child, which may be in its control groups already, is about to end.
+    /// Emitted once, before the failure is reported.
+    void childAbandoned(pid_t pid, const Core::ApplicationInstanceId &instanceId);
+
 protected:
     /// Gives the spawner its command line, or arranges for it by a step of its own.
     /// @returns false, after a warning, if there is nothing to start.

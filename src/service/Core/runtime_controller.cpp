@@ -19,6 +19,7 @@
 #include "Core/runtime_tracker.h"
 
 #include <QDebug>
+#include <QPointer>
 #include <QTimer>
 
 #include <algorithm>
@@ -190,6 +191,19 @@ void RuntimeControllerPrivate::onProcessTerminated(const QString &id, int exitSt
     }
 }
 
+// Without this the child would stay a zombie until the next successful launch, and its groups for good.
+void RuntimeControllerPrivate::onChildAbandoned(pid_t pid, const ApplicationInstanceId &instanceId)
+{
+    RuntimeTracker::instance()->abandonProcess(pid,
+                                               [this, owner = QPointer<RuntimeController>(q), instanceId] {
+                                                   // An instance with the same id may have been started
+                                                   // meanwhile: its groups are its own.
+                                                   if (owner && !records.contains(instanceId.text())) {
+                                                       cgroups.removeApplication(instanceId);
+                                                   }
+                                               });
+}
+
 Error RuntimeControllerPrivate::terminate(const QString &id, StopReason reason)
 {
     Process *process = records.value(id);
@@ -221,6 +235,8 @@ RuntimeController::RuntimeController(QObject *parent)
     connect(
         &d->cgroups, &CGroupController::initializationDone, this, [this] { d->runInitializationCallbacks(); },
         Qt::QueuedConnection);
+    connect(&d->launcher, &Launcher::childAbandoned, this,
+            [this](pid_t pid, const ApplicationInstanceId &id) { d->onChildAbandoned(pid, id); });
 }
 
 RuntimeController::~RuntimeController() = default;
@@ -320,7 +336,8 @@ Error RuntimeController::updateWindowStatus(const ApplicationInstanceId &instanc
     }
 
     application->setWindowCounts(active, inactive, hidden);
-    const int policy = ApplicationRegistry::instance()->backgroundPolicy(ApplicationId(instanceId.toString()));
+    const int policy =
+        ApplicationRegistry::instance()->backgroundPolicy(ApplicationId(instanceId.toString()));
     if (const auto state = stateForWindows(active, inactive, hidden, policy)) {
         application->setState(*state);
     } else {

@@ -38,6 +38,7 @@ public:
                         const QList<QUrl> &uris);
     void onApplicationStateChanged(const Application &application, ApplicationState state);
     void onProcessTerminated(const QString &id, int exitStatus);
+    void onChildAbandoned(pid_t pid, const ApplicationInstanceId &instanceId);
     Error terminate(const QString &id, StopReason reason);
 
     RuntimeController *const q;

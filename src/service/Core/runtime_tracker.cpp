@@ -1,5 +1,6 @@
 #include "Core/runtime_tracker.h"
 
+#include "Core/send_signal.h"
 #include "Core/tracker_worker.h"
 #include "Core/types.h"
 
@@ -46,6 +47,7 @@ public:
 
     void onProcessExited(pid_t pid, int exitStatus);
 
+    QHash<pid_t, std::function<void()>> abandoned; ///< child without an id -> what to call when it ends, once
     QHash<pid_t, QString> table; ///< child -> id of its record; an entry goes when its child ends
     QThread thread;
     TrackerWorker worker; ///< lives on the thread
@@ -83,6 +85,10 @@ RuntimeTrackerPrivate::~RuntimeTrackerPrivate()
 void RuntimeTrackerPrivate::onProcessExited(pid_t pid, int exitStatus)
 {
     qDebug() << "onProcessExited" << pid << exitStatus;
+    if (const auto gone = abandoned.take(pid)) {
+        gone();
+        return;
+    }
     const auto entry = table.constFind(pid);
     if (entry == table.constEnd()) {
         qWarning() << "Internal error, missing record for pid" << pid;
@@ -110,7 +116,20 @@ RuntimeTracker::~RuntimeTracker() = default;
 
 void RuntimeTracker::addProcess(pid_t pid, const QString &id)
 {
+    d->abandoned.remove(pid);
     d->table.insert(pid, id);
+    QMetaObject::invokeMethod(&d->worker, &TrackerWorker::waitForChildren, Qt::QueuedConnection);
+}
+
+void RuntimeTracker::abandonProcess(pid_t pid, const std::function<void()> &gone)
+{
+    // Something may have ended the child while other children were waited for; its pid is free again then,
+    // and may even be another child's.
+    if (d->table.contains(pid) || sendSignal(pid, SignalTarget::Process, 0) != 0) {
+        gone();
+        return;
+    }
+    d->abandoned.insert(pid, gone);
     QMetaObject::invokeMethod(&d->worker, &TrackerWorker::waitForChildren, Qt::QueuedConnection);
 }
 

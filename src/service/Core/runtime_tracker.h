@@ -5,6 +5,7 @@
 #include <QObject>
 #include <QString>
 
+#include <functional>
 #include <memory>
 #include <tuple>
 
@@ -37,6 +38,13 @@ public:
     /// is then reported all the same.
     /// @param id text of the instance id or of the full task id.
     void addProcess(pid_t pid, const QString &id);
+
+    /// Has a child reaped that never got an id: a launch has failed, and the child is about to end.
+    ///
+    /// @param gone called when the child has ended, or at once if it is gone already. Whoever gives it sees
+    /// to
+    ///             it that what it uses lives until then.
+    void abandonProcess(pid_t pid, const std::function<void()> &gone);
 
     /// The id of the child to which a process belongs: itself, a process of its group, or one whose chain
     /// of group leaders and parents leads to it.

@@ -1,6 +1,7 @@
 #include "Core/runtime_tracker.h"
 
 #include "child_fixture.h"
+#include "support/log_capture.h"
 
 #include <QDeadlineTimer>
 #include <QDir>
@@ -173,6 +174,9 @@ private slots:
     void entryOutlivesItsReport();
     void whoHearsOfAnEndMayAddTheNextChild();
     void childWithoutEntryIsReportedAsAFault();
+    void abandonedChildIsReapedWithoutAReport();
+    void childThatIsGoneIsAbandonedAtOnce();
+    void abandonedPidMayBecomeAnotherChilds();
     void signalsDoNotReachTheWorker();
     void processLeadsToItsChild();
     void processesThatLeadNowhereAreNotHandled_data();
@@ -322,6 +326,54 @@ void TestRuntimeTracker::childWithoutEntryIsReportedAsAFault()
     tracker.addProcess(startEnding(0), taskId);
     QTRY_COMPARE(terminated.count(), 2);
     QCOMPARE(terminated.last().first().toString(), taskId);
+}
+
+void TestRuntimeTracker::abandonedChildIsReapedWithoutAReport()
+{
+    RuntimeTracker tracker;
+    QSignalSpy terminated(&tracker, &RuntimeTracker::applicationTerminated);
+    TestSupport::LogCapture log;
+    const WaitingChild child;
+    int calls = 0;
+    tracker.abandonProcess(child.pid, [&calls] { ++calls; });
+    QCOMPARE(calls, 0);
+    child.end();
+    QTRY_COMPARE(calls, 1);
+    QCOMPARE(::kill(child.pid, 0), -1);
+    QCOMPARE(terminated.count(), 0);
+    QCOMPARE(log.warnings(), QStringList());
+}
+
+void TestRuntimeTracker::childThatIsGoneIsAbandonedAtOnce()
+{
+    RuntimeTracker tracker;
+    const pid_t pid = startEnding(0);
+    ::waitpid(pid, nullptr, 0);
+    int calls = 0;
+    tracker.abandonProcess(pid, [&calls] { ++calls; });
+    QCOMPARE(calls, 1);
+
+    // A pid that is followed is another child's by now.
+    const WaitingChild child;
+    tracker.addProcess(child.pid, noteId);
+    tracker.abandonProcess(child.pid, [&calls] { ++calls; });
+    QCOMPARE(calls, 2);
+    QSignalSpy terminated(&tracker, &RuntimeTracker::applicationTerminated);
+    child.end();
+    QTRY_COMPARE(terminated.count(), 1);
+}
+
+void TestRuntimeTracker::abandonedPidMayBecomeAnotherChilds()
+{
+    RuntimeTracker tracker;
+    QSignalSpy terminated(&tracker, &RuntimeTracker::applicationTerminated);
+    const WaitingChild child;
+    bool called = false;
+    tracker.abandonProcess(child.pid, [&called] { called = true; });
+    tracker.addProcess(child.pid, noteId);
+    child.end();
+    QTRY_COMPARE(terminated.count(), 1);
+    QVERIFY(!called);
 }
 
 void TestRuntimeTracker::signalsDoNotReachTheWorker()
