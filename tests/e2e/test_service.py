@@ -8,8 +8,8 @@ import dbus
 import pytest
 
 from stack.bus import ServedConnection
-from stack.process import descendants
 from stack.permission_daemon import allowed, held
+from stack.process import descendants
 from stack.service import SESSION_NAME, SYSTEM_NAME
 from stack.waiting import until
 

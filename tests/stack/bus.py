@@ -31,8 +31,20 @@ CONFIGURATION = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Con
     <allow eavesdrop="true"/>
   </policy>
   <limit name="reply_timeout">600000</limit>
-</busconfig>
+{limits}</busconfig>
 """
+
+
+# As the bus daemon's own configurations have it: a user's programs do not have to be kept from each other.
+LIMITS = {
+    "session": """  <limit name="max_incoming_bytes">1000000000</limit>
+  <limit name="max_outgoing_bytes">1000000000</limit>
+  <limit name="max_message_size">1000000000</limit>
+  <limit name="max_replies_per_connection">50000</limit>
+  <limit name="max_match_rules_per_connection">50000</limit>
+""",
+    "system": "",
+}
 
 
 class PrivateBus:
@@ -47,7 +59,7 @@ class PrivateBus:
         configuration = os.path.join(directory, "bus.conf")
         with open(configuration, "w") as file:
             file.write(CONFIGURATION.format(kind=kind, socket=os.path.join(directory, "socket"),
-                                            services=self.services))
+                                            services=self.services, limits=LIMITS[kind]))
         self.daemon = Child(f"{kind} bus",
                             ["/usr/bin/dbus-daemon", f"--config-file={configuration}", "--nofork", "--nopidfile",
                              "--nosyslog", "--print-address=1"],
