@@ -236,34 +236,28 @@ inline QByteArray desktopFile(const QByteArray &keys, const QByteArray &sandboxK
         + "\n[X-Application]\nOrganizationName=org.example\nApplicationName=Notes\n" + sandboxKeys + '\n';
 }
 
-/// Until the end of the scope, this process can open nothing more.
-class NoFreeDescriptors
+/// Until the end of the scope, no pipe can be made, and so no child. The system's own limit of descriptors
+/// would do as well, but sanitizers make pipes, too.
+class NoPipes
 {
 public:
-    NoFreeDescriptors()
-    {
-        ::getrlimit(RLIMIT_NOFILE, &m_saved);
-        const rlimit few = { 256, m_saved.rlim_max }; // other threads still poll what they have
-        ::setrlimit(RLIMIT_NOFILE, &few);
-        int fd = -1;
-        while ((fd = ::dup(STDOUT_FILENO)) != -1) {
-            m_taken << fd;
-        }
-    }
-    ~NoFreeDescriptors()
-    {
-        for (const int fd : qAsConst(m_taken)) {
-            ::close(fd);
-        }
-        ::setrlimit(RLIMIT_NOFILE, &m_saved);
-    }
-    NoFreeDescriptors(const NoFreeDescriptors &) = delete;
-    NoFreeDescriptors &operator=(const NoFreeDescriptors &) = delete;
+    NoPipes() { inForce = true; }
+    ~NoPipes() { inForce = false; }
+    NoPipes(const NoPipes &) = delete;
+    NoPipes &operator=(const NoPipes &) = delete;
 
-private:
-    rlimit m_saved = {};
-    QList<int> m_taken;
+    inline static bool inForce = false;
 };
+
+// In the place of the C library's.
+extern "C" int pipe2(int ends[2], int flags) noexcept
+{
+    if (NoPipes::inForce) {
+        errno = EMFILE;
+        return -1;
+    }
+    return static_cast<int>(::syscall(SYS_pipe2, ends, flags));
+}
 
 /// Whether the child is alive after time enough for one that is not blocked to have ended.
 inline bool staysAlive(pid_t pid)

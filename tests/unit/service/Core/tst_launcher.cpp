@@ -128,7 +128,7 @@ void TestLauncher::failedSpawnIsReportedOnceAndAtOnce()
 {
     m_world->install(desktopFile("Exec=/bin/true", "Sandboxing=Disabled"));
     {
-        const NoFreeDescriptors none;
+        const NoPipes none;
         launch();
     }
     QCOMPARE(

@@ -248,7 +248,7 @@ void TestLaunchingApplication::failedSpawnIsReturned()
     std::unique_ptr<TestedLaunch> launch(make({ m_recorder }));
     pid_t pid = 0;
     {
-        const NoFreeDescriptors none;
+        const NoPipes none;
         pid = launch->start();
     }
     QVERIFY(pid < 0);
