@@ -270,9 +270,10 @@ std::pair<QByteArrayList, Error> FirejailPrivate::computeArgv(const QByteArrayLi
     addOwnFiles(args);
     addOwnNames(args);
     addSharedFiles(args);
-    for (const char *file : { "/srv/shared/empty", "/usr/share/common/empty" }) {
-        args << QByteArrayLiteral("--whitelist=") + file;
-        args << QByteArrayLiteral("--blacklist=") + file;
+    for (const char *option :
+         { "--whitelist=/srv/shared/empty", "--blacklist=/srv/shared/empty",
+           "--whitelist=/usr/share/common/empty", "--blacklist=/usr/share/common/empty" }) {
+        args << option;
     }
     if (!maemoService.isEmpty()) {
         args << "--dbus-user.own=" + maemoService;

@@ -41,9 +41,8 @@ public:
 
     /// Has a child reaped that never got an id: a launch has failed, and the child is about to end.
     ///
-    /// @param gone called when the child has ended, or at once if it is gone already. Whoever gives it sees
-    /// to
-    ///             it that what it uses lives until then.
+    /// @param gone called when the child has ended, or at once if it is gone already; what it uses must
+    ///             live until then.
     void abandonProcess(pid_t pid, const std::function<void()> &gone);
 
     /// The id of the child to which a process belongs: itself, a process of its group, or one whose chain
