@@ -1,0 +1,91 @@
+"""A systemd user manager for the stack's user, also where systemd is not process 1."""
+
+import os
+import subprocess
+
+from . import cgroups
+from .process import Child
+from .waiting import until
+
+MANAGER = "/lib/systemd/systemd"
+BOOTED = "/run/systemd/system" # its existence tells systemd's programs that the machine runs systemd
+GROUP = "procwarden-manager-{uid}"
+
+
+class UserManager:
+    """Runs from start() to stop(). Needs groups of its own in the hierarchies that systemd manages."""
+
+    def __init__(self, stack, hierarchies=("unified", "systemd")):
+        self._stack = stack
+        self._groups = [os.path.join("/sys/fs/cgroup", name, GROUP.format(uid=stack.user.uid))
+                        for name in hierarchies if os.path.isdir(os.path.join("/sys/fs/cgroup", name))]
+        self._made_booted = False
+        self._child = None
+        self.environment = {**stack.environment()}
+
+    def start(self):
+        try:
+            os.makedirs(BOOTED)
+            self._made_booted = True
+        except FileExistsError:
+            pass
+        user = self._stack.user
+        for group in self._groups:
+            os.makedirs(group, exist_ok=True)
+            for name in ("", "cgroup.procs", "cgroup.subtree_control", "cgroup.threads", "tasks"):
+                path = os.path.join(group, name)
+                if os.path.exists(path):
+                    os.chown(path, user.uid, user.gid)
+        log = os.path.join(self._stack.directory, "log", "manager")
+        self._child = Child("the user manager", self.command(MANAGER, "--user"), log, self.environment)
+        until(self._ready, "the user manager", detail=self._child.output)
+        return self
+
+    def _ready(self):
+        if self._child.status is not None:
+            raise AssertionError(f"the user manager ended with {self._child.status}\n{self._child.output()}")
+        return self.run("systemctl", "--user", "is-system-running").stdout.strip() in ("running", "degraded")
+
+    def command(self, *argv):
+        """What to run, as root, so that argv is run as the manager's user, within what the manager may move.
+
+        The shell goes into the manager's groups first; what it becomes, and all that this starts, stays there.
+        """
+        user = self._stack.user
+        joins = "".join(f"echo $$ >'{group}/cgroup.procs'; " for group in self._groups)
+        drop = f"exec /usr/bin/setpriv --reuid={user.uid} --regid={user.gid} --clear-groups -- \"$@\""
+        return ["/bin/sh", "-c", joins + drop, "sh", *argv]
+
+    def run(self, *argv):
+        return subprocess.run(self.command(*argv), env=self.environment, capture_output=True, text=True, check=False)
+
+    def stop(self):
+        if self._child:
+            self._child.kill()
+        for group in self._groups:
+            until(lambda: self._emptied(group), f"the removal of {group}")
+        if self._made_booted:
+            os.rmdir(BOOTED)
+
+    @staticmethod
+    def _emptied(group):
+        """Ends what is left in a group and removes it with all below it; false while something is left."""
+        if not os.path.isdir(group):
+            return True
+        for directory, _, _ in os.walk(group, topdown=False):
+            for pid in (cgroups.read(os.path.join(directory, "cgroup.procs")) or "").split():
+                try:
+                    os.kill(int(pid), 9)
+                except ProcessLookupError:
+                    pass
+            try:
+                os.rmdir(directory)
+            except OSError:
+                return False
+        return True
+
+    def __enter__(self):
+        return self.start()
+
+    def __exit__(self, *_):
+        self.stop()
