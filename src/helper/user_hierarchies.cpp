@@ -281,7 +281,7 @@ Problem tryMakeSubtree(const Hierarchy &hierarchy, uid_t uid)
 /// Somebody who tidies up may remove an empty group between two of the steps.
 Problem makeSubtree(const Hierarchy &hierarchy, uid_t uid)
 {
-    constexpr int maxAttempts = 10; // a clash needs two processes in the same few microseconds
+    constexpr int maxAttempts = 100; // each clash needs two processes in the same few microseconds
     for (int attempt = 1;; ++attempt) {
         const Problem problem = tryMakeSubtree(hierarchy, uid);
         const bool vanished = problem.cause == ENOENT || problem.cause == ENODEV;

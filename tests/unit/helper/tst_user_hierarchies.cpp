@@ -7,6 +7,7 @@
 #include <QFileInfo>
 #include <QTest>
 
+#include <atomic>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -59,6 +60,7 @@ private slots:
     void umaskDoesNotMatter();
     void secondCallChangesNothing();
     void callsAtTheSameTimeAgree();
+    void removalAtTheSameTimeDoesNoHarm();
     void usersGetDirectoriesOfTheirOwn();
     void callForRootKeepsRootAsOwner();
     void sharedHierarchyIsHandledOnce();
@@ -206,6 +208,30 @@ void UserHierarchiesTest::callsAtTheSameTimeAgree()
     }
     QCOMPARE(owner(QStringLiteral("cpu/procwarden/user-54321")), user);
     QCOMPARE(owner(QStringLiteral("cpu/procwarden/user-54322")), otherUser);
+}
+
+void UserHierarchiesTest::removalAtTheSameTimeDoesNoHarm()
+{
+    makeUsual();
+    std::atomic<bool> ended = false;
+    std::thread tidier([this, &ended] {
+        const QByteArray top = QFile::encodeName(m_tree->group(QStringLiteral("cpu/procwarden")));
+        const QByteArray directory = QFile::encodeName(m_tree->group(QStringLiteral("cpu") + subtree));
+        while (!ended) {
+            ::rmdir(directory.constData());
+            ::rmdir(top.constData());
+        }
+    });
+    QStringList errors;
+    for (int round = 0; round < 300; ++round) {
+        const UserHierarchies::Result result = create();
+        if (result.error) {
+            errors << result.error.message();
+        }
+    }
+    ended = true;
+    tidier.join();
+    QCOMPARE(errors, QStringList());
 }
 
 void UserHierarchiesTest::usersGetDirectoriesOfTheirOwn()

@@ -1,7 +1,6 @@
 #include "Core/cgroup_controller.h"
 
 #include "Core/application_instance_id.h"
-#include "Core/application_task_id.h"
 #include "support/cgroup_tree.h"
 #include "support/helper_stand_in.h"
 #include "support/log_capture.h"
@@ -16,7 +15,6 @@
 #include <optional>
 
 using Core::ApplicationInstanceId;
-using Core::ApplicationTaskId;
 using Core::CGroupController;
 using TestSupport::CGroupTree;
 using TestSupport::HelperStandIn;
