@@ -73,7 +73,7 @@ std::optional<QVariant> variantContents(const QJsonValue &value)
     case QJsonValue::Array: {
         QVariantList list;
         const QJsonArray array = value.toArray();
-        for (const QJsonValue element : array) {
+        for (const QJsonValue &element : array) {
             const std::optional<QVariant> contents = variantContents(element);
             if (!contents) {
                 return std::nullopt;
@@ -160,7 +160,7 @@ bool writeMixedArray(QDBusArgument &argument, const QJsonArray &array)
 bool writeElements(QDBusArgument &argument, const QJsonArray &array, int elementType)
 {
     argument.beginArray(elementType);
-    for (const QJsonValue element : array) {
+    for (const QJsonValue &element : array) {
         writeValue(argument, element);
     }
     argument.endArray();

@@ -73,7 +73,7 @@ class ListingOutside : public QObject
 {
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "org.example.Listing")
-    Q_PROPERTY(QVector<Procwarden::ActiveTask> ActiveTasks READ activeTasks)
+    Q_PROPERTY(QVector<Procwarden::ActiveTask> ActiveTasks READ activeTasks CONSTANT)
 
 public:
     QVector<Procwarden::ActiveTask> activeTasks() const
