@@ -31,15 +31,18 @@ const char configuration[] =
 </busconfig>
 )";
 
-// Keeps the daemon: the end of standard input, that is the test's end, is the daemon's end.
+// Keeps the daemon: the end of standard input, that is the test's end, is the daemon's end. A test that could
+// not say a word before left its directory behind.
 const char keeper[] =
-    R"(dbus-daemon --nofork --nopidfile --print-address=1 --config-file="$1" </dev/null 2>"$1.log" &
-read -r nothing
+    R"(dbus-daemon --nofork --nopidfile --print-address=1 --config-file="$1/bus.conf" </dev/null 2>"$1/log" &
+exec >/dev/null
+read -r word
 kill $!
-wait)";
+wait
+[ -n "$word" ] || rm -rf -- "$1")";
 
 // Runs the keeper as a grandchild, which nobody here has to wait for.
-void spawnKeeper(const QByteArray &configFile, int input, int output)
+void spawnKeeper(const QByteArray &directory, int input, int output)
 {
     const QByteArray script(keeper);
     const pid_t child = fork();
@@ -53,7 +56,7 @@ void spawnKeeper(const QByteArray &configFile, int input, int output)
         }
         dup2(input, STDIN_FILENO);
         dup2(output, STDOUT_FILENO);
-        execl("/bin/sh", "sh", "-c", script.constData(), "keeper", configFile.constData(), nullptr);
+        execl("/bin/sh", "sh", "-c", script.constData(), "keeper", directory.constData(), nullptr);
         _exit(127);
     }
     // Somebody who waits for any child may have taken it already.
@@ -101,7 +104,7 @@ PrivateBus::PrivateBus()
     int output[2];
     makePipe(input);
     makePipe(output);
-    spawnKeeper(QFile::encodeName(file.fileName()), input[0], output[1]);
+    spawnKeeper(QFile::encodeName(m_directory.path()), input[0], output[1]);
     close(input[0]);
     close(output[1]);
     m_lifeline = input[1];
@@ -109,7 +112,7 @@ PrivateBus::PrivateBus()
 
     m_address = QString::fromUtf8(readLine(m_output));
     if (m_address.isEmpty()) {
-        QFile log(file.fileName() + QStringLiteral(".log"));
+        QFile log(m_directory.filePath(QStringLiteral("log")));
         const QByteArray reason = log.open(QIODevice::ReadOnly) ? log.readAll() : QByteArray();
         qFatal("dbus-daemon does not start: %s", reason.constData());
     }
@@ -155,6 +158,8 @@ void PrivateBus::stop()
     if (m_lifeline < 0) {
         return;
     }
+    const char word[] = "end\n";
+    while (write(m_lifeline, word, sizeof word - 1) < 0 && errno == EINTR) { }
     close(m_lifeline);
     m_lifeline = -1;
     readLine(m_output);

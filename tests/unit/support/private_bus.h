@@ -44,7 +44,7 @@ private:
     QString m_address;
     QStringList m_connectionNames; ///< of Qt, those made by connect()
     int m_lifeline = -1; ///< the daemon's keeper ends it when this end is closed
-    int m_output = -1; ///< at its end once the daemon and its keeper are gone
+    int m_output = -1; ///< at its end once the daemon is gone
 };
 
 } // namespace TestSupport
