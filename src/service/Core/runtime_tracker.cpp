@@ -118,7 +118,7 @@ void RuntimeTracker::addProcess(pid_t pid, const QString &id)
 {
     d->abandoned.remove(pid);
     d->table.insert(pid, id);
-    QMetaObject::invokeMethod(&d->worker, &TrackerWorker::waitForChildren, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(&d->worker, "waitForChildren", Qt::QueuedConnection);
 }
 
 void RuntimeTracker::abandonProcess(pid_t pid, const std::function<void()> &gone)
@@ -130,7 +130,7 @@ void RuntimeTracker::abandonProcess(pid_t pid, const std::function<void()> &gone
         return;
     }
     d->abandoned.insert(pid, gone);
-    QMetaObject::invokeMethod(&d->worker, &TrackerWorker::waitForChildren, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(&d->worker, "waitForChildren", Qt::QueuedConnection);
 }
 
 std::tuple<Error, QString> RuntimeTracker::applicationForPid(pid_t pid) const
