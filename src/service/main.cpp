@@ -2,7 +2,6 @@
 
 #include <QCoreApplication>
 #include <QDebug>
-#include <QTimer>
 
 #include <csignal>
 
@@ -37,12 +36,14 @@ void setUpSignals()
 }
 
 /// A quit that comes before the event loop runs is forgotten, so a stop signal has to wait for it.
-/// Threads made meanwhile keep it blocked for good, which leaves it to the main thread.
-void holdStopSignalsUntilEventLoop()
+/// Threads made meanwhile keep it blocked for good, which leaves it to the main thread. Called before
+/// anything else is queued: no child may be made, and inherit this, before the signals are let through again.
+void holdStopSignalsUntilEventLoop(QCoreApplication *application)
 {
     const sigset_t held = stopSignals();
     pthread_sigmask(SIG_BLOCK, &held, nullptr);
-    QTimer::singleShot(0, [held] { pthread_sigmask(SIG_UNBLOCK, &held, nullptr); });
+    QMetaObject::invokeMethod(
+        application, [held] { pthread_sigmask(SIG_UNBLOCK, &held, nullptr); }, Qt::QueuedConnection);
 }
 
 } // namespace
@@ -52,7 +53,7 @@ int main(int argc, char *argv[])
     QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("procwarden"));
     setUpSignals();
-    holdStopSignalsUntilEventLoop();
+    holdStopSignalsUntilEventLoop(&application);
 
     DBus::Service service;
     if (!service.registerObjects()) {

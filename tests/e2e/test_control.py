@@ -176,6 +176,15 @@ def test_what_does_not_run_cannot_be_terminated(service, app_id):
     assert raised.value.message == f"Application not running: {app_id}"
 
 
+def test_id_as_long_as_the_bus_allows_is_only_an_unknown_id(service):
+    """Its answer names it, and must not be the message that gets the service thrown off the bus."""
+    with pytest.raises(BusError, match="Failed: Application not running: xxx"):
+        service.control.terminate("x" * (30 * 1024 * 1024))
+    with pytest.raises(BusError, match="HandlerNotFound: Cannot find application xxx"):
+        service.control.start("x" * (30 * 1024 * 1024))
+    assert service.control.running() == ([], [])
+
+
 def test_wrong_types_are_refused_and_harm_nothing(service):
     for member, signature, arguments in [
         ("Start", "i", (1,)),

@@ -107,6 +107,19 @@ def test_application_that_ignores_sigterm_is_killed(stack):
     assert "term" in stack.sample_files.diary()
 
 
+def test_everything_in_the_process_group_is_killed(stack):
+    stack.root.write("stubborn", "trap '' TERM\nsleep 600 & sleep 600 & wait\n")
+    stack.install_sample(exec_line=f"/bin/sh {stack.root.path}/stubborn", sandbox=UNSANDBOXED)
+    stack.start(PROCWARDEN_KILL_TIMEOUT="200")
+    monitor = stack.monitor()
+    started = stack.control.start(SAMPLE)
+    until(lambda: len(descendants(started.pid)) == 2, "the processes that it starts")
+    family = descendants(started.pid)
+    stack.control.terminate(SAMPLE)
+    assert terminated(monitor)["ExitStatus"] == signal.SIGKILL
+    until(lambda: not [pid for pid in family if os.path.exists(f"/proc/{pid}")], "the end of the whole group")
+
+
 def test_flood_of_output_holds_nobody_up(plain):
     install(plain, SAMPLE, arguments="--flood 20000")
     plain.control.start(SAMPLE)

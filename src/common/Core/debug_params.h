@@ -12,7 +12,7 @@ struct DebugParams
     QStringList firejailParams; ///< further arguments for the sandbox program
     QStringList environment; ///< `NAME=value` each
     QStringList applicationWrapper; ///< program and arguments put in front of the application's own
-    QStringList commandLineParams; ///< arguments put behind the application's own
+    QStringList commandLineParams; ///< program and arguments in place of the desktop file's
     bool noSandbox = false;
     QString stdoutFile; ///< empty: standard output goes where it always goes
     QString stderrFile;

@@ -23,7 +23,10 @@ using Entries = QHash<QString, QList<std::shared_ptr<Entry>>>;
 
 void add(Entries &entries, const QString &name, QObject *guard, const DBusNameWatcher::Callback &callback)
 {
-    entries[name].append(std::make_shared<Entry>(Entry { guard, callback }));
+    // One without a guard would be dropped when its turn comes: kept until then, they would only pile up.
+    if (guard) {
+        entries[name].append(std::make_shared<Entry>(Entry { guard, callback }));
+    }
 }
 
 // A callback may register the next one for the same name, or delete the guard of another: the list has left

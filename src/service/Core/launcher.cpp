@@ -41,13 +41,15 @@ void Launcher::launch(const ApplicationId &appId, const DebugParams &debugParams
                       const QList<QUrl> &uris, bool direct, const Callback &callback)
 {
     const ApplicationRegistry *registry = ApplicationRegistry::instance();
-    if (registry->desktopFile(appId).isEmpty()) {
+    if (!appId.isValid() || registry->desktopFile(appId).isEmpty()) {
         reportFailure(callback,
                       Error(Error::HandlerNotFound,
                             QStringLiteral("Cannot find application %1").arg(appId.toString())));
         return;
     }
-    const LaunchRequest request { appId, registry->launchData(appId), debugParams, hints, uris };
+    // Organisation and name as the application declares them: its text alone can be split in another way.
+    const ApplicationId installed = registry->applicationForDesktopFile(registry->desktopFile(appId));
+    const LaunchRequest request { installed, registry->launchData(appId), debugParams, hints, uris };
     LaunchingApplication *launching = makeLaunchingApplication(request, m_cgroups, this);
     launching->setOomScore(m_oom->oomScoreForStart(direct ? OomController::DirectRequest : 0));
     launching->setCallback(callback);

@@ -86,6 +86,9 @@ pid_t LaunchingApplication::start()
 
 void LaunchingApplication::setupAndExec()
 {
+    if (pid < 0) {
+        return; // the refusal was faster
+    }
     ProcessSetup setup(&spawner);
     if (!setup.sendOomScore(pid, oomScore) || !setup.sendJournalIdentifier(appId.toString())
         || !setup.sendOutputFds(stdoutFile.handle(), stderrFile.handle()) || !setupCGroup()

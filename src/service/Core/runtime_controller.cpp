@@ -194,14 +194,13 @@ void RuntimeControllerPrivate::onProcessTerminated(const QString &id, int exitSt
 // Without this the child would stay a zombie until the next successful launch, and its groups for good.
 void RuntimeControllerPrivate::onChildAbandoned(pid_t pid, const ApplicationInstanceId &instanceId)
 {
-    RuntimeTracker::instance()->abandonProcess(pid,
-                                               [this, owner = QPointer<RuntimeController>(q), instanceId] {
-                                                   // An instance with the same id may have been started
-                                                   // meanwhile: its groups are its own.
-                                                   if (owner && !records.contains(instanceId.text())) {
-                                                       cgroups.removeApplication(instanceId);
-                                                   }
-                                               });
+    RuntimeTracker::instance()->abandonProcess(
+        pid, [this, owner = QPointer<RuntimeController>(q), instanceId] {
+            // The same id may have been started again meanwhile: then the groups are that one's.
+            if (owner && !records.contains(instanceId.text()) && !launching.contains(instanceId.toString())) {
+                cgroups.removeApplication(instanceId);
+            }
+        });
 }
 
 Error RuntimeControllerPrivate::terminate(const QString &id, StopReason reason)

@@ -2,6 +2,8 @@
 
 #include "Core/resource_configuration.h"
 
+#include <algorithm>
+
 namespace Core {
 
 void StateTable::load(const ResourceConfiguration &configuration)
@@ -12,7 +14,9 @@ void StateTable::load(const ResourceConfiguration &configuration)
         { ApplicationState::Hidden, QStringLiteral("hidden") },
     };
     for (auto name = names.cbegin(); name != names.cend(); ++name) {
-        m_entries.insert(name.key(), { name.value(), configuration.applyDelay(name.value()) });
+        // A timer with a negative interval would never fire.
+        const int delayMs = std::max(0, configuration.applyDelay(name.value()));
+        m_entries.insert(name.key(), { name.value(), delayMs });
     }
 }
 

@@ -33,6 +33,15 @@ bool isPrivileged(pid_t pid)
     return process.group() == QLatin1String("privileged") || process.owner() == QLatin1String("root");
 }
 
+// An error names what it is about, which a client may have sent. The bus closes the connection of whoever
+// sends it a message beyond its limits, so an answer must not be longer than the question was allowed to be.
+constexpr int maximumErrorText = 4 * 1024 * 1024; // UTF-16 units: 12 MiB at most, of 32 that every bus takes
+
+QString replyText(const Error &error)
+{
+    return error.message().left(maximumErrorText);
+}
+
 } // namespace
 
 Core::ClientInfo Context::clientInfo() const
@@ -56,14 +65,14 @@ Core::ClientInfo Context::clientInfo() const
 void Context::sendError(const Core::Error &error) const
 {
     const Error reply(error);
-    sendErrorReply(reply.name(), reply.message());
+    sendErrorReply(reply.name(), replyText(reply));
 }
 
 void Context::sendError(const QDBusConnection &connection, const QDBusMessage &message,
                         const Core::Error &error)
 {
     const Error reply(error);
-    connection.send(message.createErrorReply(reply.name(), reply.message()));
+    connection.send(message.createErrorReply(reply.name(), replyText(reply)));
 }
 
 } // namespace DBus

@@ -37,6 +37,9 @@ void tst_StateTable::initTestCase()
     QFile hidden(states + QStringLiteral("/hidden.config"));
     QVERIFY(hidden.open(QFile::WriteOnly));
     hidden.write("ApplyWithDelay=1500\n");
+    QFile inactive(states + QStringLiteral("/inactive.config"));
+    QVERIFY(inactive.open(QFile::WriteOnly));
+    inactive.write("ApplyWithDelay=-1\n");
 }
 
 void tst_StateTable::holdsNameAndDelayOfTheThreeStates()
@@ -48,6 +51,7 @@ void tst_StateTable::holdsNameAndDelayOfTheThreeStates()
     QCOMPARE(table.stateName(ApplicationState::Inactive), QStringLiteral("inactive"));
     QCOMPARE(table.stateName(ApplicationState::Hidden), QStringLiteral("hidden"));
     QCOMPARE(table.find(ApplicationState::Active)->delayMs, 0);
+    QCOMPARE(table.find(ApplicationState::Inactive)->delayMs, 0);
     QCOMPARE(table.find(ApplicationState::Hidden)->delayMs, 1500);
 }
 
