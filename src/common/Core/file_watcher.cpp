@@ -1,5 +1,6 @@
 #include "Core/file_watcher.h"
 
+#include <QDebug>
 #include <QFile>
 #include <QFileSystemWatcher>
 
@@ -73,6 +74,11 @@ void FileWatcher::add(const QStringList &paths)
             m_watched[path].watcher = watcher;
         }
         const QStringList failed = watcher->addPaths(batch);
+        if (!failed.isEmpty()) {
+            // Gone meanwhile, or the user's inotify watches are used up.
+            qDebug() << "FileWatcher: cannot watch" << failed.size() << "paths, the first one"
+                     << failed.first();
+        }
         for (const QString &path : failed) {
             m_watched.remove(path);
         }

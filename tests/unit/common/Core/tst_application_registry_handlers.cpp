@@ -302,7 +302,8 @@ void TestApplicationRegistryHandlers::lookupsFollowAReload()
 {
     install("a", "image/png;x-scheme-handler/geo;application/zip", "X-Solvane-Support-Mime-Parents=true\n");
     ApplicationRegistry registry;
-    install("a", "text/*");
+    QCOMPARE(offered(registry, QStringLiteral("file:///a.book")), QStringLiteral("a"));
+    install("a", "text/*;application/zip");
     registry.reload();
     QCOMPARE(offered(registry, QStringLiteral("file:///a.png")), QString());
     QCOMPARE(offered(registry, QStringLiteral("geo:1,2")), QString());
