@@ -5,6 +5,9 @@
 
 #include <csignal>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 namespace {
 
 void onStopSignal(int signal)
@@ -46,10 +49,24 @@ void holdStopSignalsUntilEventLoop(QCoreApplication *application)
         application, [held] { pthread_sigmask(SIG_UNBLOCK, &held, nullptr); }, Qt::QueuedConnection);
 }
 
+/// Whoever starts the service may have closed standard descriptors. What would get their numbers, the pipe to
+/// a child for one, would then be taken for one of them.
+void fillStandardDescriptors()
+{
+    int fd = -1;
+    do {
+        fd = open("/dev/null", O_RDWR);
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd > STDERR_FILENO) {
+        close(fd);
+    }
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
 {
+    fillStandardDescriptors();
     QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("procwarden"));
     setUpSignals();

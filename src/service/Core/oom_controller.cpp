@@ -1,12 +1,210 @@
 #include "Core/oom_controller.h"
 
+#include "Core/candidate.h"
+#include "Core/cgroup_controller.h"
+#include "Core/regular_file.h"
+#include "Core/types.h"
+
+#include <QDebug>
+#include <QFile>
+#include <QSettings>
+
+#include <algorithm>
+#include <limits>
+#include <optional>
+
+#include <unistd.h>
+
 namespace Core {
 
 namespace {
 
 constexpr int protection = -100;
 
+/// Many times what the kernel writes into any of the files that are read here.
+constexpr qint64 maximumFileSize = 1024 * 1024;
+
+bool hasSwapOnZram()
+{
+    QFile swaps(Types::rootFs() + QStringLiteral("/proc/swaps"));
+    if (!swaps.open(QFile::ReadOnly)) {
+        return false;
+    }
+    const QList<QByteArray> lines = swaps.read(maximumFileSize).split('\n');
+    return std::any_of(lines.cbegin(), lines.cend(),
+                       [](const QByteArray &line) { return line.startsWith("/dev/zram"); });
+}
+
+QString processFile(pid_t pid, const char *name)
+{
+    return QStringLiteral("/proc/%1/%2").arg(pid).arg(QLatin1String(name));
+}
+
+std::optional<int> readInt(const QString &path)
+{
+    QFile file(Types::rootFs() + path);
+    if (!file.open(QFile::ReadOnly)) {
+        return std::nullopt;
+    }
+    bool ok = false;
+    const int value = file.read(maximumFileSize).trimmed().toInt(&ok);
+    return ok ? std::make_optional(value) : std::nullopt;
+}
+
+/// The process of the control group of @p leader that has offered itself most clearly; the leader if all have
+/// the same to say.
+pid_t volunteer(pid_t leader)
+{
+    const QSet<int> members = CGroupController::processesInSameGroup(leader);
+    // In ascending order, so that of several with the same value it is always the same one.
+    QVector<int> pids(members.cbegin(), members.cend());
+    std::sort(pids.begin(), pids.end());
+
+    int smallest = std::numeric_limits<int>::max();
+    int largest = 0;
+    pid_t chosen = leader;
+    for (const int pid : qAsConst(pids)) {
+        // Whatever a file says: these two end the system and the service.
+        if (pid <= 1 || pid == ::getpid()) {
+            continue;
+        }
+        const std::optional<int> value = readInt(processFile(pid, "oom_score_adj"));
+        if (!value) {
+            continue; // it has ended meanwhile
+        }
+        smallest = std::min(smallest, *value);
+        if (*value > largest) {
+            largest = *value;
+            chosen = pid;
+        }
+    }
+    return smallest < largest ? chosen : leader;
+}
+
 } // namespace
+
+class OomControllerPrivate
+{
+public:
+    OomControllerPrivate();
+
+    int checkIntervalMsec = 5000;
+    int checkIntervalMsecLowMem = 2000;
+    int checkIntervalMsecCriticalMem = 1000;
+    int notificationUnfreezeMsec = 5000;
+    QVector<MemoryThreshold> thresholds; // in ascending order of severity
+    std::unique_ptr<QFile> memInfo; // made at the first reading, open only within one
+    bool swapOnZram = false;
+    bool debug = false;
+    MemoryReading reading;
+
+private:
+    void load();
+};
+
+OomControllerPrivate::OomControllerPrivate()
+    : swapOnZram(hasSwapOnZram())
+    , debug(qEnvironmentVariableIsSet("PROCWARDEN_OOM_DEBUG"))
+{
+    load();
+}
+
+void OomControllerPrivate::load()
+{
+    const QString path = Types::rootFs() + QStringLiteral("/etc/procwarden/oom.cfg");
+    if (!isRegularFile(path)) {
+        thresholds = { { 0, 0, MemoryLevel::Low }, { 0, 0, MemoryLevel::Critical } };
+        return;
+    }
+    const QSettings settings(path, QSettings::IniFormat);
+    const auto number = [&settings](const char *key, int otherwise) {
+        bool ok = false;
+        const int value = settings.value(QLatin1String(key)).toInt(&ok);
+        return ok ? value : otherwise;
+    };
+    // A timer with nothing between its ticks would take the whole processor.
+    const auto interval = [&number](const char *key, int otherwise) {
+        const int value = number(key, otherwise);
+        return value > 0 ? value : otherwise;
+    };
+    checkIntervalMsec = interval("CheckIntervalMsec", checkIntervalMsec);
+    checkIntervalMsecLowMem = interval("CheckIntervalMsecLowMem", checkIntervalMsecLowMem);
+    checkIntervalMsecCriticalMem = interval("CheckIntervalMsecCriticalMem", checkIntervalMsecCriticalMem);
+    notificationUnfreezeMsec = number("NotificationUnfreezeMsec", notificationUnfreezeMsec);
+    constexpr qint64 kilobytesPerMegabyte = 1 << 10;
+    thresholds = {
+        { number("LowMemoryTermPercent", 0), number("LowMemoryTermMB", 0) * kilobytesPerMegabyte,
+          MemoryLevel::Low },
+        { number("MinMemoryTermPercent", 0), number("MinMemoryTermMB", 0) * kilobytesPerMegabyte,
+          MemoryLevel::Critical },
+    };
+}
+
+OomController::OomController()
+    : d(std::make_unique<OomControllerPrivate>())
+{
+}
+
+OomController::~OomController() = default;
+
+MemoryLevel OomController::readMemoryLevel() const
+{
+    d->reading = MemoryReading();
+    if (!d->memInfo) {
+        d->memInfo = std::make_unique<QFile>(Types::rootFs() + QStringLiteral("/proc/meminfo"));
+    }
+    if (!d->memInfo->open(QFile::ReadOnly)) {
+        qWarning() << "Could not open /proc/meminfo";
+        return MemoryLevel::Unknown;
+    }
+    const QByteArray content = d->memInfo->read(maximumFileSize);
+    d->memInfo->close();
+
+    d->reading = MemoryReading::judge(MemoryInfo::parse(content), d->swapOnZram, d->thresholds);
+    const MemoryReading &reading = d->reading;
+    if (reading.level == MemoryLevel::Unknown) {
+        qWarning() << "Missing required fields in /proc/meminfo";
+        return reading.level;
+    }
+    if (d->debug) {
+        qDebug().nospace() << "Available " << reading.availableKb << " (swap: " << reading.swapFreeKb
+                           << ") out of " << reading.totalKb << " (swap: " << reading.swapTotalKb << "), "
+                           << reading.percent << "% -> level " << memoryLevelName(reading.level);
+    }
+    return reading.level;
+}
+
+const MemoryReading &OomController::lastReading() const
+{
+    return d->reading;
+}
+
+int OomController::checkIntervalMsec() const
+{
+    return d->checkIntervalMsec;
+}
+
+int OomController::checkIntervalMsecLowMem() const
+{
+    return d->checkIntervalMsecLowMem;
+}
+
+int OomController::checkIntervalMsecCriticalMem() const
+{
+    return d->checkIntervalMsecCriticalMem;
+}
+
+int OomController::notificationUnfreezeMsec() const
+{
+    return d->notificationUnfreezeMsec;
+}
+
+bool OomController::readProcessScore(pid_t pid, Candidate *candidate) const
+{
+    candidate->killPid = volunteer(pid);
+    return readIntFromFile(processFile(pid, "oom_score"), &candidate->oomScore)
+        && readIntFromFile(processFile(pid, "oom_score_adj"), &candidate->oomScoreAdj);
+}
 
 int OomController::oomScoreForStart(int flags)
 {
@@ -18,6 +216,18 @@ int OomController::oomScoreForStart(int flags)
         score += protection;
     }
     return score;
+}
+
+bool OomController::readIntFromFile(const QString &path, int *value)
+{
+    QFile file(Types::rootFs() + path);
+    if (!file.open(QFile::ReadOnly)) {
+        qWarning() << "Failed to open" << path;
+        return false;
+    }
+    bool ok = false;
+    *value = file.read(maximumFileSize).trimmed().toInt(&ok);
+    return ok;
 }
 
 } // namespace Core

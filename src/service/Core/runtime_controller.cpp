@@ -14,8 +14,10 @@
 #include "Core/application.h"
 #include "Core/application_launch_data.h"
 #include "Core/application_registry.h"
+#include "Core/memory_monitor.h"
 #include "Core/process_id.h"
 #include "Core/resource_configuration.h"
+#include "Core/resource_usage_watcher.h"
 #include "Core/runtime_tracker.h"
 
 #include <QDebug>
@@ -31,7 +33,9 @@ namespace Core {
 namespace {
 
 constexpr int defaultKillTimeoutMs = 2000; // time for an application to save its state
-constexpr int neverFrozenPolicy = 0; // the background policy of applications from before freezing
+// Background policies, from the system version that an application is made for.
+constexpr int neverFrozenPolicy = 0;
+constexpr int frozenUnlessUsingResourcePolicy = 1;
 
 const QString cgroupBackend = QStringLiteral("cgroup1");
 
@@ -45,7 +49,8 @@ CGroupController::Settings toSettings(const QVariantMap &values)
 }
 
 /// The state that an application's windows call for; nothing if there are none left.
-std::optional<ApplicationState> stateForWindows(int active, int inactive, int hidden, int backgroundPolicy)
+std::optional<ApplicationState> stateForWindows(int active, int inactive, int hidden, int backgroundPolicy,
+                                                bool usesResource)
 {
     if (active > 0) {
         return ApplicationState::Active;
@@ -56,7 +61,9 @@ std::optional<ApplicationState> stateForWindows(int active, int inactive, int hi
     if (hidden < 1) {
         return std::nullopt;
     }
-    return backgroundPolicy == neverFrozenPolicy ? ApplicationState::Inactive : ApplicationState::Hidden;
+    const bool staysAwake = backgroundPolicy == neverFrozenPolicy
+        || (backgroundPolicy == frozenUnlessUsingResourcePolicy && usesResource);
+    return staysAwake ? ApplicationState::Inactive : ApplicationState::Hidden;
 }
 
 Error notRunning(const QString &id)
@@ -78,7 +85,10 @@ RuntimeControllerPrivate::RuntimeControllerPrivate(RuntimeController *owner)
     , launcher(&cgroups, &oomController)
     , killTimeoutMs(killTimeoutFromEnvironment())
 {
+    earlyOomTimer.setInterval(oomController.checkIntervalMsecCriticalMem());
+    QObject::connect(&earlyOomTimer, &QTimer::timeout, &earlyOomTimer, [this] { runOomKiller(); });
     loadStates(ResourceConfiguration());
+    ResourceUsageWatcher::instance(); // it has to have heard the list before it is asked
 }
 
 RuntimeControllerPrivate::~RuntimeControllerPrivate() = default;
@@ -153,6 +163,7 @@ void RuntimeControllerPrivate::addApplication(const ApplicationInstanceId &insta
     QObject::connect(application, &Process::stateChanged, q, [this, application](ApplicationState state) {
         onApplicationStateChanged(*application, state);
     });
+    refreshMonitoring();
     emit q->applicationStarted(application->record());
 }
 
@@ -184,6 +195,7 @@ void RuntimeControllerPrivate::onProcessTerminated(const QString &id, int exitSt
     emit q->applicationTerminated(id, process->pid(), exitStatus, process->stopReason());
     records.remove(id);
     delete process;
+    refreshMonitoring();
 
     const QString applicationId = ProcessId(id).toString();
     if (!hasRecordOf(applicationId)) {
@@ -229,6 +241,8 @@ RuntimeController::RuntimeController(QObject *parent)
     : QObject(parent)
     , d(std::make_unique<RuntimeControllerPrivate>(this))
 {
+    connect(MemoryMonitor::instance(), &MemoryMonitor::levelChanged, this,
+            [this](MemoryLevel level) { d->onMemoryLevelChanged(level); });
     connect(RuntimeTracker::instance(), &RuntimeTracker::applicationTerminated, this,
             [this](const QString &id, int exitStatus) { d->onProcessTerminated(id, exitStatus); });
     connect(
@@ -337,7 +351,11 @@ Error RuntimeController::updateWindowStatus(const ApplicationInstanceId &instanc
     application->setWindowCounts(active, inactive, hidden);
     const int policy =
         ApplicationRegistry::instance()->backgroundPolicy(ApplicationId(instanceId.toString()));
-    if (const auto state = stateForWindows(active, inactive, hidden, policy)) {
+    // Who uses a resource is named by its application, or by the instance that a process belongs to.
+    const auto *usage = ResourceUsageWatcher::instance();
+    const bool usesResource =
+        usage->isUsingResource(instanceId.toString()) || usage->isUsingResource(instanceId.text());
+    if (const auto state = stateForWindows(active, inactive, hidden, policy, usesResource)) {
         application->setState(*state);
     } else {
         application->terminate(d->killTimeoutMs);
@@ -367,6 +385,11 @@ QVector<ApplicationRecord> RuntimeController::runningApplications() const
         }
     }
     return running;
+}
+
+void RuntimeController::letClientRun(const QString &appId, UnfreezeReason reason)
+{
+    d->letClientRun(appId, reason);
 }
 
 void RuntimeController::whenInitialized(const std::function<void()> &callback)

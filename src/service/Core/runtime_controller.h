@@ -18,6 +18,11 @@ namespace Core {
 
 class RuntimeControllerPrivate;
 
+/// Why a frozen application may run for a while.
+enum class UnfreezeReason {
+    Notification = 0, ///< it has been told of the memory level
+};
+
 /// Knows what runs: the one owner of the records of all running applications.
 ///
 /// Decides whether a start may go ahead, follows each record through its states, applies the control group
@@ -85,6 +90,10 @@ public:
     ApplicationState state(const QString &id) const;
     QVector<ApplicationRecord> runningApplications() const;
 
+    /// Lets a hidden, thus frozen, application run for a while so that it can act on what it is told, without
+    /// a change of state or a signal. Any other application, and one that does not run, is left alone.
+    void letClientRun(const QString &appId, UnfreezeReason reason);
+
     /// Runs @p callback once the control groups can be used: at once if they can.
     void whenInitialized(const std::function<void()> &callback);
 
@@ -93,6 +102,8 @@ signals:
     /// @param exitStatus the raw status word of waitpid(2)
     void applicationTerminated(const QString &appId, pid_t pid, int exitStatus, Core::StopReason reason);
     void applicationStateChanged(const QString &appId, Core::ApplicationState state);
+    /// The early out-of-memory killer is about to kill all of it.
+    void processSelectedByOom(const QString &processId);
 
 private:
     const std::unique_ptr<RuntimeControllerPrivate> d;

@@ -1,15 +1,19 @@
 #pragma once
 
 #include "Core/block_list.h"
+#include "Core/candidate.h"
 #include "Core/cgroup_controller.h"
 #include "Core/launcher.h"
+#include "Core/memory_level.h"
 #include "Core/oom_controller.h"
 #include "Core/runtime_controller.h"
 #include "Core/state_table.h"
 #include "Core/termination_waiters.h"
 
+#include <QHash>
 #include <QMap>
 #include <QStringList>
+#include <QTimer>
 
 namespace Core {
 
@@ -41,6 +45,15 @@ public:
     void onChildAbandoned(pid_t pid, const ApplicationInstanceId &instanceId);
     Error terminate(const QString &id, StopReason reason);
 
+    // When memory runs short
+    void onMemoryLevelChanged(MemoryLevel level);
+    void refreshMonitoring();
+    void runOomKiller();
+    QVector<Candidate> oomCandidates() const;
+    void killSubprocess(const Candidate &victim);
+    void logVictim(const Candidate &victim, VictimRule rule, bool onlySubprocess) const;
+    void letClientRun(const QString &appId, UnfreezeReason reason);
+
     RuntimeController *const q;
     StateTable states;
     CGroupController cgroups;
@@ -53,6 +66,9 @@ public:
     QVector<std::function<void()>> initializationCallbacks;
     BlockList blocked;
     TerminationWaiters waiters;
+    QHash<pid_t, int>
+        killedSubprocesses; // record's pid -> kills, emptied when the level is no longer critical
+    QTimer earlyOomTimer; // runs exactly while the level is critical
 };
 
 } // namespace Core

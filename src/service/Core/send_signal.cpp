@@ -4,11 +4,13 @@
 
 #include <csignal>
 
+#include <unistd.h>
+
 namespace Core {
 
 int sendSignal(pid_t pid, SignalTarget target, int signal)
 {
-    if (pid <= 1) {
+    if (pid <= 1 || pid == ::getpid()) {
         return EINVAL;
     }
     return ::kill(target == SignalTarget::Group ? -pid : pid, signal) == 0 ? 0 : errno;

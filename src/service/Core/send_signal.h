@@ -13,7 +13,7 @@ enum class SignalTarget {
 ///
 /// kill(2) gives 0, -1 and other negative numbers meanings of their own ("my group", "everybody"),
 /// and 1 is the init process. A pid that was never set must not reach them, so a @p pid below 2 is
-/// refused without a system call, for both targets.
+/// refused without a system call, for both targets. So is the service's own, whatever a file says.
 ///
 /// @param signal as of signal(7); 0 only asks whether the target exists.
 /// @returns 0, or the errno of the call: ESRCH when there is no such process or group, EINVAL for a

@@ -69,6 +69,7 @@ ControlPrivate::ControlPrivate(Control *owner)
                      [this](const QString &id, pid_t pid, int exitStatus, StopReason reason) {
                          onTerminated(id, pid, exitStatus, reason);
                      });
+    QObject::connect(controller, &RuntimeController::processSelectedByOom, q, &Control::SelectedByOom);
     QObject::connect(controller, &RuntimeController::applicationStateChanged, q,
                      [this](const QString &id, ApplicationState state) { onStateChanged(id, state); });
 }

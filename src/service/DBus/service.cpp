@@ -3,6 +3,8 @@
 #include "Core/runtime_controller.h"
 #include "DBus/control.h"
 #include "DBus/lifecycle.h"
+#include "DBus/memory_pressure.h"
+#include "DBus/pkd_hooks.h"
 #include "DBus/system_control.h"
 #include "DBus/window_management.h"
 
@@ -15,6 +17,7 @@ namespace {
 
 constexpr auto slotsOnly = QDBusConnection::ExportAllSlots;
 constexpr auto slotsAndSignals = QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllSignals;
+constexpr auto everything = slotsAndSignals | QDBusConnection::ExportAllProperties;
 
 bool registerObject(QDBusConnection bus, QLatin1String path, QObject *object,
                     QDBusConnection::RegisterOptions options, const char *failure)
@@ -42,9 +45,11 @@ bool registerName(QDBusConnection bus, QLatin1String name, const char *failure)
 class ServicePrivate
 {
 public:
+    PkdHooks pkdHooks;
     Control control;
     WindowManagement windowManagement;
     Lifecycle lifecycle;
+    MemoryPressure memoryPressure;
     SystemControl systemControl;
 };
 
@@ -70,12 +75,16 @@ bool Service::registerObjects()
         && registerName(system, QLatin1String("org.kestrix.Procwarden.User"), "couldn't register service")
         && registerObject(system, controlPath, &d->control, slotsAndSignals,
                           "couldn't register system Control object")
+        && registerObject(session, QLatin1String("/org/kestrix/PKD/Hooks"), &d->pkdHooks, slotsOnly,
+                          "couldn't register PKD hooks object")
         && registerObject(session, controlPath, &d->control, slotsAndSignals,
                           "couldn't register Control object")
         && registerObject(session, QLatin1String("/org/kestrix/Procwarden/WindowManagement1"),
                           &d->windowManagement, slotsOnly, "couldn't register WindowManagement object")
         && registerObject(session, QLatin1String("/org/kestrix/Procwarden/Lifecycle1"), &d->lifecycle,
                           slotsAndSignals, "couldn't register Lifecycle object")
+        && registerObject(session, QLatin1String("/org/kestrix/Procwarden/MemoryPressure1"),
+                          &d->memoryPressure, everything, "couldn't register MemoryPressure object")
         && registerName(session, QLatin1String("org.kestrix.Procwarden"), "couldn't register service");
 }
 
