@@ -57,7 +57,7 @@ def test_session_name_that_is_taken_ends_it(stack):
 
 @pytest.mark.parametrize("variable, message", [
     ("DBUS_SYSTEM_BUS_ADDRESS", "couldn't register SystemControl object"),
-    ("DBUS_SESSION_BUS_ADDRESS", "couldn't register Control object"),
+    ("DBUS_SESSION_BUS_ADDRESS", "couldn't register PKD hooks object"),
 ])
 def test_absent_bus_ends_it(stack, variable, message):
     stack.start_helper()

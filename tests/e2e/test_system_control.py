@@ -15,7 +15,8 @@ BLOCKED = "org.kestrix.Procwarden.Error.ApplicationBlocked"
 @pytest.fixture
 def many(service):
     """The service with an application that may run any number of times."""
-    service.install_sample("org.example.Many", sandbox={"Sandboxing": "Disabled"},
+    # Sample applications would all want the same bus name, and only one of them stay.
+    service.install_sample("org.example.Many", exec_line="/bin/sleep 600", sandbox={"Sandboxing": "Disabled"},
                            main={"X-Nemo-Single-Instance": "no"})
     service.install_sample(sandbox={"Sandboxing": "Disabled"})
     service.control.reload()

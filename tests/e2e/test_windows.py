@@ -137,7 +137,8 @@ def test_application_hears_its_own_states_and_nobody_elses(plain):
     plain.control.start("org.example.Other")
     plain.sample()
     plain.sample("org.example.Other")
-    until(lambda: "properties State=0" in plain.sample_files.diary(), "the application's first question")
+    for app_id in (SAMPLE, "org.example.Other"):
+        until(lambda: "properties State=0" in plain.sample_files.diary(app_id), "the application's first question")
     monitor = plain.monitor()
     plain.control.update_windows(SAMPLE, active=1)
     plain.control.update_windows("org.example.Other", inactive=1)

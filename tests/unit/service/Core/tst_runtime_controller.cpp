@@ -190,7 +190,7 @@ void tst_RuntimeController::initTestCase()
     install(QStringLiteral("org.example.Cover"),
             sleeper + "X-Nemo-Single-Instance=no\nX-Solvane-Single-Cover=yes\n");
     // The shell keeps running when its own group is asked to end, and so does what it waits for.
-    write(root + QStringLiteral("/stubborn"), "trap '' TERM\nwhile :; do sleep 600; done\n");
+    write(root + QStringLiteral("/stubborn"), "trap '' TERM\n: >\"$0.ready\"\nwhile :; do sleep 600; done\n");
     install(QStringLiteral("org.example.Stubborn"),
             "Exec=/bin/sh " + QFile::encodeName(root) + "/stubborn\n");
     install(QStringLiteral("org.example.Broken"), "Exec=/bin/true\nX-Maemo-Service=org.example.Nowhere\n");
@@ -488,7 +488,10 @@ void tst_RuntimeController::eachStateIsWrittenAfterItsDelay()
 
 void tst_RuntimeController::applicationThatIgnoresSigtermIsKilled()
 {
+    const QString ready = m_root.filePath(QStringLiteral("stubborn.ready"));
+    QFile::remove(ready);
     const ApplicationInstanceId id = startAndWait(QStringLiteral("org.example.Stubborn"));
+    QTRY_VERIFY(QFile::exists(ready));
     QSignalSpy terminated(m_controller, &RuntimeController::applicationTerminated);
 
     QVERIFY(!m_controller->terminateApplication(id, StopReason::Requested));
