@@ -137,10 +137,10 @@ void ApplicationRegistryPrivate::addHandler(const QString &type, const QString &
     if (!isUriPattern && type.endsWith(star)) {
         const QStringRef prefix = type.leftRef(type.length() - 1);
         if (!prefix.contains(star)) {
-            for (const QString &candidate : allMimeTypes()) {
-                if (candidate.startsWith(prefix)) {
-                    addHandler(candidate, id, foundBefore);
-                }
+            const QStringList &types = allMimeTypes();
+            auto it = std::lower_bound(types.cbegin(), types.cend(), prefix);
+            for (; it != types.cend() && it->startsWith(prefix); ++it) {
+                addHandler(*it, id, foundBefore);
             }
         }
         return;
@@ -153,7 +153,7 @@ void ApplicationRegistryPrivate::addHandler(const QString &type, const QString &
     }
 }
 
-/// Few applications use wildcards, and without one a scan does without the database.
+/// Sorted. Few applications use wildcards, and without one a scan does without the database.
 const QStringList &ApplicationRegistryPrivate::allMimeTypes()
 {
     if (knownMimeTypes.isEmpty()) {
@@ -162,6 +162,7 @@ const QStringList &ApplicationRegistryPrivate::allMimeTypes()
         for (const QMimeType &type : types) {
             knownMimeTypes.append(type.name());
         }
+        knownMimeTypes.sort();
     }
     return knownMimeTypes;
 }

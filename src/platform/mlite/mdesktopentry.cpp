@@ -173,13 +173,21 @@ QString MDesktopEntryPrivate::string(const char *group, const char *key) const
         : QString::fromUtf8(GString_(g_key_file_get_string(file, group, key, nullptr)).get());
 }
 
+/// What g_key_file_get_locale_string() does, but that one composes an error for every translation that is
+/// not there, which takes a seventh of the time of reading all applications.
 QString MDesktopEntryPrivate::localeString(const char *key) const
 {
-    GKeyFile *const file = holding(mainGroup, key);
-    return file == nullptr
-        ? QString()
-        : QString::fromUtf8(
-            GString_(g_key_file_get_locale_string(file, mainGroup, key, nullptr, nullptr)).get());
+    for (const gchar *const *language = g_get_language_names(); *language != nullptr; ++language) {
+        const QByteArray translatedKey = QByteArray(key) + '[' + *language + ']';
+        GKeyFile *const file = holding(mainGroup, translatedKey.constData());
+        const GString_ value(
+            file == nullptr ? nullptr
+                            : g_key_file_get_string(file, mainGroup, translatedKey.constData(), nullptr));
+        if (value) {
+            return QString::fromUtf8(value.get());
+        }
+    }
+    return string(mainGroup, key);
 }
 
 QStringList MDesktopEntryPrivate::stringList(const char *group, const char *key) const

@@ -166,6 +166,12 @@ void TestMDesktopEntry::translationOfTheSessionIsTaken()
     QCOMPARE(entry.exec(), QStringLiteral("app"));
     QCOMPARE(MDesktopEntry(write("[Desktop Entry]\nName=Notes\nName[fi]=X\n")).name(),
              QStringLiteral("Notes"));
+    // The nearer language first, whatever the order of the file; one that cannot be read is passed over.
+    QCOMPARE(MDesktopEntry(write("[Desktop Entry]\nName[fr]=F\nName[de]=D\nName[de_AT]=A\nName=N\n")).name(),
+             QStringLiteral("A"));
+    QCOMPARE(MDesktopEntry(write("[Desktop Entry]\nName[de]=\xff\nName[fr]=F\nName=N\n")).name(),
+             QStringLiteral("F"));
+    QCOMPARE(MDesktopEntry(write("[Desktop Entry]\nName[de]=D\n")).name(), QStringLiteral("D"));
 }
 
 void TestMDesktopEntry::nameAndOrganisationComeFromTheSandboxGroups_data()
