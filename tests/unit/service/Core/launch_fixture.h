@@ -249,7 +249,8 @@ public:
     inline static bool inForce = false;
 };
 
-// In the place of the C library's.
+// In the place of the C library's, in each program that includes this once.
+// NOLINTNEXTLINE(misc-definitions-in-headers)
 extern "C" int pipe2(int ends[2], int flags) noexcept
 {
     if (NoPipes::inForce) {
