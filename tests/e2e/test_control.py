@@ -117,7 +117,7 @@ def test_requestor_is_the_application_that_asked(plain):
     other = plain.control.start("org.example.Other")
     assert other.instance_id == f"org.example.Other.instance_{other.pid}"
     monitor = plain.monitor()
-    plain.sample("org.example.Other").call_service(
+    plain.sample(other.instance_id).call_service(
         f"{SESSION_NAME} /org/kestrix/Procwarden/Control1 org.kestrix.Procwarden.Control1 Start", SAMPLE)
     # The application, not its instance.
     assert monitor.wait_for("Started", SAMPLE)[-1].arguments[1]["RequestorId"] == "org.example.Other"

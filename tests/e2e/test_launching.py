@@ -9,7 +9,7 @@ import pytest
 
 from stack.client import BusError
 from stack.permission_daemon import PermissionDaemon, allowed, error, granted, held, never, value
-from stack.process import descendants
+from stack.process import descendants, is_running
 from stack.service import SESSION_NAME
 from stack.waiting import until
 
@@ -49,7 +49,8 @@ def assert_nothing_is_left(stack, before):
 
 def groups_of(stack, app_id):
     return [path for controller in ("cpu", "freezer", "memory")
-            if os.path.exists(path := os.path.dirname(stack.group(controller, app_id)))]
+            if stack.hierarchies.is_real(controller)
+            and os.path.exists(path := os.path.dirname(stack.group(controller, app_id)))]
 
 
 def terminated(monitor, app_id=SAMPLE):
@@ -117,7 +118,7 @@ def test_everything_in_the_process_group_is_killed(stack):
     family = descendants(started.pid)
     stack.control.terminate(SAMPLE)
     assert terminated(monitor)["ExitStatus"] == signal.SIGKILL
-    until(lambda: not [pid for pid in family if os.path.exists(f"/proc/{pid}")], "the end of the whole group")
+    until(lambda: not [pid for pid in family if is_running(pid)], "the end of the whole group")
 
 
 def test_flood_of_output_holds_nobody_up(plain):
@@ -135,7 +136,7 @@ def test_everything_in_the_process_group_goes_with_the_application(plain):
     family = until(lambda: descendants(started.pid), "the process that it starts") | {started.pid}
     plain.control.terminate(SAMPLE)
     assert terminated(monitor)["ExitStatus"] == signal.SIGTERM
-    until(lambda: not [pid for pid in family if os.path.exists(f"/proc/{pid}")], "the end of the whole group")
+    until(lambda: not [pid for pid in family if is_running(pid)], "the end of the whole group")
 
 
 def test_stop_right_after_the_start(plain):

@@ -9,7 +9,7 @@ import pytest
 
 from stack.bus import ServedConnection
 from stack.permission_daemon import allowed, held
-from stack.process import descendants
+from stack.process import descendants, is_running
 from stack.service import SESSION_NAME, SYSTEM_NAME
 from stack.waiting import until
 
@@ -146,7 +146,7 @@ def test_stop_signal_ends_everything(service, number):
     family = set(pids).union(*(descendants(pid) for pid in pids))
 
     assert service.service.child.stop(number) == 0
-    until(lambda: not [pid for pid in family if os.path.exists(f"/proc/{pid}")], "the end of all processes")
+    until(lambda: not [pid for pid in family if is_running(pid)], "the end of all processes")
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
@@ -177,7 +177,7 @@ def test_sigterm_in_the_middle_of_a_launch(service, method):
     service.permission_daemon.wait_for_held(method, SAMPLE)
     children = until(lambda: descendants(service.service.pid), "the child that waits")
     assert service.service.stop() == 0
-    until(lambda: not [pid for pid in children if os.path.exists(f"/proc/{pid}")], "the end of the child")
+    until(lambda: not [pid for pid in children if is_running(pid)], "the end of the child")
 
 
 def names_are_free(stack):
@@ -202,7 +202,7 @@ def test_killed_service_comes_up_again(service):
     children = until(lambda: descendants(service.service.pid), "the child that waits")
     service.service.child.stop(signal.SIGKILL)
     # The pipe is closed, so that the child that was never released ends.
-    until(lambda: not [pid for pid in children if os.path.exists(f"/proc/{pid}")], "the end of the child")
+    until(lambda: not [pid for pid in children if is_running(pid)], "the end of the child")
     service.permission_daemon.set_rule(SAMPLE, may_start=allowed())
     names_are_free(service)
     service.start_service()

@@ -226,7 +226,7 @@ def wait_for_sample(stack, child):
     until(lambda: child.status is not None or stack.session_bus.owner("org.example.Sample.Main"),
           "the sample application's name", detail=child.output)
     assert child.status is None, child.output()
-    return SampleClient(stack.session_bus)
+    return SampleClient(stack.session_bus, "org.example.Sample.Main")
 
 
 def test_sample_application_runs_in_the_real_sandbox(stack):

@@ -40,12 +40,15 @@ class Applications:
                 exec_line=None):
         """Installs a sample application; again for the same id: replaces its files.
 
-        arguments go behind the program in Exec, whose first one is the bus name to own; main, sandbox: further
+        arguments go behind the program in Exec, whose first one is the bus name to own: app_id + ".Main", or
+        for one that may run several times the text of the instance id; main, sandbox: further
         keys of [Desktop Entry] and [X-Sailjail]; groups: group name -> keys; manifest: what its manifest.json
         holds, {} for an empty one, None for an application that is no package.
         """
         organization, name = app_id.rsplit(".", 1)
-        line = f"{self.install_program(app_id)} --name {app_id}.Main {arguments}".rstrip()
+        # Only one process can own a name, so each of several instances needs its own.
+        suffix = "@" if (main or {}).get("X-Nemo-Single-Instance") == "no" else "Main"
+        line = f"{self.install_program(app_id)} --name {app_id}.{suffix} {arguments}".rstrip()
         sections = {
             "Desktop Entry": {"Type": "Application", "Name": name, "Icon": "icon-" + name.lower(),
                               "Exec": line if exec_line is None else exec_line, **(main or {})},

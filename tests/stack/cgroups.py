@@ -18,10 +18,14 @@ def mounted_hierarchies(root=MACHINE_ROOT):
         return found
     for name in sorted(names):
         path = os.path.join(root, name)
-        # Only the top of a version 1 hierarchy has this file.
-        if not os.path.islink(path) and os.path.exists(os.path.join(path, "cgroup.sane_behavior")):
+        if not os.path.islink(path) and _is_kernels(path):
             found[name] = path
     return found
+
+
+def _is_kernels(path):
+    # Only the top of a version 1 hierarchy has this file.
+    return os.path.exists(os.path.join(path, "cgroup.sane_behavior"))
 
 
 class Hierarchies:
@@ -85,7 +89,7 @@ def thaw(hierarchies, uid):
 def remove(hierarchies, uid):
     """Removes the user's groups. Returns those that would not go."""
     left = []
-    for hierarchy in hierarchies:
+    for hierarchy in filter(_is_kernels, hierarchies): # plain directories go with the stack's own
         for group in _groups_below(user_directory(hierarchy, uid)):
             try:
                 os.rmdir(group)

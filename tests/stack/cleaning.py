@@ -1,13 +1,15 @@
 """Removing everything that a stack, or what it started, can have left."""
 
+import ctypes
 import os
 import shutil
 import signal
-import subprocess
 import sys
 
 from . import cgroups
 from .waiting import LIMIT, NotInTime, until
+
+MNT_DETACH = 2
 
 
 def processes_of(uid):
@@ -73,8 +75,9 @@ def clean_processes(uid, hierarchies):
 
 def clean_files(directory):
     """Removes the stack's directory, with what is mounted below it."""
+    libc = ctypes.CDLL(None)
     for point in reversed(_mounts_below(directory)):
-        subprocess.run(["umount", "--lazy", point], check=False)
+        libc.umount2(point.encode(), MNT_DETACH)
     if _mounts_below(directory):
         print(f"stack: left behind, being in use: {directory}", file=sys.stderr)
     else:

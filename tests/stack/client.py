@@ -144,9 +144,9 @@ class Client:
 class SampleClient:
     """Talks to a running sample application over the session bus."""
 
-    def __init__(self, bus, app_id="org.example.Sample", name=None):
+    def __init__(self, bus, name):
         self._connection = bus.connect()
-        self._name = name or f"{app_id}.Main"
+        self._name = name
 
     def call(self, member, signature="", *arguments, limit=LIMIT):
         try:

@@ -231,11 +231,16 @@ class Stack:
         self._closers.append(monitor.close)
         return monitor
 
-    def sample(self, app_id="org.example.Sample", name=None):
-        """A client of a running sample application; waits until it owns its name."""
-        until(lambda: self.session_bus.owner(name or f"{app_id}.Main"), f"the bus name of {app_id}",
+    def sample(self, instance_id="org.example.Sample", name=None):
+        """A client of a running sample application; waits until it owns its name.
+
+        name: which one, if its command line gives another one than what install() makes of the id.
+        """
+        # Only one process can own a name, so each of several instances has its own.
+        usual = instance_id if ".instance_" in instance_id else f"{instance_id}.Main"
+        until(lambda: self.session_bus.owner(name or usual), f"the bus name {name or usual}",
               detail=self.service.log)
-        return SampleClient(self.session_bus, app_id, name)
+        return SampleClient(self.session_bus, name or usual)
 
     def complaints(self):
         """What the stand-ins found wrong with the calls they got."""

@@ -52,7 +52,7 @@ def describe(stack):
         line("control groups", "real, the machine's own version 1 hierarchies")
     else:
         names = ", ".join(sorted(hierarchies.real)) or "none"
-        line("control groups", f"the machine mounts no version 1 hierarchies; mounted for this run: {names}")
+        line("control groups", f"not the machine's own; version 1 hierarchies mounted for this run: {names}")
         if not hierarchies.all_real:
             missing = ", ".join(sorted(set(hierarchies.directories) - hierarchies.real))
             line("", f"plain directories, which take what is written and do nothing: {missing}")
@@ -94,7 +94,8 @@ def _start(stack):
     stack.sample(APP)
     groups = cgroups.of_process(started.pid)
     for controller in cgroups.REQUIRED:
-        line(f"group {controller}", groups.get(controller) or stack.group(controller, APP))
+        real = stack.hierarchies.is_real(controller)
+        line(f"group {controller}", groups[controller] if real else stack.group(controller, APP))
     line("processes in it", f"{started.pid} and {len(descendants(started.pid))} below it")
     stack.control.start(CLOCK)
     stack.sample(CLOCK)
@@ -157,17 +158,20 @@ def _stop(stack, pid):
     line("signal Terminated", f"pid {details['Pid']}, stop reason {details['StopReason']} (requested)")
     line("exit", wait_status(details["ExitStatus"]))
     until(lambda: not is_running(pid), "the end of the process")
-    left = [controller for controller in cgroups.REQUIRED if os.path.exists(stack.group(controller, APP))]
+    # A plain directory, unlike a group, cannot be removed while it has files.
+    left = [controller for controller in cgroups.REQUIRED
+            if stack.hierarchies.is_real(controller) and os.path.exists(stack.group(controller, APP))]
     line("group directories", f"left behind: {left}" if left else "gone")
     running = [record[0] for record in stack.control.running()[0]]
     line("running", ", ".join(running) or "nothing")
 
 
 def _end(stack):
-    chapter("SIGTERM to the service, while two applications run, one of them frozen")
+    chapter("SIGTERM to the service, while two applications run, one of them hidden")
     for app in (APP, CLOCK):
         if app not in [record[0] for record in stack.control.running()[0]]:
             stack.control.start(app)
+        stack.sample(app)
     pids = [record[1] for record in stack.control.running()[0]]
     stack.control.update_windows(APP, hidden=1)
     until(lambda: stack.freezer_state(APP) == "FROZEN", "the freezing of the group")

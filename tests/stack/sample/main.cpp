@@ -58,6 +58,13 @@ void floodOutput(int lines)
     std::fflush(stdout);
 }
 
+// "instance_123" for one of several instances, else "Main".
+QString instanceSuffix(const QString &instanceId)
+{
+    const QString suffix = instanceId.section(QLatin1Char('.'), -1);
+    return suffix.startsWith(QLatin1String("instance_")) ? suffix : QStringLiteral("Main");
+}
+
 QCommandLineOption option(const char *name, const char *help, const char *value = "")
 {
     return QCommandLineOption(QString::fromLatin1(name), QString::fromLatin1(help),
@@ -70,7 +77,7 @@ int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
 
-    const QCommandLineOption name = option("name", "Owns this name on the session bus.", "name");
+    const QCommandLineOption name = option("name", "Owns this bus name; @ is the instance.", "name");
     const QCommandLineOption directory = option("dir", "Directory of the diary and the ticks.", "path");
     const QCommandLineOption ignoreTerm = option("ignore-term", "Notes SIGTERM and goes on.");
     const QCommandLineOption exitWith = option("exit", "Ends at once with this status.", "code");
@@ -99,9 +106,9 @@ int main(int argc, char **argv)
     }
 
     SampleOptions options;
-    options.busName = parser.value(name);
     options.directory = parser.value(directory);
     options.instanceId = qEnvironmentVariable("SOLVANE_APP_INSTANCE_ID", QStringLiteral("unmanaged"));
+    options.busName = parser.value(name).replace(QLatin1Char('@'), instanceSuffix(options.instanceId));
     options.arguments = app.arguments();
     options.lifecycle = !parser.isSet(noLifecycle);
     if (options.directory.isEmpty()) {
