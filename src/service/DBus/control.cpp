@@ -154,6 +154,7 @@ void Control::GetRunningApplications(QVector<Procwarden::RunningApplication> &ap
 {
     qDebug() << Q_FUNC_INFO;
     const QVector<ApplicationRecord> records = RuntimeController::instance()->runningApplications();
+    const QVariantMap noUris = { { Keys::uris, QStringList() } }; // shared by all that were started without
     apps.reserve(records.size());
     for (const ApplicationRecord &record : records) {
         Procwarden::RunningApplication app;
@@ -161,7 +162,7 @@ void Control::GetRunningApplications(QVector<Procwarden::RunningApplication> &ap
         app.pid = record.pid;
         app.startReason = Core::wireStartReason(record.context.reason);
         app.state = quint32(record.state);
-        app.details = { { Keys::uris, toTexts(record.uris) } };
+        app.details = record.uris.isEmpty() ? noUris : QVariantMap { { Keys::uris, toTexts(record.uris) } };
         apps.append(app);
     }
     services.clear();
