@@ -87,7 +87,9 @@ pid_t LaunchingApplication::start()
 void LaunchingApplication::setupAndExec()
 {
     if (pid < 0) {
-        return; // the refusal was faster
+        // A denial overtook the queue; the child is about to end, and must not be given groups that stay
+        // behind.
+        return;
     }
     ProcessSetup setup(&spawner);
     if (!setup.sendOomScore(pid, oomScore) || !setup.sendJournalIdentifier(appId.toString())

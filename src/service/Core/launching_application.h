@@ -115,7 +115,7 @@ protected:
     Callback callback; ///< empty once it was called
     qint32 pendingSteps = 1; ///< that must end before the program runs; the first is setupAndExec()
     qint32 references = 1; ///< the launch itself, and the activation of a D-Bus service
-    pid_t pid = -1;
+    pid_t pid = -1; ///< the child's, until the launch has failed
     const QString desktopFile; ///< as the registry had it at the start
     const QString
         packageName; ///< its complete base name; sailjaild and the program know the application by it

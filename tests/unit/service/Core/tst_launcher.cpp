@@ -22,6 +22,7 @@ private slots:
     void unknownApplicationIsReportedAtOnce();
     void failedPreparationIsReportedOnceAndAtOnce();
     void failedSpawnIsReportedOnceAndAtOnce();
+    void childOfAFailedLaunchIsToldOf();
     void applicationIsStarted();
     void directStartSparesTheProcess_data();
     void directStartSparesTheProcess();
@@ -45,6 +46,7 @@ private:
     OomController m_oom;
     std::unique_ptr<Launcher> m_launcher;
     QList<Report> m_reports;
+    QList<Report> m_abandoned; ///< by failed launches; only process and instance count
 };
 
 void TestLauncher::initTestCase()
@@ -58,7 +60,12 @@ void TestLauncher::init()
     m_sailjaild = std::make_unique<Sailjaild>(m_world->bus());
     m_log = std::make_unique<LogCapture>();
     m_launcher = std::make_unique<Launcher>(m_world->cgroups(), &m_oom);
+    connect(m_launcher.get(), &Launcher::childAbandoned, this,
+            [this](pid_t pid, const ApplicationInstanceId &id) {
+                m_abandoned << Report { id.text(), pid, Error::NoError, QString() };
+            });
     m_reports.clear();
+    m_abandoned.clear();
 }
 
 void TestLauncher::cleanup()
@@ -140,6 +147,19 @@ void TestLauncher::failedSpawnIsReportedOnceAndAtOnce()
                             QStringLiteral("Failed to start child process") }));
 }
 
+void TestLauncher::childOfAFailedLaunchIsToldOf()
+{
+    m_sailjaild->allowed = 0;
+    m_world->install(desktopFile("Exec=/bin/true", "Sandboxing=Disabled"));
+    launch();
+    QTRY_COMPARE(m_reports.size(), 1);
+    QCOMPARE(m_abandoned.size(), 1);
+    QCOMPARE(m_abandoned.first().instanceId, testAppId);
+    const int status = waitForChild(m_abandoned.first().pid);
+    QVERIFY(WIFEXITED(status));
+    QCOMPARE(WEXITSTATUS(status), 1);
+}
+
 void TestLauncher::applicationIsStarted()
 {
     const QString recorder = m_world->recorder();
@@ -150,6 +170,7 @@ void TestLauncher::applicationIsStarted()
     const pid_t pid = m_reports.first().pid;
     QVERIFY(pid > 1);
     QCOMPARE(m_reports, (QList<Report> { { testAppId, pid, Error::NoError, QString() } }));
+    QCOMPARE(m_abandoned.size(), 0);
     QCOMPARE(waitForChild(pid), 0);
     QCOMPARE(m_world->recorded(), (QStringList { recorder, QStringLiteral("x") }));
     QTRY_VERIFY(m_launcher->children().isEmpty());

@@ -40,6 +40,8 @@ private slots:
     void denialWhileAPromptIsOpenIsReportedOnce_data();
     void denialWhileAPromptIsOpenIsReportedOnce();
     void failedLaunchNeverReachesTheRelease();
+    void denialBeforeTheSetupLeavesNoGroups();
+    void childOfAFailedLaunchIsAbandonedOnce();
     void failureIsReportedOnce();
     void failureWithoutErrorIsNotReported();
     void groupThatCannotBeMadeFailsTheSetup();
@@ -365,6 +367,45 @@ void TestLaunchingApplication::failedLaunchNeverReachesTheRelease()
     verifyEnded(pid, 1);
     QCOMPARE(TestedLaunch::reports, QList<Report> { failure(Error::InvalidArgs, QStringLiteral("bad")) });
     QCOMPARE(m_world->recorded(), QStringList());
+}
+
+void TestLaunchingApplication::denialBeforeTheSetupLeavesNoGroups()
+{
+    const QString group = m_world->groupPath(QStringLiteral("memory"), testAppId);
+    QDir(group).removeRecursively();
+    QPointer<TestedLaunch> launch = make({ m_recorder });
+    const pid_t pid = launch->start();
+    // As when the answer of an absent daemon is there before the queued setup.
+    launch->fail(Error(Error::AccessDenied, deniedMessage));
+    QTRY_VERIFY(!launch);
+    verifyEnded(pid, 1);
+    QVERIFY(!QFileInfo::exists(group));
+    QCOMPARE(TestedLaunch::reports, QList<Report> { failure(Error::AccessDenied, deniedMessage) });
+    QCOMPARE(m_log->messages(), QStringList { failureWarning });
+}
+
+void TestLaunchingApplication::childOfAFailedLaunchIsAbandonedOnce()
+{
+    m_sailjaild->holdsAllowed = true;
+    m_request.launchData.singleInstance = false;
+    QPointer<TestedLaunch> launch = make({ m_recorder });
+    QStringList events;
+    connect(launch, &LaunchingApplication::childAbandoned, this,
+            [&events](pid_t child, const ApplicationInstanceId &id) {
+                events << QStringLiteral("abandoned %1 %2").arg(child).arg(id.text());
+            });
+    launch->onReport = [&events] {
+        events << QStringLiteral("reported");
+    };
+    const pid_t pid = launch->start();
+    QTRY_COMPARE(launch->pendingSteps, 1);
+    launch->fail(Error(Error::Failed, QStringLiteral("first")));
+    launch->fail(Error(Error::Failed, QStringLiteral("second")));
+    QTRY_VERIFY(!launch);
+    verifyEnded(pid, 1);
+    QCOMPARE(events,
+             (QStringList { QStringLiteral("abandoned %1 org.example.Notes.instance_%1").arg(pid),
+                            QStringLiteral("reported") }));
 }
 
 void TestLaunchingApplication::failureIsReportedOnce()

@@ -253,6 +253,8 @@ void TestServiceActivation::nameThatNeverAppearsEndsTheProcessGroup()
     const int status = waitForChild(m_pid);
     QVERIFY(WIFSIGNALED(status));
     QCOMPARE(WTERMSIG(status), SIGKILL);
+    pollfd end { ends[0], POLLIN, 0 };
+    QCOMPARE(::poll(&end, 1, childLimitMs), 1);
     QCOMPARE(::read(ends[0], text, sizeof(text)), ssize_t(0)); // nobody of the group is left
     ::close(ends[0]);
     QCOMPARE(m_log->warnings(), (QStringList { limitWarning, failureWarning }));
