@@ -7,6 +7,13 @@
 
 namespace Core {
 
+namespace {
+
+// Many times what any machine has, and little enough that sums of it stay exact, in a double as well.
+constexpr qint64 maximumKb = qint64(1) << 48;
+
+} // namespace
+
 const char *memoryLevelName(MemoryLevel level)
 {
     switch (level) {
@@ -45,7 +52,7 @@ MemoryInfo MemoryInfo::parse(const QByteArray &content)
         bool ok = false;
         const qint64 value = line.mid(colon + 1, unit - colon - 1).trimmed().toLongLong(&ok);
         if (ok) {
-            *field = value;
+            *field = qBound(-maximumKb, value, maximumKb);
         }
     }
     return info;

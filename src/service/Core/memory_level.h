@@ -27,7 +27,8 @@ struct MemoryInfo
     qint64 swapFree = -1;
     qint64 inactiveFile = -1;
 
-    /// Takes what it can from the content of the file; a wanted line without a unit is warned about.
+    /// Takes what it can from the content of the file; a wanted line without a unit is warned about. Figures
+    /// beyond all sense are cut to what can be reckoned with.
     static MemoryInfo parse(const QByteArray &content);
 };
 

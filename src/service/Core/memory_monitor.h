@@ -20,6 +20,8 @@ class MemoryMonitor : public QObject
     Q_OBJECT
 
 public:
+    using MemoryLevel = Core::MemoryLevel;
+
     /// The one of the process, made on first use and never destroyed.
     static MemoryMonitor *instance();
 

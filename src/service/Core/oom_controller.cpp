@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <limits>
 #include <optional>
+#include <utility>
 
 #include <unistd.h>
 
@@ -52,17 +53,19 @@ std::optional<int> readInt(const QString &path)
 }
 
 /// The process of the control group of @p leader that has offered itself most clearly; the leader if all have
-/// the same to say.
+/// the same to say. A value below 0 is a protection and no offer: among such, too, the leader stands for all.
 pid_t volunteer(pid_t leader)
 {
     const QSet<int> members = CGroupController::processesInSameGroup(leader);
-    // In ascending order, so that of several with the same value it is always the same one.
+    // The leader first, then in ascending order: of several with the same value it is always the same one.
     QVector<int> pids(members.cbegin(), members.cend());
-    std::sort(pids.begin(), pids.end());
+    std::sort(pids.begin(), pids.end(), [leader](int a, int b) {
+        return std::make_pair(a != leader, a) < std::make_pair(b != leader, b);
+    });
 
     int smallest = std::numeric_limits<int>::max();
     int largest = 0;
-    pid_t chosen = leader;
+    std::optional<pid_t> chosen;
     for (const int pid : qAsConst(pids)) {
         // Whatever a file says: these two end the system and the service.
         if (pid <= 1 || pid == ::getpid()) {
@@ -73,12 +76,12 @@ pid_t volunteer(pid_t leader)
             continue; // it has ended meanwhile
         }
         smallest = std::min(smallest, *value);
-        if (*value > largest) {
+        if (*value > largest || (*value == largest && !chosen)) {
             largest = *value;
             chosen = pid;
         }
     }
-    return smallest < largest ? chosen : leader;
+    return smallest < largest ? chosen.value_or(leader) : leader;
 }
 
 } // namespace

@@ -20,6 +20,8 @@ class OomControllerPrivate;
 class OomController
 {
 public:
+    using MemoryLevel = Core::MemoryLevel;
+
     /// What speaks for a process that is being started; bits of a mask.
     enum StartFlag : int {
         DirectRequest = 0x1, ///< somebody asked for this very application
