@@ -1,4 +1,5 @@
 #include "Core/application_id.h"
+#include "Core/oom_controller.h"
 #include "Core/resource_configuration.h"
 #include "Core/version_overrides.h"
 #include "support/log_capture.h"
@@ -56,6 +57,11 @@ QStringList interfaceLines(const QString &path)
         const QString name = attributes.value(QLatin1String("name")).toString();
         if (kind != QLatin1String("arg")) {
             lines << kind + QLatin1Char(' ') + name;
+            if (kind == QLatin1String("property")) {
+                lines.last() +=
+                    QStringLiteral(" %1 %2").arg(attributes.value(QLatin1String("type")).toString(),
+                                                 attributes.value(QLatin1String("access")).toString());
+            }
             if (!comment.startsWith(name + QLatin1Char(':'))) {
                 lines << QStringLiteral("not documented: ") + name;
             }
@@ -89,6 +95,9 @@ private slots:
 
     void versionSampleOverridesNothing();
     void versionSampleHoldsValidExamples();
+
+    void memorySampleHoldsValidThresholds_data();
+    void memorySampleHoldsValidThresholds();
 
     void interfacesAreDocumented_data();
     void interfacesAreDocumented();
@@ -209,6 +218,59 @@ void InstalledDataTest::versionSampleHoldsValidExamples()
     QCOMPARE(version("com.example.Other"), QStringLiteral("5.2.0"));
 }
 
+void InstalledDataTest::memorySampleHoldsValidThresholds_data()
+{
+    QTest::addColumn<int>("totalMb");
+    QTest::addColumn<int>("swapMb");
+    QTest::addColumn<int>("availableMb");
+    QTest::addColumn<Core::MemoryLevel>("level");
+
+    using Core::MemoryLevel;
+    QTest::newRow("2 GB, enough") << 2048 << 0 << 300 << MemoryLevel::Normal;
+    QTest::newRow("2 GB, low") << 2048 << 0 << 299 << MemoryLevel::Low;
+    QTest::newRow("2 GB, still low") << 2048 << 0 << 150 << MemoryLevel::Low;
+    QTest::newRow("2 GB, critical") << 2048 << 0 << 149 << MemoryLevel::Critical;
+    QTest::newRow("2 GB and full swap, enough") << 2048 << 1024 << 300 << MemoryLevel::Normal;
+    QTest::newRow("2 GB and full swap, low") << 2048 << 1024 << 299 << MemoryLevel::Low;
+    QTest::newRow("4 GB, enough") << 4096 << 0 << 328 << MemoryLevel::Normal;
+    QTest::newRow("4 GB, low") << 4096 << 0 << 327 << MemoryLevel::Low;
+    QTest::newRow("4 GB, critical") << 4096 << 0 << 163 << MemoryLevel::Critical;
+    QTest::newRow("8 GB, enough") << 8192 << 0 << 656 << MemoryLevel::Normal;
+    QTest::newRow("8 GB, low") << 8192 << 0 << 655 << MemoryLevel::Low;
+    QTest::newRow("8 GB, critical") << 8192 << 0 << 327 << MemoryLevel::Critical;
+}
+
+void InstalledDataTest::memorySampleHoldsValidThresholds()
+{
+    QFETCH(int, totalMb);
+    QFETCH(int, swapMb);
+    QFETCH(int, availableMb);
+    QFETCH(Core::MemoryLevel, level);
+    const QString root = m_directory.filePath(QStringLiteral("memory"));
+    QVERIFY(QDir(root).mkpath(QStringLiteral("etc")));
+    QVERIFY(QDir(root).mkpath(QStringLiteral("proc")));
+    QFile::link(dataPath(QString()), root + QStringLiteral("/etc/procwarden"));
+    QFile memory(root + QStringLiteral("/proc/meminfo"));
+    QVERIFY(memory.open(QIODevice::WriteOnly));
+    memory.write(QStringLiteral("MemTotal: %1 kB\nMemAvailable: %2 kB\nSwapTotal: %3 kB\nSwapFree: 0 kB\n")
+                     .arg(totalMb * 1024)
+                     .arg(availableMb * 1024)
+                     .arg(swapMb * 1024)
+                     .toUtf8());
+    memory.close();
+    qputenv("PROCWARDEN_ROOTFS", root.toUtf8());
+    const TestSupport::LogCapture log;
+    const Core::OomController controller;
+    QCOMPARE(controller.readMemoryLevel(), level);
+    qunsetenv("PROCWARDEN_ROOTFS");
+    QCOMPARE(log.messages(), QStringList());
+    // The sample shows the built-in intervals.
+    QCOMPARE(controller.checkIntervalMsec(), 5000);
+    QCOMPARE(controller.checkIntervalMsecLowMem(), 2000);
+    QCOMPARE(controller.checkIntervalMsecCriticalMem(), 1000);
+    QCOMPARE(controller.notificationUnfreezeMsec(), 5000);
+}
+
 void InstalledDataTest::interfacesAreDocumented_data()
 {
     QTest::addColumn<QString>("lines");
@@ -231,6 +293,9 @@ void InstalledDataTest::interfacesAreDocumented_data()
         << "method UpdateWindowStatus in:s in:i in:i in:i out:u";
     QTest::newRow("org.kestrix.Procwarden.Lifecycle1") << "method GetProperties out:a{sv}\n"
                                                           "signal StateChanged appId:s state:u";
+    QTest::newRow("org.kestrix.Procwarden.MemoryPressure1") << "method Subscribe\n"
+                                                               "property Level i read";
+    QTest::newRow("org.kestrix.PKD.Hooks") << "method OnRemove in:s";
     QTest::newRow("org.sailfishos.sailjaild1") << "method GetAllowed in:s out:i\n"
                                                   "method PromptLaunchPermissions in:s out:as";
     QTest::newRow("local.Lipstick.WindowModel") << "method launchProcess in:s";
