@@ -49,10 +49,9 @@ QDBusMessage call(const QDBusMessage &message)
 
 QDBusMessage control(const char *member)
 {
-    return QDBusMessage::createMethodCall(QStringLiteral("org.kestrix.Procwarden"),
-                                          QStringLiteral("/org/kestrix/Procwarden/Control1"),
-                                          QStringLiteral("org.kestrix.Procwarden.Control1"),
-                                          QString::fromLatin1(member));
+    return QDBusMessage::createMethodCall(
+        QStringLiteral("org.kestrix.Procwarden"), QStringLiteral("/org/kestrix/Procwarden/Control1"),
+        QStringLiteral("org.kestrix.Procwarden.Control1"), QString::fromLatin1(member));
 }
 
 double median(std::vector<double> values)
@@ -116,10 +115,11 @@ void measureStart(int rounds, const char *fifoPath, const char *program, const c
         }));
         reapAll();
     }
-    std::printf("{\"bench\": \"start to exec\", \"n\": %d, \"ours_ms\": %.3f, \"fork_exec_ms\": %.3f, "
-                "\"systemd_run_scope_ms\": %.3f, \"above_fork_exec_ms\": %.3f, \"ratio_to_systemd_run\": %.3f}\n",
-                rounds, median(ours), median(plain), median(scope), median(ours) - median(plain),
-                median(ours) / median(scope));
+    std::printf(
+        "{\"bench\": \"start to exec\", \"n\": %d, \"ours_ms\": %.3f, \"fork_exec_ms\": %.3f, "
+        "\"systemd_run_scope_ms\": %.3f, \"above_fork_exec_ms\": %.3f, \"ratio_to_systemd_run\": %.3f}\n",
+        rounds, median(ours), median(plain), median(scope), median(ours) - median(plain),
+        median(ours) / median(scope));
 }
 
 double timeOf(const QDBusMessage &message)

@@ -9,7 +9,8 @@ namespace DBus::Keys {
 inline const QString pid = QStringLiteral("Pid"); ///< int32
 inline const QString startReason = QStringLiteral("StartReason"); ///< uint32, see Core::wireStartReason()
 inline const QString stopReason = QStringLiteral("StopReason"); ///< uint32, Core::StopReason
-inline const QString requestorId = QStringLiteral("RequestorId"); ///< string: who asked for the start; empty: nobody
+inline const QString requestorId =
+    QStringLiteral("RequestorId"); ///< string: who asked for the start; empty: nobody
 inline const QString exitStatus = QStringLiteral("ExitStatus"); ///< int32: the raw status of waitpid(2)
 inline const QString uris = QStringLiteral("Uris"); ///< array of strings: the URIs of the start
 inline const QString state = QStringLiteral("State"); ///< uint32, Core::ApplicationState
