@@ -3,6 +3,7 @@
 import ctypes
 import os
 import select
+import shutil
 import threading
 
 DATA = os.path.join(os.path.dirname(os.path.abspath(__file__)), "data")
@@ -22,10 +23,10 @@ def may_lower_oom_scores():
 class RootDirectory:
     """Configuration and applications are private to it; /sys and, where possible, /proc are the kernel's."""
 
-    def __init__(self, path, user, programs, log, hierarchies):
+    def __init__(self, path, user, programs, log, hierarchies, own_proc=False):
         self.path = path
         self._user = user
-        self.real_proc = may_lower_oom_scores() and hierarchies.all_real
+        self.real_proc = may_lower_oom_scores() and hierarchies.all_real and not own_proc
         self.proc_tree = None
         # firejail's wrapper writes here, as the user.
         os.makedirs(log)
@@ -66,10 +67,21 @@ class RootDirectory:
     def remove(self, path):
         os.unlink(self.inside(path))
 
+    def remove_directory(self, path):
+        shutil.rmtree(self.inside(path))
+
     def link(self, path, target):
         place = self.inside(path)
         os.makedirs(os.path.dirname(place), exist_ok=True)
         os.symlink(target, place)
+
+    def set_oom_score_adj(self, pid, value):
+        """Of any process, as the service is to see it; the kernel's own where its files are used."""
+        if self.proc_tree:
+            self.write(f"proc/{pid}/oom_score_adj", f"{value}\n")
+        else:
+            with open(f"/proc/{pid}/oom_score_adj", "w") as file:
+                file.write(str(value))
 
     def _make_proc(self, hierarchies):
         proc = self.inside("proc")

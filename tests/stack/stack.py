@@ -15,6 +15,7 @@ from .apps import Applications, SampleFiles
 from .bus import PrivateBus
 from .cleaning import clean_files, clean_processes, empty
 from .client import SampleClient, session_client, system_client
+from .memory import Memory
 from .monitor import Monitor
 from .permission_daemon import PermissionDaemon
 from .process import Child
@@ -40,12 +41,16 @@ class Stack:
 
     Up after construction: the user, the directories, both buses and the stand-ins. start() adds the helper
     and the service; what the service is to find at its start is put in place before.
+
+    own_proc: /proc holds this stack's own files even where the kernel's would do, so that what they say can be
+    set: memory.set_available(), root.set_oom_score_adj().
     """
 
-    def __init__(self, bin_dir=None):
+    def __init__(self, bin_dir=None, own_proc=False):
         if os.getuid() != 0:
             raise RuntimeError("only root can bring up the helper and other users' processes")
         self._bin_dir = bin_dir or os.environ.get("PROCWARDEN_BIN_DIR", DEFAULT_BIN_DIR)
+        self._own_proc = own_proc
         self._closed = False
         self._closers = []
         self.directory = self.hierarchies = self._guard_pipe = None
@@ -75,8 +80,11 @@ class Stack:
             os.chown(self._path(name), self.user.uid, self.user.gid)
         os.mkdir(self._path("system"))
         self.root = RootDirectory(self._path("root"), self.user, self._path("apps"),
-                                  self._path("log/sandbox"), self.hierarchies)
+                                  self._path("log/sandbox"), self.hierarchies, self._own_proc)
         self._closers.append(self.root.stop)
+        self.memory = Memory(self.root)
+        if self._own_proc:
+            self.memory.set_level("normal")
         self.applications = Applications(self._path("apps"), self._path("share"), self.root,
                                          os.path.join(self._bin_dir, "procwarden-sample"))
         # The types of files are the machine's; its applications are not.

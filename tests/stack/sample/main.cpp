@@ -16,6 +16,8 @@
 
 namespace {
 
+constexpr int bytesPerMegabyte = 1 << 20;
+
 int termPipe[2] = { -1, -1 };
 
 // Tells the event loop, where the diary can be written, that SIGTERM came.
@@ -84,8 +86,11 @@ int main(int argc, char **argv)
     const QCommandLineOption daemonise = option("daemonise", "Forks away before anything else.");
     const QCommandLineOption flood = option("flood", "Prints so many lines first.", "lines");
     const QCommandLineOption noLifecycle = option("no-lifecycle", "Never asks for its state.");
+    const QCommandLineOption memoryPressure = option("memory-pressure", "Subscribes to the memory level.");
+    const QCommandLineOption hold = option("hold", "Keeps so much memory in use.", "megabytes");
     QCommandLineParser parser;
-    parser.addOptions({ name, directory, ignoreTerm, exitWith, daemonise, flood, noLifecycle });
+    parser.addOptions(
+        { name, directory, ignoreTerm, exitWith, daemonise, flood, noLifecycle, memoryPressure, hold });
     parser.addPositionalArgument(QStringLiteral("uris"), QStringLiteral("What to open."));
     if (!parser.parse(app.arguments())) {
         std::fprintf(stderr, "%s\n", qPrintable(parser.errorText()));
@@ -105,12 +110,16 @@ int main(int argc, char **argv)
         return 3;
     }
 
+    // Every page is written to, so that it really costs something.
+    const QByteArray held(parser.value(hold).toInt() * bytesPerMegabyte, 'x');
+
     SampleOptions options;
     options.directory = parser.value(directory);
     options.instanceId = qEnvironmentVariable("SOLVANE_APP_INSTANCE_ID", QStringLiteral("unmanaged"));
     options.busName = parser.value(name).replace(QLatin1Char('@'), instanceSuffix(options.instanceId));
     options.arguments = app.arguments();
     options.lifecycle = !parser.isSet(noLifecycle);
+    options.memoryPressure = parser.isSet(memoryPressure);
     if (options.directory.isEmpty()) {
         options.directory = QDir::homePath() + QStringLiteral("/.cache/org.example/Sample");
     }

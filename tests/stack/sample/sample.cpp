@@ -16,6 +16,8 @@ namespace {
 
 const QString service = QStringLiteral("org.kestrix.Procwarden");
 const QString lifecyclePath = QStringLiteral("/org/kestrix/Procwarden/Lifecycle1");
+const QString memoryPath = QStringLiteral("/org/kestrix/Procwarden/MemoryPressure1");
+const QString memoryInterface = QStringLiteral("org.kestrix.Procwarden.MemoryPressure1");
 const QString lifecycleInterface = QStringLiteral("org.kestrix.Procwarden.Lifecycle1");
 
 QString errorText(const QString &name, const QString &message)
@@ -62,6 +64,9 @@ bool Sample::start()
     note(QStringLiteral("name ") + m_options.busName);
     if (m_options.lifecycle) {
         askForState();
+    }
+    if (m_options.memoryPressure) {
+        subscribeToMemoryLevel();
     }
     return true;
 }
@@ -145,6 +150,12 @@ void Sample::onStateChanged(const QString &appId, uint state)
     note(QStringLiteral("state %1 %2").arg(state).arg(appId));
 }
 
+void Sample::onPropertiesChanged(const QString &interface, const QVariantMap &changed, const QStringList &)
+{
+    const QVariant level = changed.value(QStringLiteral("Level"));
+    note(QStringLiteral("memory %1 %2").arg(level.toString(), interface));
+}
+
 void Sample::tick()
 {
     ++m_ticks;
@@ -167,4 +178,17 @@ void Sample::askForState()
     }
     m_state = reply.value().value(QStringLiteral("State"), -1).toInt();
     note(QStringLiteral("properties State=%1").arg(m_state));
+}
+
+void Sample::subscribeToMemoryLevel()
+{
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    bus.connect(service, memoryPath, QStringLiteral("org.freedesktop.DBus.Properties"),
+                QStringLiteral("PropertiesChanged"), this,
+                SLOT(onPropertiesChanged(QString, QVariantMap, QStringList)));
+    const QDBusReply<void> reply = bus.call(
+        QDBusMessage::createMethodCall(service, memoryPath, memoryInterface, QStringLiteral("Subscribe")));
+    note(reply.isValid()
+             ? QStringLiteral("subscribed")
+             : QStringLiteral("subscribe ") + errorText(reply.error().name(), reply.error().message()));
 }

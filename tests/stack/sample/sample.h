@@ -14,6 +14,7 @@ struct SampleOptions
     QString instanceId; ///< name of the files there
     QStringList arguments; ///< the whole command line, as it arrived
     bool lifecycle = true; ///< ask for the own state at the start, and listen to its changes
+    bool memoryPressure = false; ///< subscribe to the memory level at the start
     int tickMs = 20;
 };
 
@@ -56,10 +57,13 @@ public slots:
 
 private slots:
     void onStateChanged(const QString &appId, uint state);
+    void onPropertiesChanged(const QString &interface, const QVariantMap &changed,
+                             const QStringList &invalidated);
 
 private:
     void tick();
     void askForState();
+    void subscribeToMemoryLevel();
 
     const SampleOptions m_options;
     QFile m_diary;
