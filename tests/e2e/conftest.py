@@ -10,13 +10,23 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."
 from stack import Stack # noqa: E402 (the path comes first)
 
 
-@pytest.fixture
-def stack(request):
-    """Buses, stand-ins and user; nothing of ours runs yet."""
-    with Stack() as stack:
+def bring_up(request, **options):
+    with Stack(**options) as stack:
         request.node.stack = stack
         yield stack
         check_end(stack)
+
+
+@pytest.fixture
+def stack(request):
+    """Buses, stand-ins and user; nothing of ours runs yet."""
+    yield from bring_up(request)
+
+
+@pytest.fixture
+def own_memory(request):
+    """The same, with a memory that holds what a test says; the thresholds are those of Memory.LEVELS."""
+    yield from bring_up(request, own_proc=True)
 
 
 @pytest.fixture

@@ -32,11 +32,15 @@ def types(details):
 
 
 def interface(bus, service, object_name):
-    """Members of the object's own interface: "method Name(in) -> out" and "signal Name(arguments)"."""
+    """Members of the object's own interface: "method Name(in) -> out", "signal Name(arguments)" and
+    "property Name type access"."""
     _, (text,) = call(bus, service, object_name, "Introspect", interface="org.freedesktop.DBus.Introspectable")
     tree = xml.etree.ElementTree.fromstring(text)
     members = []
     for node in tree.findall(f"interface[@name='org.kestrix.Procwarden.{object_name}']/*"):
+        if node.tag == "property":
+            members.append(f"property {node.get('name')} {node.get('type')} {node.get('access')}")
+            continue
         arguments = {"in": "", "out": ""}
         for argument in node.findall("arg"):
             arguments[argument.get("direction", "in")] += argument.get("type")

@@ -1,0 +1,335 @@
+"""When memory runs short: who is killed, in which order, and what is told about it."""
+
+import os
+import re
+import threading
+
+import dbus
+import pytest
+
+from stack.client import ACTIVE, HIDDEN, INACTIVE
+from stack.memory import MEGABYTE, Hog, available_kb
+from stack.process import is_running
+from stack.waiting import until
+from test_service import context_switches, until_quiet
+
+SAMPLE = "org.example.Sample"
+OTHER = "org.example.Other"
+THIRD = "org.example.Third"
+UNSANDBOXED = {"Sandboxing": "Disabled"}
+OOM_KILLED = 6
+
+KILL = re.compile(r'^Early OOM: killing "?([\w.]+)"?, pid (\d+) \((all of it|one process of it)\): memory is (\w+), '
+                  r"(\d+) kB of (\d+) kB available; oom_score_adj (-?\d+), oom_score (-?\d+), chosen by (.+)$",
+                  re.MULTILINE)
+
+
+def install(stack, *app_ids, **options):
+    for app_id in app_ids:
+        stack.install_sample(app_id, sandbox=UNSANDBOXED, **options)
+
+
+def launch(stack, *app_ids):
+    """Starts them and returns their pids, once each has asked all that it asks at its start."""
+    pids = []
+    for app_id in app_ids:
+        pids.append(stack.control.start(app_id).pid)
+        stack.sample(app_id)
+        until(lambda: "properties State=0" in stack.sample_files.diary(app_id), "the application's first question")
+    return pids
+
+
+def hide(stack, app_id):
+    assert stack.control.update_windows(app_id, active=1) == ACTIVE
+    assert stack.control.update_windows(app_id, hidden=1) == HIDDEN
+    until(lambda: stack.freezer_state(app_id) == "FROZEN", "the freezing")
+
+
+def kills(stack):
+    """What the log says of each kill, in order."""
+    return KILL.findall(stack.service.log())
+
+
+def running(stack):
+    return {record[0] for record in stack.control.running()[0]}
+
+
+# --- who is killed ---
+
+
+@pytest.fixture
+def three(own_memory):
+    """One active and two hidden ones, at a normal level; a critical one costs exactly one of them."""
+    stack = own_memory
+    stack.memory.configure(CheckIntervalMsecCriticalMem=stack.memory.NEVER_MS)
+    install(stack, SAMPLE, OTHER, THIRD)
+    stack.start()
+    launch(stack, SAMPLE, OTHER, THIRD)
+    hide(stack, SAMPLE)
+    hide(stack, OTHER)
+    assert stack.control.update_windows(THIRD, active=1) == ACTIVE
+    stack.service.wait_for_log("Memory level: normal")
+    return stack
+
+
+def test_longest_hidden_dies_first_and_both_buses_hear(three):
+    pid = next(record[1] for record in three.control.running()[0] if record[0] == SAMPLE)
+    monitors = three.monitor(), three.system_monitor()
+    three.memory.set_level("critical")
+    for monitor in monitors:
+        seen = [signal for signal in monitor.wait_for("Terminated", SAMPLE) if signal.interface.endswith("Control1")]
+        assert [(signal.member, signal.arguments[0]) for signal in seen if signal.member != "StateChanged"] == [
+            ("SelectedByOom", SAMPLE), ("Terminated", SAMPLE)]
+        selected, terminated = seen[0], seen[-1]
+        assert (selected.signature, selected.path) == ("s", "/org/kestrix/Procwarden/Control1")
+        assert type(selected.raw[0]) is dbus.String
+        assert (terminated.signature, terminated.path) == ("sa{sv}", "/org/kestrix/Procwarden/Control1")
+        assert terminated.arguments[1]["StopReason"] == OOM_KILLED
+        assert terminated.arguments[1]["Pid"] == pid
+        # It was frozen: without thawing, SIGKILL would be waiting still.
+        assert os.WTERMSIG(terminated.arguments[1]["ExitStatus"]) == 9
+    assert running(three) == {OTHER, THIRD}
+    assert three.freezer_state(OTHER) == "FROZEN"
+
+
+def test_kill_is_told_in_one_line(three):
+    pid = next(record[1] for record in three.control.running()[0] if record[0] == SAMPLE)
+    monitor = three.monitor()
+    three.memory.set_level("critical")
+    monitor.wait_for("Terminated", SAMPLE)
+    (told,) = kills(three)
+    application, victim, what, level, available, total, adjustment, _, rule = told
+    assert (application, victim, what, level) == (SAMPLE, str(pid), "all of it", "Critical")
+    assert (int(available), int(total)) == (three.memory.LEVELS["critical"], three.memory.TOTAL_KB)
+    assert (adjustment, rule) == ("-100", "least recently active")
+
+
+def test_greater_adjustment_dies_before_all_others(three):
+    pid = next(record[1] for record in three.control.running()[0] if record[0] == THIRD)
+    three.root.set_oom_score_adj(pid, 300)
+    monitor = three.monitor()
+    three.memory.set_level("critical")
+    monitor.wait_for("SelectedByOom", THIRD)
+    monitor.wait_for("Terminated", THIRD)
+    assert [(told[0], told[-1]) for told in kills(three)] == [(THIRD, "oom_score_adj")]
+
+
+def test_active_one_dies_last(own_memory):
+    stack = own_memory
+    stack.memory.configure()
+    install(stack, SAMPLE, OTHER, THIRD)
+    stack.start()
+    launch(stack, SAMPLE, OTHER, THIRD)
+    stack.control.update_windows(SAMPLE, active=1)
+    hide(stack, OTHER)
+    hide(stack, THIRD)
+    monitor = stack.monitor()
+    stack.memory.set_level("critical")
+    monitor.wait_for("Terminated", SAMPLE)
+    order = list(dict.fromkeys(told[0] for told in kills(stack)))
+    assert order == [OTHER, THIRD, SAMPLE]
+    # The level is critical still, so it goes on looking, and has nobody left.
+    stack.service.wait_for_log("No candidates for killing, early OOM aborted.")
+    stack.memory.set_level("normal")
+    until(lambda: stack.service.log().count("Memory level: normal") == 2, "the normal level", detail=stack.service.log)
+
+
+def test_level_that_recovers_spares_the_rest(own_memory):
+    """Poll and next kill are due at the same moment: how often one more falls is shown, and at most one may."""
+    stack = own_memory
+    interval = 200
+    stack.memory.configure(CheckIntervalMsecCriticalMem=interval)
+    apps = [f"org.example.Spare{number}" for number in range(4)]
+    for app_id in apps:
+        stack.install_sample(app_id, exec_line="/bin/sleep 6000", sandbox=UNSANDBOXED)
+    stack.start()
+    monitor = stack.monitor()
+    rounds, second = 12, 0
+    for number in range(rounds):
+        for app_id in set(apps) - running(stack):
+            stack.control.start(app_id)
+        before = len(kills(stack))
+        normal = stack.service.log().count("Memory level: normal")
+        monitor.take()
+        stack.memory.set_level("critical")
+        monitor.wait_for("SelectedByOom")
+        stack.memory.set_level("normal")
+        until(lambda: stack.service.log().count("Memory level: normal") > normal, "the end of the shortage")
+        fallen = len(kills(stack)) - before
+        assert fallen in (1, 2)
+        second += fallen == 2
+        until(lambda: len(running(stack)) == len(apps) - fallen, "the end of the victims")
+    print(f"a second victim before the recovery was seen: {second} of {rounds} rounds, interval {interval} ms")
+
+
+# --- one process of an application ---
+
+
+def spawn_children(stack, app_id, *adjustments):
+    """Children of an application, each with the adjustment that it has given itself."""
+    sample = stack.sample(app_id)
+    children = []
+    for adjustment in adjustments:
+        children.append(sample.call("SpawnChild", "b", False))
+        stack.root.set_oom_score_adj(children[-1], adjustment)
+    return children
+
+
+@pytest.fixture
+def family(own_memory):
+    stack = own_memory
+    stack.memory.configure(CheckIntervalMsecCriticalMem=stack.memory.NEVER_MS)
+    install(stack, SAMPLE, OTHER)
+    stack.start()
+    return stack
+
+
+def test_volunteering_child_dies_alone(family):
+    launch(family, SAMPLE, OTHER)
+    modest, volunteer = spawn_children(family, SAMPLE, 100, 500)
+    hide(family, SAMPLE)
+    family.control.update_windows(OTHER, active=1)
+    family.service.wait_for_log("Memory level: normal")
+    monitor = family.monitor()
+    family.memory.set_level("critical")
+    until(lambda: not is_running(volunteer), "the end of the volunteer")
+    # It had to be thawed for that, and is no longer hidden.
+    assert family.control.running()[0][1][0] == SAMPLE
+    until(lambda: family.control.running()[0][1][3] == INACTIVE, "the state")
+    assert is_running(modest)
+    assert [(told[0], int(told[1]), told[2]) for told in kills(family)] == [(SAMPLE, volunteer, "one process of it")]
+    assert not [signal for signal in monitor.take() if signal.member in ("SelectedByOom", "Terminated")]
+
+    # Nothing of it sticks: an end of its own is an ordinary one.
+    family.sample(SAMPLE).quit()
+    details = monitor.wait_for("Terminated", SAMPLE)[-1].arguments[1]
+    assert (details["StopReason"], details["ExitStatus"]) == (0, 0)
+
+
+def test_sixth_selection_takes_the_whole_application(own_memory):
+    stack = own_memory
+    stack.memory.configure(CheckIntervalMsecCriticalMem=300)
+    install(stack, SAMPLE)
+    stack.start()
+    (leader,) = launch(stack, SAMPLE)
+    children = spawn_children(stack, SAMPLE, 700, 600, 500, 400, 300, 200, 100)
+    stack.control.update_windows(SAMPLE, active=1)
+    monitor = stack.monitor()
+    stack.memory.set_level("critical")
+    seen = monitor.wait_for("Terminated", SAMPLE)
+    assert seen[-1].arguments[1]["StopReason"] == OOM_KILLED
+    assert [signal.member for signal in seen].count("SelectedByOom") >= 1
+    told = kills(stack)
+    assert [(int(line[1]), line[2]) for line in told[:6]] == [
+        *((child, "one process of it") for child in children[:5]), (leader, "all of it")]
+    assert "Already killed 5 subprocesses, giving up!" in stack.service.log()
+    until(lambda: not any(is_running(child) for child in children), "the end of all of its processes")
+
+
+def test_count_of_killed_processes_ends_with_the_shortage(own_memory):
+    stack = own_memory
+    stack.memory.configure(CheckIntervalMsecCriticalMem=stack.memory.OFTEN_MS * 6)
+    install(stack, SAMPLE)
+    stack.start()
+    launch(stack, SAMPLE)
+    stack.control.update_windows(SAMPLE, active=1)
+    monitor = stack.monitor()
+    for shortage in range(1, 5):
+        children = spawn_children(stack, SAMPLE, 600, 500, 400)
+        stack.memory.set_level("critical")
+        until(lambda: not is_running(children[1]), "the end of the second child")
+        stack.memory.set_level("low")
+        until(lambda: stack.service.log().count("Memory level: low") == shortage, "the low level")
+    assert len(kills(stack)) > 5
+    assert not [signal for signal in monitor.take() if signal.member in ("SelectedByOom", "Terminated")]
+
+
+# --- many, none ---
+
+
+def test_fifty_records_fall_one_by_one(own_memory):
+    stack = own_memory
+    stack.memory.configure()
+    stack.install_sample("org.example.Many", exec_line="/bin/sleep 6000", sandbox=UNSANDBOXED,
+                         main={"X-Nemo-Single-Instance": "no"})
+    stack.start()
+    pids = {stack.control.start("org.example.Many").pid for _ in range(50)}
+    stack.service.wait_for_log("Memory level: normal")
+    monitor = stack.monitor()
+    stack.memory.set_level("critical")
+    until(lambda: not running(stack), "the end of all")
+    told = kills(stack)
+    # One that has not died by the next pass is killed once more.
+    assert {int(line[1]) for line in told} == pids
+    signals = monitor.take()
+    ended = [signal for signal in signals if signal.member == "Terminated"]
+    assert len(ended) == 50 and {signal.arguments[1]["StopReason"] for signal in ended} == {OOM_KILLED}
+    assert [signal.member for signal in signals].count("SelectedByOom") == len(told)
+
+
+def test_nothing_is_polled_without_a_record(own_memory):
+    stack = own_memory
+    stack.memory.configure()
+    install(stack, SAMPLE)
+    stack.start()
+    stack.control.start(SAMPLE)
+    sample = stack.sample()
+    stack.service.wait_for_log("Memory level: normal")
+    pid = stack.service.pid
+    before = context_switches(pid)
+    until(lambda: context_switches(pid) > before + 10, "the polls while something runs")
+    monitor = stack.monitor()
+    sample.quit()
+    monitor.wait_for("Terminated", SAMPLE)
+    stack.control.running() # the last thing that it has to do
+    before = until_quiet(pid)
+    threading.Event().wait(2) # as long as forty polls
+    assert context_switches(pid) == before
+
+
+def test_usual_pace_is_slow(own_memory):
+    """Without a configuration: nothing in the first seconds, and no level but the normal one."""
+    stack = own_memory
+    stack.memory.set_available(0)
+    install(stack, SAMPLE)
+    stack.start()
+    launch(stack, SAMPLE)
+    assert "Memory level" not in stack.service.log()
+    stack.service.wait_for_log("Memory level: normal")
+    assert running(stack) == {SAMPLE}
+
+
+# --- the kernel's own figures ---
+
+
+def test_memory_that_really_runs_short(stack):
+    """A program takes memory until the level falls; the hidden application's end gives it back."""
+    margin_mb = 300
+    install(stack, SAMPLE, arguments="--hold 400")
+    install(stack, OTHER, THIRD)
+    # What these will have taken is not there any more when the thresholds count.
+    critical_mb = available_kb() // MEGABYTE - 450 - margin_mb
+    stack.memory.configure(CheckIntervalMsecCriticalMem=1000, LowMemoryTermMB=critical_mb + 100,
+                           MinMemoryTermMB=critical_mb)
+    stack.start()
+    launch(stack, OTHER, SAMPLE, THIRD)
+    hide(stack, SAMPLE)
+    hide(stack, THIRD)
+    assert stack.control.update_windows(OTHER, active=1) == ACTIVE
+    stack.service.wait_for_log("Memory level: ")
+    monitor = stack.monitor()
+    with Hog() as hog:
+        reached = hog.take_until(lambda: "Memory level: critical" in stack.service.log())
+        if not reached and available_kb() > critical_mb * MEGABYTE:
+            pytest.skip("others on this machine gave back more memory than the test may take")
+        seen = monitor.wait_for("SelectedByOom")
+    assert seen[-1].arguments == (SAMPLE,)
+    details = monitor.wait_for("Terminated", SAMPLE)[-1].arguments[1]
+    assert details["StopReason"] == OOM_KILLED
+    assert os.WTERMSIG(details["ExitStatus"]) == 9
+    first = kills(stack)[0]
+    assert first[0] == SAMPLE and int(first[4]) < critical_mb * MEGABYTE
+    until(lambda: re.findall(r"Memory level: (\w+)", stack.service.log())[-1] != "critical", "the recovery")
+    # One more may have fallen before the recovery could be seen, and that is the other hidden one.
+    assert OTHER in running(stack)
+    assert {told[0] for told in kills(stack)} <= {SAMPLE, THIRD}
