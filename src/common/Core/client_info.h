@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QMetaType>
 #include <QString>
 
 namespace Core {
@@ -18,3 +19,5 @@ struct ClientInfo
 };
 
 } // namespace Core
+
+Q_DECLARE_METATYPE(Core::ClientInfo)

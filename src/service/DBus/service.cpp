@@ -1,9 +1,11 @@
 #include "DBus/service.h"
 
+#include "Core/notification_names.h"
 #include "Core/runtime_controller.h"
 #include "DBus/control.h"
 #include "DBus/lifecycle.h"
 #include "DBus/memory_pressure.h"
+#include "DBus/notifications.h"
 #include "DBus/pkd_hooks.h"
 #include "DBus/system_control.h"
 #include "DBus/window_management.h"
@@ -38,6 +40,15 @@ bool registerName(QDBusConnection bus, QLatin1String name, const char *failure)
     return false;
 }
 
+/// Somebody else may have it, a desktop's own notification server for one: no other duty depends on it. The
+/// object is then reached by the service's other names.
+bool registerNotificationName(QDBusConnection bus)
+{
+    registerName(std::move(bus), QLatin1String(Core::NotificationNames::interface),
+                 "couldn't register notifications service");
+    return true;
+}
+
 } // namespace
 
 /// The objects, made in this order and destroyed in the reverse one. `control` is the first to ask for the
@@ -50,6 +61,7 @@ public:
     WindowManagement windowManagement;
     Lifecycle lifecycle;
     MemoryPressure memoryPressure;
+    Notifications notifications;
     SystemControl systemControl;
 };
 
@@ -83,8 +95,11 @@ bool Service::registerObjects()
                           &d->windowManagement, slotsOnly, "couldn't register WindowManagement object")
         && registerObject(session, QLatin1String("/org/kestrix/Procwarden/Lifecycle1"), &d->lifecycle,
                           slotsAndSignals, "couldn't register Lifecycle object")
+        && registerObject(session, Core::NotificationNames::path, &d->notifications, slotsAndSignals,
+                          "couldn't register Notifications object")
         && registerObject(session, QLatin1String("/org/kestrix/Procwarden/MemoryPressure1"),
                           &d->memoryPressure, everything, "couldn't register MemoryPressure object")
+        && registerNotificationName(session)
         && registerName(session, QLatin1String("org.kestrix.Procwarden"), "couldn't register service");
 }
 
