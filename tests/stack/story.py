@@ -3,29 +3,15 @@
 import os
 import subprocess
 
-from . import cgroups
+from . import cgroups, shortage
 from .client import BusError
 from .process import descendants, is_running
 from .stack import Stack
+from .telling import STATES, chapter, line, wait_status
 from .waiting import until
 
 APP = "org.example.Sample"
 CLOCK = "org.example.Clock"
-STATES = {0: "launched", 1: "active", 2: "inactive", 3: "hidden", 4: "terminating"}
-
-
-def chapter(text):
-    print(f"\n{text}")
-
-
-def line(label, text):
-    print(f"  {label:<18} {text}", flush=True)
-
-
-def wait_status(raw):
-    if os.WIFSIGNALED(raw):
-        return f"raw wait status {raw}: ended by signal {os.WTERMSIG(raw)}"
-    return f"raw wait status {raw}: exit code {os.WEXITSTATUS(raw)}"
 
 
 def tell():
@@ -36,6 +22,11 @@ def tell():
         _refuse_second(stack)
         _stop(stack, pid)
         _end(stack)
+        directory, uid = stack.directory, stack.user.uid
+    _nothing_left(directory, uid)
+    # A service reads its thresholds when it starts, so this is one of its own.
+    with Stack() as stack:
+        shortage.tell(stack)
         directory, uid = stack.directory, stack.user.uid
     _nothing_left(directory, uid)
 
