@@ -108,12 +108,23 @@ inline bool waitUntilDead(pid_t pid)
     return dead;
 }
 
-/// @returns the status word of the child, or -1 if it had to be killed.
+/// Ends a child. Nothing is sent to a pid that is none: to kill(2), -1 means every process of the machine,
+/// which a test must not end when a start that it takes for granted has failed.
+/// @returns 0, or -1 if nothing was sent.
+inline int killChild(pid_t pid)
+{
+    return pid > 1 ? ::kill(pid, SIGKILL) : -1;
+}
+
+/// @returns the status word of the child, or -1 if it had to be killed or is no child.
 inline int waitForChild(pid_t pid)
 {
+    if (pid <= 1) {
+        return -1;
+    }
     const bool dead = waitUntilDead(pid);
     if (!dead) {
-        ::kill(pid, SIGKILL);
+        killChild(pid);
     }
     int status = 0;
     ::waitpid(pid, &status, 0);

@@ -34,7 +34,6 @@ public:
     using LaunchingApplication::instanceId;
     using LaunchingApplication::packageName;
     using LaunchingApplication::pendingSteps;
-    using LaunchingApplication::pid;
     using LaunchingApplication::promptPermissions;
     using LaunchingApplication::references;
     using LaunchingApplication::spawner;

@@ -132,7 +132,7 @@ void TestLaunchedChild::childWritesItsScore()
     QTRY_COMPARE(m_world->readBelow(QStringLiteral("proc/%1/oom_score_adj").arg(pid)),
                  QByteArray::number(score));
     QTRY_VERIFY(!launch);
-    QCOMPARE(::kill(pid, SIGKILL), 0);
+    QCOMPARE(killChild(pid), 0);
     waitForChild(pid);
 }
 
@@ -141,6 +141,7 @@ void TestLaunchedChild::childLeadsAProcessGroup()
     const pid_t pid = make(sleepArguments)->start();
     QTRY_COMPARE(TestedLaunch::reports.size(), 1);
     QTRY_COMPARE(::getpgid(pid), pid);
+    QVERIFY(pid > 1);
     QCOMPARE(::kill(-pid, SIGKILL), 0);
     waitForChild(pid);
 }

@@ -457,7 +457,7 @@ void TestLaunchingApplication::childThatIsDeadFailsTheSetup()
     const Disposition ignored(SIGPIPE, SIG_IGN);
     QPointer<TestedLaunch> launch = make({ m_recorder });
     const pid_t pid = launch->start();
-    QCOMPARE(::kill(pid, SIGKILL), 0);
+    QCOMPARE(killChild(pid), 0);
     waitForChild(pid);
     QTRY_COMPARE(TestedLaunch::reports,
                  QList<Report> { failure(Error::Failed, QStringLiteral("Cannot setup child process")) });
@@ -475,7 +475,7 @@ void TestLaunchingApplication::childThatDiesAfterTheSetupFailsTheRelease()
     const pid_t pid = launch->start();
     QTRY_COMPARE(launch->pendingSteps, 1);
     QTRY_COMPARE(m_sailjaild->askedAllowed().size(), 1);
-    QCOMPARE(::kill(pid, SIGKILL), 0);
+    QCOMPARE(killChild(pid), 0);
     waitForChild(pid);
     m_sailjaild->answerAllowed();
     QTRY_COMPARE(TestedLaunch::reports,
@@ -498,7 +498,7 @@ void TestLaunchingApplication::objectDeletesItselfAfterSuccess()
     QTRY_COMPARE(TestedLaunch::reports.size(), 1);
     QCOMPARE(references, 1);
     QTRY_VERIFY(!launch);
-    QCOMPARE(::kill(pid, SIGKILL), 0);
+    QCOMPARE(killChild(pid), 0);
     waitForChild(pid);
 }
 
@@ -523,7 +523,7 @@ void TestLaunchingApplication::releasedProgramOutlivesTheObject()
     const pid_t pid = launch->start();
     QTRY_VERIFY(!launch);
     QVERIFY(staysAlive(pid));
-    QCOMPARE(::kill(pid, SIGKILL), 0);
+    QCOMPARE(killChild(pid), 0);
     waitForChild(pid);
 }
 
@@ -573,12 +573,12 @@ void TestLaunchingApplication::callbackMayEndTheOwner()
     };
     const pid_t pid = launch->start();
     if (outcome == QLatin1String("setup")) {
-        ::kill(pid, SIGKILL);
+        killChild(pid);
         waitForChild(pid);
     } else if (outcome == QLatin1String("release")) {
         QTRY_COMPARE(launch->pendingSteps, 1);
         QTRY_COMPARE(m_sailjaild->askedAllowed().size(), 1);
-        ::kill(pid, SIGKILL);
+        killChild(pid);
         waitForChild(pid);
         m_sailjaild->answerAllowed();
     }
