@@ -122,7 +122,8 @@ void OomControllerPrivate::load()
     const QSettings settings(path, QSettings::IniFormat);
     const auto number = [&settings](const char *key, int otherwise) {
         bool ok = false;
-        const int value = settings.value(QLatin1String(key)).toInt(&ok);
+        // As a text, since a variant cuts a number that is too large for an int.
+        const int value = settings.value(QLatin1String(key)).toString().toInt(&ok);
         return ok ? value : otherwise;
     };
     // A timer with nothing between its ticks would take the whole processor.
