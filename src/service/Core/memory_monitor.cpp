@@ -80,6 +80,11 @@ bool MemoryMonitor::isActive() const
     return d->timer.isActive();
 }
 
+int MemoryMonitor::intervalMs() const
+{
+    return d->timer.interval();
+}
+
 MemoryLevel MemoryMonitor::level() const
 {
     return d->lastLevel;

@@ -32,6 +32,8 @@ public:
     void start();
     void stop();
     bool isActive() const;
+    /// Time between two looks, in ms, by the level.
+    int intervalMs() const;
 
     /// As of the last look; `Unknown` before the first one.
     MemoryLevel level() const;
