@@ -16,10 +16,11 @@ ResourceUsageWatcherPrivate::ResourceUsageWatcherPrivate()
     qDBusRegisterMetaType<ResourceUsage>();
     qDBusRegisterMetaType<QVector<ResourceUsage>>();
 
+    // With the signature, since what does not have it would be read as if it had, past its end.
     const bool connected = QDBusConnection::systemBus().connect(
         QStringLiteral("org.freedesktop.ohm"), QStringLiteral("/org/solvaneos/PrivacyViolation"),
-        QStringLiteral("org.solvaneos.PrivacyViolation"), QStringLiteral("Notify"), this,
-        SLOT(onMultimediaUsageNotification(QVector<Core::ResourceUsage>)));
+        QStringLiteral("org.solvaneos.PrivacyViolation"), QStringLiteral("Notify"), QStringLiteral("a(ssi)"),
+        this, SLOT(onMultimediaUsageNotification(QVector<Core::ResourceUsage>)));
     if (!connected) {
         qWarning() << "Failed to connect to Privacy Violation signal!";
     }

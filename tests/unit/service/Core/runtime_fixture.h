@@ -1,0 +1,262 @@
+#pragma once
+
+#include "Core/memory_monitor.h"
+#include "Core/runtime_controller.h"
+
+#include "support/bus_stand_in.h"
+#include "support/cgroup_tree.h"
+#include "support/private_bus.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QSignalSpy>
+#include <QTest>
+#include <QTimer>
+
+#include <algorithm>
+#include <memory>
+
+#include <csignal>
+
+/// Runtime controllers with real applications, in a root directory of their own.
+///
+/// The helper and the permission daemon answer from this process, the control groups are plain directories,
+/// and what the kernel says about memory and scores is what the test writes. Applications are started with a
+/// number of child processes. Each test makes the controller that it needs; there is one at a time.
+class RuntimeFixture
+{
+public:
+    RuntimeFixture()
+        : m_helper(m_bus, QStringLiteral("org.kestrix.Procwarden.Helper"),
+                   QStringLiteral("/org/kestrix/Procwarden/Helper"))
+        , m_permissions(m_bus, QStringLiteral("org.sailfishos.sailjaild1"),
+                        QStringLiteral("/org/sailfishos/sailjaild1"))
+    {
+        m_tree.use();
+        m_bus.useAsSystemBus();
+        m_bus.useAsSessionBus();
+        qputenv("PROCWARDEN_KILL_TIMEOUT", "20000"); // nobody ignores SIGTERM but who is stopped
+        qputenv("XDG_DATA_HOME", QFile::encodeName(m_tree.path(QStringLiteral("home/data"))));
+        qputenv("XDG_DATA_DIRS", QFile::encodeName(m_tree.path(QStringLiteral("usr/share"))));
+        qputenv("XDG_CONFIG_HOME", QFile::encodeName(m_tree.path(QStringLiteral("home/config"))));
+        m_helper.answerWith({ m_subtree });
+        m_permissions.answerWith({ 1 });
+
+        m_tree.setOwnGroups("4:freezer:/\n3:memory:/\n2:cpu:/\n");
+        m_tree.addHierarchies({ QStringLiteral("cpu"), QStringLiteral("freezer"), QStringLiteral("memory") },
+                              m_subtree);
+        m_tree.write(QStringLiteral("etc/procwarden/os-version-support.cfg"),
+                     "[Applications]\npolicy.one.*=4.2.0\npolicy.two.*=5.2.0\n");
+        const QString states =
+            QStringLiteral("home/data/%1/states/%2.config").arg(QCoreApplication::applicationName());
+        for (const char *state : { "active", "inactive", "hidden" }) {
+            m_tree.write(states.arg(QLatin1String(state)),
+                         "[Backend settings]\ncgroup1.freezer.state=" + QByteArray(state) + '\n');
+        }
+        // Says who its children are, and then that it is ready. Children may be killed one by one.
+        m_tree.write(QStringLiteral("family"),
+                     "n=0\n"
+                     "while [ $n -lt $2 ]; do sleep 600 & echo $! >>\"$1.children\"; n=$((n + 1)); done\n"
+                     ": >\"$1.ready\"\n"
+                     "sleep 600 &\n"
+                     "wait\n");
+        m_tree.makeDirectory(QStringLiteral("run"));
+        configure({});
+        setAvailableMb(1000);
+    }
+
+    /// An application with this many children, below one of the background policies `policy.one`,
+    /// `policy.two`.
+    void install(const QString &id, int children = 0)
+    {
+        const Core::ApplicationId appId(id);
+        m_tree.write(
+            QStringLiteral("usr/share/applications/%1.desktop").arg(id),
+            QStringLiteral("[Desktop Entry]\nType=Application\nName=App\nExec=/bin/sh %1 %2 %3\n"
+                           "[X-Application]\nSandboxing=Disabled\nOrganizationName=%4\nApplicationName=%5\n")
+                .arg(m_tree.path(QStringLiteral("family")), runFile(id), QString::number(children),
+                     appId.organisation(), appId.name())
+                .toUtf8());
+    }
+
+    /// What the next controller goes by, besides thresholds of 200 and 100 MB. The memory monitor, being one
+    /// for the process, keeps what it found first: it looks only when it is told to.
+    void configure(const QByteArray &lines)
+    {
+        m_tree.write(QStringLiteral("etc/procwarden/oom.cfg"),
+                     "LowMemoryTermMB=200\nMinMemoryTermMB=100\nCheckIntervalMsec=600000\n"
+                     "CheckIntervalMsecLowMem=600000\nCheckIntervalMsecCriticalMem=600000\n"
+                         + lines);
+    }
+
+    void makeController()
+    {
+        m_own = std::make_unique<Core::RuntimeController>();
+        m_controller = m_own.get();
+    }
+    /// For what asks for that one.
+    void useTheOneOfTheProcess() { m_controller = Core::RuntimeController::instance(); }
+    Core::RuntimeController *controller() const { return m_controller; }
+
+    /// Ends all that runs, and the controller; the memory is plenty again.
+    void end()
+    {
+        setLevel(Core::MemoryLevel::Normal);
+        if (m_controller) {
+            m_controller->killAll();
+            QTRY_VERIFY(m_controller->runningApplications().isEmpty());
+            m_controller = nullptr;
+            m_own.reset();
+        }
+        const QDir run(m_tree.path(QStringLiteral("run")));
+        for (const QString &file : run.entryList(QDir::Files)) {
+            QFile::remove(run.filePath(file));
+        }
+        QDir(m_tree.group(QStringLiteral("freezer") + m_subtree)).removeRecursively();
+        m_tree.addHierarchies({ QStringLiteral("freezer") }, m_subtree);
+    }
+
+    /// Runs when it returns, with scores of 0 and a memory group that holds it alone. 0 on failure.
+    pid_t start(const QString &id)
+    {
+        m_controller->startApplication(Core::ApplicationId(id), {}, {}, {},
+                                       [](const auto &, const auto &) {});
+        const bool ready = QTest::qWaitFor(
+            [&] { return pidOf(id) > 0 && QFile::exists(runFile(id) + QStringLiteral(".ready")); }, 20000);
+        if (!ready) {
+            return 0;
+        }
+        const pid_t pid = pidOf(id);
+        setScores(pid, 0);
+        setGroup(id, { pid });
+        return pid;
+    }
+
+    pid_t pidOf(const QString &id) const
+    {
+        return m_controller->applicationRecord(Core::ApplicationId(id)).pid;
+    }
+
+    QVector<pid_t> childrenOf(const QString &id) const
+    {
+        QFile file(runFile(id) + QStringLiteral(".children"));
+        QVector<pid_t> children;
+        if (file.open(QFile::ReadOnly)) {
+            const QList<QByteArray> lines = file.readAll().split('\n');
+            for (const QByteArray &line : lines) {
+                if (!line.isEmpty()) {
+                    children.append(line.toInt());
+                }
+            }
+        }
+        return children;
+    }
+
+    void setScores(pid_t pid, int adjustment, int score = 0)
+    {
+        const QString directory = QStringLiteral("proc/%1/").arg(pid);
+        m_tree.write(directory + QStringLiteral("oom_score_adj"), QByteArray::number(adjustment));
+        m_tree.write(directory + QStringLiteral("oom_score"), QByteArray::number(score));
+    }
+    void removeScores(pid_t pid)
+    {
+        const QString directory = m_tree.path(QStringLiteral("proc/%1/").arg(pid));
+        QFile::remove(directory + QStringLiteral("oom_score_adj"));
+        QFile::remove(directory + QStringLiteral("oom_score"));
+    }
+
+    /// Who shares the memory group of the running application @p id.
+    void setGroup(const QString &id, const QVector<pid_t> &members)
+    {
+        const QString group = m_subtree + QLatin1Char('/') + id + QStringLiteral("/app");
+        QByteArray lines;
+        for (const pid_t member : members) {
+            lines += QByteArray::number(member) + '\n';
+        }
+        m_tree.write(QStringLiteral("proc/%1/cgroup").arg(pidOf(id)), "3:memory:" + group.toUtf8() + '\n');
+        m_tree.write(QStringLiteral("sys/fs/cgroup/memory%1/cgroup.procs").arg(group), lines);
+    }
+
+    /// What was last written to the freezer of @p id: "active", "inactive", "hidden"; empty: nothing.
+    QByteArray frozenState(const QString &id) const { return m_tree.read(freezer(id)); }
+    void forgetFrozenState(const QString &id) { QFile::remove(m_tree.group(freezer(id))); }
+
+    /// Looks at the memory.
+    void setLevel(Core::MemoryLevel level)
+    {
+        switch (level) {
+        case Core::MemoryLevel::Unknown:
+            QFile::remove(m_tree.path(QStringLiteral("proc/meminfo")));
+            break;
+        case Core::MemoryLevel::Normal:
+            setAvailableMb(1000);
+            break;
+        case Core::MemoryLevel::Low:
+            setAvailableMb(150);
+            break;
+        case Core::MemoryLevel::Critical:
+            setAvailableMb(50);
+            break;
+        }
+        Core::MemoryMonitor::instance()->checkOomState();
+    }
+
+    TestSupport::PrivateBus &bus() { return m_bus; }
+    TestSupport::CGroupTree &tree() { return m_tree; }
+
+    /// Event loop runs until a timer of this interval has ticked so often.
+    static bool waitTicks(int count, int intervalMs)
+    {
+        QTimer timer;
+        timer.setTimerType(Qt::PreciseTimer);
+        QSignalSpy ticks(&timer, &QTimer::timeout);
+        timer.start(intervalMs);
+        while (ticks.count() < count) {
+            if (!ticks.wait(20000)) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    static bool isAlive(pid_t pid) { return pid > 1 && ::kill(pid, 0) == 0; }
+
+    /// To one process, and never, by a pid that a test did not get, to a group.
+    static void sendSignal(pid_t pid, int signal)
+    {
+        if (pid > 1) {
+            ::kill(pid, signal);
+        }
+    }
+
+    /// Ends an application with all of its children, as they would otherwise outlive the test.
+    static void killGroup(pid_t leader)
+    {
+        if (leader > 1) {
+            ::kill(-leader, SIGKILL);
+        }
+    }
+
+private:
+    QString runFile(const QString &id) const { return m_tree.path(QStringLiteral("run/") + id); }
+    QString freezer(const QString &id) const
+    {
+        return QStringLiteral("freezer%1/%2/app/freezer.state").arg(m_subtree, id);
+    }
+    void setAvailableMb(int mb)
+    {
+        m_tree.write(QStringLiteral("proc/meminfo"),
+                     "MemTotal: 4000000 kB\nMemAvailable: " + QByteArray::number(mb * 1024) + " kB\n");
+    }
+
+    const QString m_subtree = QStringLiteral("/procwarden/user-1");
+
+    TestSupport::PrivateBus m_bus;
+    TestSupport::CGroupTree m_tree;
+    TestSupport::BusStandIn m_helper;
+    TestSupport::BusStandIn m_permissions;
+    std::unique_ptr<Core::RuntimeController> m_own;
+    Core::RuntimeController *m_controller = nullptr;
+};
