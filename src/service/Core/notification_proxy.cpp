@@ -4,37 +4,45 @@
 #include "Core/notification_proxy_p.h"
 
 #include <QDBusConnection>
-#include <QDBusPendingCallWatcher>
+#include <QDBusError>
 #include <QDBusPendingReply>
 
 namespace Core {
 
 namespace {
 
-/// Calls @p handle with the reply, read as these types: one that has others counts as an error, and its
-/// values are the defaults.
-template<typename... Types, typename Handle>
-void whenFinished(NotificationProxy *context, const QDBusPendingCall &call, const Handle &handle)
-{
-    auto *watcher = new QDBusPendingCallWatcher(call, context);
-    QObject::connect(watcher, &QDBusPendingCallWatcher::finished, context,
-                     [handle](QDBusPendingCallWatcher *finished) {
-                         finished->deleteLater();
-                         handle(QDBusPendingReply<Types...>(*finished));
-                     });
-}
-
+/// Runs the callback with what the answer holds, or with the default: an answer of another type counts as an
+/// error.
 template<typename Type, typename Callback>
-void passResult(NotificationProxy *context, const QDBusPendingCall &call, const Callback &callback)
+NotificationAnswer::Handle passTo(const Callback &callback)
 {
-    whenFinished<Type>(context, call, [callback](const QDBusPendingReply<Type> &reply) {
+    return [callback](const QDBusMessage &answer) {
+        const QDBusPendingReply<Type> reply(answer);
         if (callback) {
             callback(reply.isError() ? Type() : reply.value());
         }
-    });
+    };
 }
 
 } // namespace
+
+NotificationAnswer::NotificationAnswer(const Handle &handle, QObject *parent)
+    : QObject(parent)
+    , m_handle(handle)
+{
+}
+
+void NotificationAnswer::onReply(const QDBusMessage &reply)
+{
+    deleteLater();
+    m_handle(reply);
+}
+
+void NotificationAnswer::onError(const QDBusError &error, const QDBusMessage & /*call*/)
+{
+    deleteLater();
+    m_handle(QDBusMessage::createError(error));
+}
 
 NotificationProxyPrivate::NotificationProxyPrivate(NotificationProxy *owner)
     : QDBusAbstractInterface(NotificationNames::server, NotificationNames::path, NotificationNames::interface,
@@ -55,14 +63,19 @@ void NotificationProxyPrivate::listenTo(const QString &name, const QString &sign
     connection().connect(service(), path(), interface(), name, signature, this, slot);
 }
 
-QDBusPendingCall NotificationProxyPrivate::ask(const QString &method, const QVariantList &arguments)
+// An answer must not change places with another one or with an event: an id would be given to the owner of
+// a notification only after it has been closed. A pending call watcher, which is made after the call was
+// sent, takes a longer way if the answer is faster than that. So the receiver is made first.
+void NotificationProxyPrivate::ask(const QString &method, const QVariantList &arguments,
+                                   const NotificationAnswer::Handle &handle)
 {
-    if (!connection().isConnected()) {
-        // Left to itself, Qt makes a pending call of this that never finishes.
-        return QDBusPendingCall::fromError(
-            QDBusError(QDBusError::Disconnected, QStringLiteral("Not connected to the session bus")));
+    auto *answer = new NotificationAnswer(handle, q);
+    if (!callWithCallback(method, arguments, answer, SLOT(onReply(QDBusMessage)),
+                          SLOT(onError(QDBusError, QDBusMessage)))) {
+        const QDBusError error(QDBusError::Disconnected, QStringLiteral("Not connected to the session bus"));
+        QMetaObject::invokeMethod(
+            answer, [answer, error] { answer->onError(error, QDBusMessage()); }, Qt::QueuedConnection);
     }
-    return asyncCallWithArgumentList(method, arguments);
 }
 
 void NotificationProxyPrivate::onNotificationClosed(uint id, uint reason)
@@ -90,7 +103,7 @@ NotificationProxy::~NotificationProxy() = default;
 
 void NotificationProxy::getCapabilities(const CapabilitiesCallback &callback)
 {
-    passResult<QStringList>(this, d->ask(NotificationNames::getCapabilities, {}), callback);
+    d->ask(NotificationNames::getCapabilities, {}, passTo<QStringList>(callback));
 }
 
 void NotificationProxy::notify(const QString &appName, Id replacesId, const QString &appIcon,
@@ -99,41 +112,39 @@ void NotificationProxy::notify(const QString &appName, Id replacesId, const QStr
 {
     const QVariantList arguments = { appName, replacesId, appIcon, summary,
                                      body,    actions,    hints,   expireTimeout };
-    passResult<Id>(this, d->ask(NotificationNames::notify, arguments), callback);
+    d->ask(NotificationNames::notify, arguments, passTo<Id>(callback));
 }
 
 void NotificationProxy::closeNotification(Id id)
 {
-    d->ask(NotificationNames::closeNotification, { id });
+    d->ask(NotificationNames::closeNotification, { id }, [](const QDBusMessage &) {});
 }
 
 void NotificationProxy::getServerInformation(const InformationCallback &callback)
 {
-    using Reply = QDBusPendingReply<QString, QString, QString, QString>;
-    whenFinished<QString, QString, QString, QString>(
-        this, d->ask(NotificationNames::getServerInformation, {}), [callback](const Reply &reply) {
-            if (!callback) {
-                return;
-            }
-            if (reply.isError()) {
-                callback({}, {}, {}, {});
-            } else {
-                callback(reply.argumentAt<0>(), reply.argumentAt<1>(), reply.argumentAt<2>(),
-                         reply.argumentAt<3>());
-            }
-        });
+    d->ask(NotificationNames::getServerInformation, {}, [callback](const QDBusMessage &answer) {
+        const QDBusPendingReply<QString, QString, QString, QString> reply(answer);
+        if (!callback) {
+            return;
+        }
+        if (reply.isError()) {
+            callback({}, {}, {}, {});
+        } else {
+            callback(reply.argumentAt<0>(), reply.argumentAt<1>(), reply.argumentAt<2>(),
+                     reply.argumentAt<3>());
+        }
+    });
 }
 
 void NotificationProxy::getNotifications(const QString &appName, const ListCallback &callback)
 {
-    passResult<QVector<NotificationData>>(this, d->ask(NotificationNames::getNotifications, { appName }),
-                                          callback);
+    d->ask(NotificationNames::getNotifications, { appName }, passTo<QVector<NotificationData>>(callback));
 }
 
 void NotificationProxy::getNotificationsByCategory(const QString &category, const ListCallback &callback)
 {
-    passResult<QVector<NotificationData>>(
-        this, d->ask(NotificationNames::getNotificationsByCategory, { category }), callback);
+    d->ask(NotificationNames::getNotificationsByCategory, { category },
+           passTo<QVector<NotificationData>>(callback));
 }
 
 } // namespace Core

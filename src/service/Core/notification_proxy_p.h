@@ -3,10 +3,31 @@
 #include "Core/notification_data.h"
 
 #include <QDBusAbstractInterface>
+#include <QDBusMessage>
+
+#include <functional>
 
 namespace Core {
 
 class NotificationProxy;
+
+/// Waits for the answer to one call, hands it on, and deletes itself.
+class NotificationAnswer : public QObject
+{
+    Q_OBJECT
+
+public:
+    using Handle = std::function<void(const QDBusMessage &answer)>;
+
+    NotificationAnswer(const Handle &handle, QObject *parent);
+
+public slots:
+    void onReply(const QDBusMessage &reply);
+    void onError(const QDBusError &error, const QDBusMessage &call);
+
+private:
+    const Handle m_handle;
+};
 
 /// The server's object, as it is seen on the bus.
 class NotificationProxyPrivate : public QDBusAbstractInterface
@@ -16,8 +37,8 @@ class NotificationProxyPrivate : public QDBusAbstractInterface
 public:
     explicit NotificationProxyPrivate(NotificationProxy *owner);
 
-    /// Calls @p method. The call always finishes, at the latest when the bus's default time is over.
-    QDBusPendingCall ask(const QString &method, const QVariantList &arguments);
+    /// Calls @p method. @p handle always runs, later, at the latest when the bus's default time is over.
+    void ask(const QString &method, const QVariantList &arguments, const NotificationAnswer::Handle &handle);
 
 public slots:
     void onNotificationClosed(uint id, uint reason);

@@ -29,7 +29,7 @@ public slots:
                 const QString &body, const QStringList &actions, const QVariantMap &hints, int expireTimeout);
     /// `InvalidArgs` for a notification that is not known as the caller's.
     void CloseNotification(uint id);
-    QString GetServerInformation(QString &vendor, QString &version, QString &specVersion); // NOLINT
+    QString GetServerInformation(QString &vendor, QString &version, QString &specVersion);
     QVector<Core::NotificationData> GetNotifications(const QString &appName);
     QVector<Core::NotificationData> GetNotificationsByCategory(const QString &category);
 
