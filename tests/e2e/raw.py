@@ -9,9 +9,12 @@ from stack.client import BusError
 from stack.waiting import LIMIT
 
 
-def call(bus, service, object_name, member, *arguments, signature="", interface=None):
+PREFIX = "org.kestrix.Procwarden."
+
+
+def call(bus, service, object_name, member, *arguments, signature="", interface=None, prefix=PREFIX):
     """Returns (signature, arguments) of the reply; the arguments keep the bus's types."""
-    name = "org.kestrix.Procwarden." + object_name
+    name = prefix + object_name
     message = dbus.lowlevel.MethodCallMessage(service, "/" + name.replace(".", "/"), interface or name, member)
     message.append(*arguments, signature=signature)
     connection = bus.connect()
@@ -31,13 +34,14 @@ def types(details):
             for key, value in details.items()}
 
 
-def interface(bus, service, object_name):
+def interface(bus, service, object_name, prefix=PREFIX):
     """Members of the object's own interface: "method Name(in) -> out", "signal Name(arguments)" and
     "property Name type access"."""
-    _, (text,) = call(bus, service, object_name, "Introspect", interface="org.freedesktop.DBus.Introspectable")
+    _, (text,) = call(bus, service, object_name, "Introspect", interface="org.freedesktop.DBus.Introspectable",
+                    prefix=prefix)
     tree = xml.etree.ElementTree.fromstring(text)
     members = []
-    for node in tree.findall(f"interface[@name='org.kestrix.Procwarden.{object_name}']/*"):
+    for node in tree.findall(f"interface[@name='{prefix}{object_name}']/*"):
         if node.tag == "property":
             members.append(f"property {node.get('name')} {node.get('type')} {node.get('access')}")
             continue

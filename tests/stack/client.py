@@ -174,6 +174,16 @@ class SampleClient:
         return self.call("Call", "sas", target, dbus.Array(arguments, signature="s"))
 
 
+    def run(self, *command, limit=LIMIT):
+        """Runs a program as a part of the application; returns its exit code and all that it printed."""
+        try:
+            reply = self._connection.call_blocking(self._name, "/", "org.example.Sample1", "Run", "as",
+                                                   (dbus.Array(command, signature="s"),), timeout=limit)
+        except dbus.DBusException as error:
+            raise BusError(error.get_dbus_name(), error.get_dbus_message()) from None
+        return tuple(plain(value) for value in reply)
+
+
 def session_client(bus):
     return Client(bus, SESSION_NAME)
 

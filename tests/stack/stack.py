@@ -17,6 +17,7 @@ from .cleaning import clean_files, clean_processes, empty
 from .client import SampleClient, session_client, system_client
 from .memory import Memory
 from .monitor import Monitor
+from .notification_server import NotificationServer
 from .permission_daemon import PermissionDaemon
 from .process import Child
 from .rootfs import RootDirectory
@@ -99,6 +100,8 @@ class Stack:
         self._closers.append(self.permission_daemon.close)
         self.window_model = WindowModel(self.session_bus)
         self._closers.append(self.window_model.close)
+        self.notification_server = NotificationServer(self.session_bus)
+        self._closers.append(self.notification_server.close)
 
         self.control = session_client(self.session_bus)
         self.system_control = system_client(self.system_bus)
@@ -252,7 +255,8 @@ class Stack:
 
     def complaints(self):
         """What the stand-ins found wrong with the calls they got."""
-        return self.permission_daemon.complaints + self.window_model.complaints
+        return (self.permission_daemon.complaints + self.window_model.complaints
+                + self.notification_server.complaints)
 
     # --- taking down ---
 

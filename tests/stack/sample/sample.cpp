@@ -6,6 +6,7 @@
 #include <QDBusMessage>
 #include <QDBusReply>
 #include <QDir>
+#include <QProcess>
 #include <QProcessEnvironment>
 
 #include <cstdio>
@@ -136,6 +137,31 @@ int Sample::SpawnChild(bool ownGroup)
         }
     }
     return child;
+}
+
+int Sample::Run(const QStringList &command, QString & /*output*/)
+{
+    setDelayedReply(true);
+    const auto reply = [bus = connection(), call = message()](int code, const QString &text) {
+        bus.send(call.createReply({ code, text }));
+    };
+    auto *process = new QProcess(this);
+    process->setProcessChannelMode(QProcess::MergedChannels);
+    connect(process, &QProcess::errorOccurred, process, [process, reply](QProcess::ProcessError error) {
+        if (error == QProcess::FailedToStart) {
+            process->deleteLater();
+            reply(-1, process->errorString());
+        }
+    });
+    connect(process, QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished), process,
+            [process, reply](int code, QProcess::ExitStatus status) {
+                process->deleteLater();
+                reply(status == QProcess::NormalExit ? code : -1,
+                      QString::fromUtf8(process->readAllStandardOutput()));
+            });
+    process->start(command.value(0), command.mid(1));
+    process->closeWriteChannel();
+    return 0;
 }
 
 void Sample::Quit(int code)
