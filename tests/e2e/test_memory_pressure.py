@@ -191,6 +191,7 @@ def test_subscriber_that_left_does_no_harm(subscribed):
     subscribed.install_sample(OTHER, sandbox=UNSANDBOXED)
     subscribed.control.reload()
     launch(subscribed, OTHER)
+    wait_for_note(subscribed, OTHER, "properties State=0", 2)
     back = subscribed.session_bus.owner(f"{OTHER}.Main")
     set_level(subscribed, "normal", NORMAL)
     assert sorted(told(monitor)) == sorted([(stayed, NORMAL), (back, NORMAL)])
