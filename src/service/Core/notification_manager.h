@@ -67,9 +67,9 @@ signals:
 
     // Events of the server. The client is the owner; events of notifications without an owner are dropped.
 
-    void notificationClosed(Id id, uint reason, const Core::ClientInfo &clientInfo);
-    void actionInvoked(Id id, const QString &actionKey, const Core::ClientInfo &clientInfo);
-    void inputTextSet(Id id, const QString &input, const Core::ClientInfo &clientInfo);
+    void notificationClosed(Core::Id id, uint reason, const Core::ClientInfo &clientInfo);
+    void actionInvoked(Core::Id id, const QString &actionKey, const Core::ClientInfo &clientInfo);
+    void inputTextSet(Core::Id id, const QString &input, const Core::ClientInfo &clientInfo);
 
 private:
     const std::unique_ptr<NotificationManagerPrivate> d;

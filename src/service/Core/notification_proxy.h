@@ -44,9 +44,9 @@ public:
 
 signals:
     // The server's own; whoever else sends signals of these names is not heard.
-    void notificationClosed(Id id, uint reason);
-    void actionInvoked(Id id, const QString &actionKey);
-    void inputTextSet(Id id, const QString &input);
+    void notificationClosed(Core::Id id, uint reason);
+    void actionInvoked(Core::Id id, const QString &actionKey);
+    void inputTextSet(Core::Id id, const QString &input);
 
 private:
     const std::unique_ptr<NotificationProxyPrivate> d;

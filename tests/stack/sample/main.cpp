@@ -112,6 +112,7 @@ int main(int argc, char **argv)
 
     // Every page is written to, so that it really costs something.
     const QByteArray held(parser.value(hold).toInt() * bytesPerMegabyte, 'x');
+    Q_UNUSED(held)
 
     SampleOptions options;
     options.directory = parser.value(directory);
