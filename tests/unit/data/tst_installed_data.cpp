@@ -296,6 +296,16 @@ void InstalledDataTest::interfacesAreDocumented_data()
     QTest::newRow("org.kestrix.Procwarden.MemoryPressure1") << "method Subscribe\n"
                                                                "property Level i read";
     QTest::newRow("org.kestrix.PKD.Hooks") << "method OnRemove in:s";
+    QTest::newRow("org.freedesktop.Notifications")
+        << "method GetCapabilities out:as\n"
+           "method Notify in:s in:u in:s in:s in:s in:as in:a{sv} in:i out:u\n"
+           "method CloseNotification in:u\n"
+           "method GetServerInformation out:s out:s out:s out:s\n"
+           "method GetNotifications in:s out:a(susssasa{sv}i)\n"
+           "method GetNotificationsByCategory in:s out:a(susssasa{sv}i)\n"
+           "signal NotificationClosed id:u reason:u\n"
+           "signal ActionInvoked id:u actionKey:s\n"
+           "signal InputTextSet id:u input:s";
     QTest::newRow("org.sailfishos.sailjaild1") << "method GetAllowed in:s out:i\n"
                                                   "method PromptLaunchPermissions in:s out:as";
     QTest::newRow("local.Lipstick.WindowModel") << "method launchProcess in:s";
