@@ -12,6 +12,7 @@ from .waiting import until
 
 APP = "org.example.Sample"
 CLOCK = "org.example.Clock"
+OWNER, THIEF = "org.example.Letters", "org.example.Thief"
 
 
 def tell():
@@ -21,6 +22,7 @@ def tell():
         _hide_and_show(stack)
         _refuse_second(stack)
         _stop(stack, pid)
+        _steal_notification(stack)
         _end(stack)
         directory, uid = stack.directory, stack.user.uid
     _nothing_left(directory, uid)
@@ -54,7 +56,8 @@ def describe(stack):
         why = "this root may not lower a score" if hierarchies.all_real else "the kernel lists no version 1 groups"
         line("/proc", f"partly stood in for ({why}): score files are plain files")
     line("stood in for", "the permission daemon (org.sailfishos.sailjaild1), which grants everything here;")
-    line("", "the window model (org.nemomobile.lipstick); the compositor's window counts come from here")
+    line("", "the window model (org.nemomobile.lipstick); the compositor's window counts come from here;")
+    line("", "the notification server (org.solvaneos.Notifications)")
     line("buses", "real, a private session bus and a private system bus")
 
 
@@ -155,6 +158,39 @@ def _stop(stack, pid):
     line("group directories", f"left behind: {left}" if left else "gone")
     running = [record[0] for record in stack.control.running()[0]]
     line("running", ", ".join(running) or "nothing")
+
+
+def _steal_notification(stack):
+    chapter("Two applications and one notification")
+    for app in (OWNER, THIEF):
+        program = stack.applications.install_program(app)
+        stack.install_sample(app, exec_line=f"{program} --name {app} --no-lifecycle", sandbox={"Sandboxing": "Disabled"})
+    stack.control.reload()
+    owner, thief = (_started_with_name(stack, app) for app in (OWNER, THIEF))
+    code, text = owner.run("/usr/bin/notify-send", "--print-id", "--app-name=Your bank", "A letter", "for you")
+    if code != 0:
+        raise AssertionError(text)
+    shown = stack.notification_server.wait_for("A letter")
+    line("notify-send", f"of {OWNER}, as \"Your bank\": number {text.strip()}")
+    line("the server has", f"\"{shown.app_name}\", of {shown.hints['x-solvane-application-id']}")
+    code, text = thief.run("/usr/bin/gdbus", "call", "--session", "--dest", "org.freedesktop.Notifications",
+                           "--object-path", "/org/freedesktop/Notifications", "--method",
+                           "org.freedesktop.Notifications.CloseNotification", str(shown.id))
+    line(f"close, {THIEF.rpartition('.')[2]}", text.splitlines()[0])
+    if code == 0 or stack.notification_server.closed:
+        raise AssertionError("an application has closed another's notification")
+    monitor = stack.monitor()
+    stack.notification_server.invoke(shown.id)
+    told = monitor.wait_for("ActionInvoked", shown.id)[-1]
+    line("the user taps it", f"{told.member} {told.arguments} goes to {told.destination} alone")
+    for app in (OWNER, THIEF):
+        stack.control.terminate(app)
+        monitor.wait_for("Terminated", app)
+
+
+def _started_with_name(stack, app):
+    stack.control.start(app)
+    return stack.sample(app, app)
 
 
 def _end(stack):
