@@ -26,6 +26,7 @@ const QDBusArgument &operator>>(const QDBusArgument &argument, NotificationData 
 void registerNotificationTypes()
 {
     qRegisterMetaType<Id>("Id");
+    qRegisterMetaType<Id>("Core::Id"); // as signals name it
     qRegisterMetaType<NotificationData>("NotificationData");
     qRegisterMetaType<QVector<NotificationData>>("QVector<NotificationData>");
     qDBusRegisterMetaType<NotificationData>();
