@@ -10,7 +10,7 @@ import pytest
 
 from stack.client import ACTIVE, HIDDEN, INACTIVE
 from stack.memory import MEGABYTE, Hog, available_kb
-from stack.process import is_running
+from stack.process import descendants, is_running
 from stack.waiting import until
 from test_service import context_switches, until_quiet
 
@@ -170,6 +170,23 @@ def test_level_that_recovers_spares_the_rest(own_memory):
         second += fallen == 2
         until(lambda: len(running(stack)) == len(apps) - fallen, "the end of the victims")
     print(f"a second victim before the recovery was seen: {second} of {rounds} rounds, interval {interval} ms")
+
+
+def test_sandboxed_victim_dies_with_all_of_its_processes(own_memory):
+    stack = own_memory
+    stack.memory.configure(CheckIntervalMsecCriticalMem=stack.memory.NEVER_MS)
+    stack.install_sample()
+    stack.start()
+    (leader,) = launch(stack, SAMPLE)
+    hide(stack, SAMPLE)
+    family = {leader} | descendants(leader)
+    assert len(family) > 1
+    monitor = stack.monitor()
+    stack.memory.set_level("critical")
+    details = monitor.wait_for("Terminated", SAMPLE)[-1].arguments[1]
+    assert (details["Pid"], details["StopReason"]) == (leader, OOM_KILLED)
+    until(lambda: not any(is_running(pid) for pid in family), "the end of all of its processes",
+          detail=lambda: str([pid for pid in family if is_running(pid)]))
 
 
 # --- one process of an application ---
