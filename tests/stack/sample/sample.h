@@ -53,8 +53,8 @@ public slots:
     QStringList Call(const QString &target, const QStringList &arguments);
     /// Starts a child that does nothing; in a group of its own if asked for. Returns its pid as seen here.
     int SpawnChild(bool ownGroup);
-    /// Runs a program, path and arguments, as a child in this process's group. Answers when it has ended, with
-    /// its exit code (-1: none) and what it has printed.
+    /// Runs a program, path and arguments, as a child in this process's group. Answers when it has ended,
+    /// with its exit code (-1: none) and what it has printed.
     int Run(const QStringList &command, QString &output);
     void Quit(int code);
 

@@ -19,7 +19,6 @@
 using Core::ApplicationInstanceId;
 using Core::ApplicationState;
 using Core::MemoryLevel;
-using Core::MemoryMonitor;
 using Core::RuntimeController;
 using TestSupport::LogCapture;
 
