@@ -296,8 +296,9 @@ QSet<int> CGroupController::processesInSameGroup(pid_t pid)
             path = line.section(QLatin1Char(':'), 2); // a group's own name may hold colons
         }
     }
-    // Without a path this would be the root group, and so the processes of the whole system.
-    if (path.isEmpty()) {
+    // The root group is nobody's own: it has the processes of the whole system. A process that is about to
+    // end, also one that waits to be reaped, has been moved there.
+    if (path.isEmpty() || path == QLatin1String("/")) {
         return {};
     }
 

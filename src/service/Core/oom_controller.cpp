@@ -22,8 +22,9 @@ namespace {
 
 constexpr int protection = -100;
 
-/// Many times what the kernel writes into any of the files that are read here.
-constexpr qint64 maximumFileSize = 1024 * 1024;
+// Several times what the kernel writes into such files; this much is allocated for each reading.
+constexpr qint64 maximumTableSize = 64 * 1024; // meminfo, swaps
+constexpr qint64 maximumNumberSize = 64;
 
 bool hasSwapOnZram()
 {
@@ -31,7 +32,7 @@ bool hasSwapOnZram()
     if (!swaps.open(QFile::ReadOnly)) {
         return false;
     }
-    const QList<QByteArray> lines = swaps.read(maximumFileSize).split('\n');
+    const QList<QByteArray> lines = swaps.read(maximumTableSize).split('\n');
     return std::any_of(lines.cbegin(), lines.cend(),
                        [](const QByteArray &line) { return line.startsWith("/dev/zram"); });
 }
@@ -48,15 +49,19 @@ std::optional<int> readInt(const QString &path)
         return std::nullopt;
     }
     bool ok = false;
-    const int value = file.read(maximumFileSize).trimmed().toInt(&ok);
+    const int value = file.read(maximumNumberSize).trimmed().toInt(&ok);
     return ok ? std::make_optional(value) : std::nullopt;
 }
 
 /// The process of the control group of @p leader that has offered itself most clearly; the leader if all have
-/// the same to say. A value below 0 is a protection and no offer: among such, too, the leader stands for all.
+/// the same to say. Only a value above 0 is an offer. A group that the leader is no longer in is not its own: it is
+/// about to end.
 pid_t volunteer(pid_t leader)
 {
     const QSet<int> members = CGroupController::processesInSameGroup(leader);
+    if (!members.contains(leader)) {
+        return leader;
+    }
     // The leader first, then in ascending order: of several with the same value it is always the same one.
     QVector<int> pids(members.cbegin(), members.cend());
     std::sort(pids.begin(), pids.end(), [leader](int a, int b) {
@@ -65,7 +70,7 @@ pid_t volunteer(pid_t leader)
 
     int smallest = std::numeric_limits<int>::max();
     int largest = 0;
-    std::optional<pid_t> chosen;
+    pid_t chosen = leader;
     for (const int pid : qAsConst(pids)) {
         // Whatever a file says: these two end the system and the service.
         if (pid <= 1 || pid == ::getpid()) {
@@ -76,12 +81,12 @@ pid_t volunteer(pid_t leader)
             continue; // it has ended meanwhile
         }
         smallest = std::min(smallest, *value);
-        if (*value > largest || (*value == largest && !chosen)) {
+        if (*value > largest) {
             largest = *value;
             chosen = pid;
         }
     }
-    return smallest < largest ? chosen.value_or(leader) : leader;
+    return smallest < largest ? chosen : leader;
 }
 
 } // namespace
@@ -161,7 +166,7 @@ MemoryLevel OomController::readMemoryLevel() const
         qWarning() << "Could not open /proc/meminfo";
         return MemoryLevel::Unknown;
     }
-    const QByteArray content = d->memInfo->read(maximumFileSize);
+    const QByteArray content = d->memInfo->read(maximumTableSize);
     d->memInfo->close();
 
     d->reading = MemoryReading::judge(MemoryInfo::parse(content), d->swapOnZram, d->thresholds);
@@ -230,7 +235,7 @@ bool OomController::readIntFromFile(const QString &path, int *value)
         return false;
     }
     bool ok = false;
-    *value = file.read(maximumFileSize).trimmed().toInt(&ok);
+    *value = file.read(maximumNumberSize).trimmed().toInt(&ok);
     return ok;
 }
 

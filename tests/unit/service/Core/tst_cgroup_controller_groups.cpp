@@ -322,6 +322,8 @@ void CGroupControllerGroupsTest::membersWithoutAMemoryGroup()
     QVERIFY(CGroupController::processesInSameGroup(52).isEmpty());
     m_tree->write(QStringLiteral("proc/53/cgroup"), "");
     QVERIFY(CGroupController::processesInSameGroup(53).isEmpty());
+    m_tree->write(QStringLiteral("proc/56/cgroup"), "3:cpu:/x\n2:memory:/\n");
+    QVERIFY(CGroupController::processesInSameGroup(56).isEmpty());
 }
 
 void CGroupControllerGroupsTest::membersThatCannotBeRead()

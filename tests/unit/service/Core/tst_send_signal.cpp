@@ -42,6 +42,7 @@ void TestSendSignal::pidsThatDoNotNameOneProcessAreRefused_data()
     QTest::newRow("own group") << 0;
     QTest::newRow("everybody") << -1;
     QTest::newRow("a group by its negative number") << -12345;
+    QTest::newRow("the service itself") << int(::getpid());
     QTest::newRow("smallest number") << std::numeric_limits<int>::min();
 }
 
