@@ -12,6 +12,9 @@
 
 #include <QDBusConnection>
 #include <QDebug>
+#include <QLibrary>
+
+#include <limits>
 
 namespace DBus {
 
@@ -49,6 +52,21 @@ bool registerNotificationName(QDBusConnection bus)
     return true;
 }
 
+/// libdbus stops to read when the messages that have been received and are still held make 63 MiB. When the
+/// last of them is let go it reads on, by an event source that belongs to the connection's thread and which
+/// Qt cannot switch on from another one: a single large message would leave the connection deaf for good. The
+/// bus itself limits what it sends.
+void receiveWithoutLimit(const QDBusConnection &bus)
+{
+    using SetLimit = void (*)(void *connection, long bytes);
+    const auto setLimit = reinterpret_cast<SetLimit>(
+        QLibrary::resolve(QStringLiteral("dbus-1"), 3, "dbus_connection_set_max_received_size"));
+    void *const connection = bus.internalPointer();
+    if (setLimit && connection) {
+        setLimit(connection, std::numeric_limits<long>::max());
+    }
+}
+
 } // namespace
 
 /// The objects, made in this order and destroyed in the reverse one. `control` is the first to ask for the
@@ -80,6 +98,8 @@ bool Service::registerObjects()
 {
     const auto system = QDBusConnection::systemBus();
     const auto session = QDBusConnection::sessionBus();
+    receiveWithoutLimit(system);
+    receiveWithoutLimit(session);
     const QLatin1String controlPath("/org/kestrix/Procwarden/Control1");
 
     return registerObject(system, QLatin1String("/org/kestrix/Procwarden/SystemControl1"), &d->systemControl,
