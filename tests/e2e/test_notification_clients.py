@@ -223,3 +223,27 @@ def test_memory_follows_what_is_open(running):
         call(running, "GetCapabilities")
         sizes.append(resident_kb(running.service.pid))
     assert sizes[-1] - sizes[1] < 4096, sizes
+
+
+LARGE = f"""
+import sys
+from gi.repository import Gio, GLib
+size, length = int(sys.argv[1]), int(sys.argv[2])
+data = GLib.Variant.new_from_bytes(GLib.VariantType.new("ay"), GLib.Bytes.new(bytes(size)), True)
+hints = GLib.VariantBuilder(GLib.VariantType.new("a{{sv}}"))
+hints.add_value(GLib.Variant.new_dict_entry(GLib.Variant("s", "data"), GLib.Variant.new_variant(data)))
+arguments = GLib.Variant.new_tuple(*(GLib.Variant(kind, value) for kind, value in (
+    ("s", "name"), ("u", 0), ("s", ""), ("s", "Large"), ("s", "x" * length), ("as", []))),
+    hints.end(), GLib.Variant("i", -1))
+bus = Gio.bus_get_sync(Gio.BusType.SESSION)
+print(bus.call_sync("{NAME}", "{PATH}", "{NAME}", "Notify", arguments, None, 0, 60000, None))
+"""
+
+
+@pytest.mark.parametrize("size, length", [(2 ** 26 - 32, 10), (10, 2 ** 27 - 1000), (2 ** 26 - 32, 2 ** 26 - 1000)])
+def test_what_is_too_large_is_not_passed_on(running, size, length):
+    """As large as the bus takes it: what the service adds would be too much, and cost it its connection."""
+    notes = start_application(running, NOTES)
+    assert notes.sample.run(PYTHON, "-c", LARGE, str(size), str(length), limit=LONG) == (0, "(uint32 0,)\n")
+    assert notes.notify("Small") == 1
+    assert [shown.summary for shown in running.notification_server.shown] == ["Small"]

@@ -390,7 +390,8 @@ def test_texts_and_hints_pass_as_they_are(running):
     for summary, name in (("Through the service", NAME), ("Straight", NotificationServer.SERVICE)):
         call(running, "Notify", text, 0, text, summary, text, [text, ""], hints, -2 ** 31,
              signature="susssasa{sv}i", name=name)
-    passed, straight = (running.notification_server.wait_for(summary) for summary in ("Through the service", "Straight"))
+    passed = running.notification_server.wait_for("Through the service")
+    straight = running.notification_server.wait_for("Straight")
     assert (passed.app_name, passed.icon, passed.body, passed.actions, passed.timeout) == (
         text, text, text, [text, ""], -2 ** 31)
     assert len(passed.raw_hints) == len(hints)

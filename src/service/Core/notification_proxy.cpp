@@ -1,5 +1,6 @@
 #include "Core/notification_proxy.h"
 
+#include "Core/message_size.h"
 #include "Core/notification_names.h"
 #include "Core/notification_proxy_p.h"
 
@@ -70,11 +71,16 @@ void NotificationProxyPrivate::ask(const QString &method, const QVariantList &ar
                                    const NotificationAnswer::Handle &handle)
 {
     auto *answer = new NotificationAnswer(handle, q);
-    if (!callWithCallback(method, arguments, answer, SLOT(onReply(QDBusMessage)),
-                          SLOT(onError(QDBusError, QDBusMessage)))) {
-        const QDBusError error(QDBusError::Disconnected, QStringLiteral("Not connected to the session bus"));
+    const auto fail = [answer](QDBusError::ErrorType type, const QString &text) {
+        const QDBusError error(type, text);
         QMetaObject::invokeMethod(
             answer, [answer, error] { answer->onError(error, QDBusMessage()); }, Qt::QueuedConnection);
+    };
+    if (!fitsIntoMessage(arguments)) {
+        fail(QDBusError::LimitsExceeded, QStringLiteral("Message is too large"));
+    } else if (!callWithCallback(method, arguments, answer, SLOT(onReply(QDBusMessage)),
+                                 SLOT(onError(QDBusError, QDBusMessage)))) {
+        fail(QDBusError::Disconnected, QStringLiteral("Not connected to the session bus"));
     }
 }
 

@@ -16,7 +16,8 @@ class NotificationProxyPrivate;
 /// No operation waits for the server. Each callback runs exactly once, from the event loop and never inside
 /// the call that was given it, unless this object ends first. A server that is absent, answers with an error,
 /// with another type or not in the bus's default time gives the default value of the result: the id 0, an
-/// empty list, empty strings. Answers come in the server's order. Main thread only.
+/// empty list, empty strings; so does a call that is too large to be passed on. Answers come in the server's
+/// order. Main thread only.
 class NotificationProxy : public QObject
 {
     Q_OBJECT
