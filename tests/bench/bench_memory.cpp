@@ -40,9 +40,11 @@ long allocations = 0;
 // Of everything in the process, Qt's too.
 extern "C" {
 
+// NOLINTBEGIN(bugprone-reserved-identifier): glibc's names for what is replaced here
 void *__libc_malloc(size_t size);
 void *__libc_calloc(size_t count, size_t size);
 void *__libc_realloc(void *old, size_t size);
+// NOLINTEND(bugprone-reserved-identifier)
 
 void *malloc(size_t size)
 {
@@ -106,6 +108,7 @@ void measureLevel(int readings)
     const long made = allocations - before;
     // What no reader of the file can do without.
     std::vector<double> plain;
+    plain.reserve(readings);
     for (int i = 0; i < readings; ++i) {
         plain.push_back(timeOf([] {
             FILE *const file = std::fopen("/proc/meminfo", "re");
