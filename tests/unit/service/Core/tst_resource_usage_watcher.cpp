@@ -110,6 +110,7 @@ void tst_ResourceUsageWatcher::init()
 void tst_ResourceUsageWatcher::cleanup()
 {
     m_watcher.reset();
+    m_runtime->end(); // also what a failure has left
 }
 
 void tst_ResourceUsageWatcher::send(const QDBusConnection &from, const QString &objectPath,
@@ -334,7 +335,6 @@ void tst_ResourceUsageWatcher::hiddenApplicationThatPlaysIsNotFrozen()
     notify({ { audio, QString(), m_runtime->pidOf(policyPlayer) } });
     controller->updateWindowStatus(id, 0, 0, 1);
     QCOMPARE(controller->state(policyPlayer), ApplicationState::Inactive);
-    m_runtime->end();
 }
 
 QTEST_GUILESS_MAIN(tst_ResourceUsageWatcher)
