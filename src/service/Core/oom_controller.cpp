@@ -54,8 +54,8 @@ std::optional<int> readInt(const QString &path)
 }
 
 /// The process of the control group of @p leader that has offered itself most clearly; the leader if all have
-/// the same to say. Only a value above 0 is an offer. A group that the leader is no longer in is not its own: it is
-/// about to end.
+/// the same to say. Only a value above 0 is an offer. A group that the leader is no longer in is not its own:
+/// it is about to end.
 pid_t volunteer(pid_t leader)
 {
     const QSet<int> members = CGroupController::processesInSameGroup(leader);

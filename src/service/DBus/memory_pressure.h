@@ -27,8 +27,8 @@ public:
     int level() const;
 
 public slots:
-    /// There is no way to unsubscribe. The subscription is the application's, by its id: when it runs again it hears
-    /// the level as soon as it has asked the service for anything that remembers its bus name.
+    /// There is no way to unsubscribe. The subscription is the application's, by its id: when it runs again
+    /// it hears the level as soon as it has asked the service for anything that remembers its bus name.
     void Subscribe();
 
 private:
