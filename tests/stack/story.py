@@ -164,7 +164,8 @@ def _steal_notification(stack):
     chapter("Two applications and one notification")
     for app in (OWNER, THIEF):
         program = stack.applications.install_program(app)
-        stack.install_sample(app, exec_line=f"{program} --name {app} --no-lifecycle", sandbox={"Sandboxing": "Disabled"})
+        stack.install_sample(app, exec_line=f"{program} --name {app} --no-lifecycle",
+                             sandbox={"Sandboxing": "Disabled"})
     stack.control.reload()
     owner, thief = (_started_with_name(stack, app) for app in (OWNER, THIEF))
     code, text = owner.run("/usr/bin/notify-send", "--print-id", "--app-name=Your bank", "A letter", "for you")
