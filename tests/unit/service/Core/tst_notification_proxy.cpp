@@ -381,6 +381,8 @@ void TestNotificationProxy::eventsOfOtherTypesAreNot()
     signal(QStringLiteral("NotificationClosed"), { QStringLiteral("1"), 2U });
     signal(QStringLiteral("ActionInvoked"), { 1U, 2U });
     signal(QStringLiteral("ActionInvoked"), {});
+    signal(QStringLiteral("ActionInvoked"), { 1U, QStringLiteral("a"), QStringLiteral("b") });
+    signal(QStringLiteral("NotificationClosed"), { 1U, 2U, 3U });
     signal(QStringLiteral("NotificationClosed"), { 5U, 1U });
     QTRY_VERIFY(!closed.isEmpty());
     QCOMPARE(closed.size(), 1);
