@@ -213,6 +213,9 @@ print({{child.communicate()[0] for child in children}})
 
 def test_memory_follows_what_is_open(running):
     """Rounds of notifications that are closed again: the first ones fill the allocator, the others use it."""
+    with open(f"/proc/{running.service.pid}/maps") as file:
+        if "libasan" in file.read():
+            pytest.skip("the sanitizer keeps what has been freed")
     notes = start_application(running, NOTES)
     server = running.notification_server
     sizes = []
