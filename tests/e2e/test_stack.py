@@ -65,6 +65,8 @@ def freeze_a_process(stack):
     group = os.path.join(cgroups.user_directory(stack.hierarchies.directories["freezer"], stack.user.uid), "test")
     os.makedirs(group)
     sleeper = run_as_user(stack, "sleeper", "/usr/bin/sleep", "600")
+    # Frozen before it has changed its user it would be root's, and nobody's to clean up.
+    until(lambda: sleeper.pid in processes_of(stack.user.uid), "the process to be the user's")
     assert cgroups.write(os.path.join(group, "cgroup.procs"), str(sleeper.pid))
     assert cgroups.write(os.path.join(group, "freezer.state"), "FROZEN")
     until(lambda: cgroups.read(os.path.join(group, "freezer.state")) == "FROZEN", "the freezing of the group")
