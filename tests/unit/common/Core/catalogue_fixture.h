@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QString>
@@ -46,6 +47,12 @@ public:
         if (!device.open(QIODevice::WriteOnly) || device.write(content) != content.size()) {
             qFatal("cannot write %s", qUtf8Printable(file));
         }
+        // QSettings takes a file of the same size and time for the one that it has read before, and a test is
+        // fast enough to write two of them within a tick of the clock.
+        static int written = 0;
+        device.flush();
+        device.setFileTime(QDateTime::fromSecsSinceEpoch(1'000'000'000 + ++written),
+                           QFileDevice::FileModificationTime);
         return file;
     }
 
