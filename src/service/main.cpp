@@ -4,6 +4,7 @@
 #include <QDebug>
 
 #include <csignal>
+#include <cstdio>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -62,9 +63,8 @@ void fillStandardDescriptors()
     }
 }
 
-} // namespace
-
-int main(int argc, char *argv[])
+/// The service's whole life; its objects are gone when this returns.
+int run(int argc, char *argv[])
 {
     fillStandardDescriptors();
     QCoreApplication application(argc, argv);
@@ -78,4 +78,15 @@ int main(int argc, char *argv[])
         return EXIT_FAILURE;
     }
     return QCoreApplication::exec();
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    const int status = run(argc, argv);
+    // The thread that waits for children runs until the process ends. What it uses must not be taken from
+    // under it, which the destruction of static objects would do.
+    std::fflush(nullptr);
+    _exit(status);
 }
