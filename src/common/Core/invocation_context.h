@@ -34,3 +34,5 @@ struct InvocationContext
 [[nodiscard]] quint32 wireStartReason(InvocationContext::StartReason reason);
 
 } // namespace Core
+
+Q_DECLARE_METATYPE(Core::InvocationContext)

@@ -19,6 +19,7 @@
 #include "Core/resource_configuration.h"
 #include "Core/resource_usage_watcher.h"
 #include "Core/runtime_tracker.h"
+#include "Core/task.h"
 
 #include <QDebug>
 #include <QPointer>
@@ -100,6 +101,7 @@ void RuntimeControllerPrivate::loadStates(const ResourceConfiguration &configura
     for (const QString &name : names) {
         cgroups.registerState(name, toSettings(configuration.settingsFor(name, cgroupBackend)));
     }
+    backgroundSettings = toSettings(configuration.settingsFor(QStringLiteral("background"), cgroupBackend));
 }
 
 void RuntimeControllerPrivate::runInitializationCallbacks()
@@ -192,7 +194,11 @@ void RuntimeControllerPrivate::onProcessTerminated(const QString &id, int exitSt
         qWarning() << "Internal error, missing record for app" << id;
         return;
     }
-    emit q->applicationTerminated(id, process->pid(), exitStatus, process->stopReason());
+    if (qobject_cast<const Task *>(process)) {
+        emit q->taskTerminated(id, process->pid(), exitStatus, process->stopReason());
+    } else {
+        emit q->applicationTerminated(id, process->pid(), exitStatus, process->stopReason());
+    }
     records.remove(id);
     delete process;
     refreshMonitoring();

@@ -6,6 +6,7 @@
 #include "Core/application_state.h"
 #include "Core/debug_params.h"
 #include "Core/error.h"
+#include "Core/running_task.h"
 
 #include <QObject>
 #include <QVariantMap>
@@ -17,13 +18,14 @@
 namespace Core {
 
 class RuntimeControllerPrivate;
+struct TaskStartupInfo;
 
 /// Why a frozen application may run for a while.
 enum class UnfreezeReason {
     Notification = 0, ///< it has been told of the memory level
 };
 
-/// Knows what runs: the one owner of the records of all running applications.
+/// Knows what runs: the one owner of the records of all running applications and tasks.
 ///
 /// Decides whether a start may go ahead, follows each record through its states, applies the control group
 /// settings of each state, stops processes in two steps, and tells the rest of the service by signals.
@@ -57,16 +59,25 @@ public:
     void startApplication(const ApplicationId &appId, const QVariantMap &hints, const QList<QUrl> &uris,
                           const InvocationContext &context, const StartApplicationCb &callback);
 
-    /// No start of @p appId succeeds until unblockApplication(). What runs already is not touched.
+    /// Starts a task's process, always in the sandbox, and returns when it runs or does not. Of a task that
+    /// runs already this is a success and starts nothing. Refusals: `ApplicationBlocked`, and all that the
+    /// launch reports; among them that the control groups are not ready, see whenInitialized(). Whether the
+    /// application declares such a task is for the caller to know.
+    Error startTask(const ApplicationTaskId &taskId, const TaskStartupInfo &startupInfo,
+                    const InvocationContext &context);
+
+    /// No start of @p appId, nor of its tasks, succeeds until unblockApplication(). What runs already is not
+    /// touched.
     void blockApplication(const ApplicationId &appId);
     void unblockApplication(const ApplicationId &appId);
 
     // Stopping
 
-    /// SIGTERM to the instance's process group now, SIGKILL after the kill time-out. `NotRunning` if there is
-    /// no such instance, `Failed` if the signal could not be sent. A frozen instance gets its signals when
+    /// SIGTERM to the process group now, SIGKILL after the kill time-out. `NotRunning` if there is no such
+    /// instance or task, `Failed` if the signal could not be sent. A frozen instance gets its signals when
     /// it is thawed.
     Error terminateApplication(const ApplicationInstanceId &instanceId, StopReason reason);
+    Error terminateTask(const ApplicationTaskId &taskId, StopReason reason);
 
     /// Stops every record whose id begins with the text of @p appId; the last failure is returned, and none
     /// keeps the others from being stopped.
@@ -87,8 +98,11 @@ public:
 
     /// Look-ups go by the whole text of the id. What is not found is `NotRunning` with an empty id.
     ApplicationRecord applicationRecord(const ApplicationId &appId) const;
+    RunningTask taskRecord(const ApplicationTaskId &taskId) const;
     ApplicationState state(const QString &id) const;
+    /// In the order of the ids.
     QVector<ApplicationRecord> runningApplications() const;
+    QVector<RunningTask> runningTasks() const;
 
     /// Lets a hidden, thus frozen, application run for a while so that it can act on what it is told, without
     /// a change of state or a signal. Any other application, and one that does not run, is left alone.
@@ -102,6 +116,13 @@ signals:
     /// @param exitStatus the raw status word of waitpid(2)
     void applicationTerminated(const QString &appId, pid_t pid, int exitStatus, Core::StopReason reason);
     void applicationStateChanged(const QString &appId, Core::ApplicationState state);
+
+    void taskStarted(const QString &fullTaskId, pid_t pid, const Core::InvocationContext &context);
+    /// The record still stands meanwhile: who looks the task up then finds it.
+    /// @param exitStatus the raw status word of waitpid(2)
+    void taskTerminated(const QString &fullTaskId, pid_t pid, int exitStatus, Core::StopReason reason);
+    void taskStateChanged(const QString &fullTaskId, Core::ApplicationState state);
+
     /// The early out-of-memory killer is about to kill all of it.
     void processSelectedByOom(const QString &processId);
 

@@ -45,6 +45,11 @@ public:
     void onChildAbandoned(pid_t pid, const ApplicationInstanceId &instanceId);
     Error terminate(const QString &id, StopReason reason);
 
+    // Tasks
+    Error startTask(const ApplicationTaskId &taskId, const TaskStartupInfo &startupInfo,
+                    const InvocationContext &context);
+    void addTask(const ApplicationTaskId &taskId, pid_t pid, const InvocationContext &context, int socket);
+
     // When memory runs short
     void onMemoryLevelChanged(MemoryLevel level);
     void refreshMonitoring();
@@ -56,6 +61,7 @@ public:
 
     RuntimeController *const q;
     StateTable states;
+    CGroupController::Settings backgroundSettings; // of every task
     CGroupController cgroups;
     OomController oomController;
     Launcher launcher;
