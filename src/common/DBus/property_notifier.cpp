@@ -6,12 +6,23 @@
 #include "DBus/property_notifier_p.h"
 
 #include <QDBusMessage>
+#include <QDBusMetaType>
 #include <QDebug>
 #include <QMetaClassInfo>
 #include <QMetaMethod>
 #include <QMetaObject>
 
 namespace DBus {
+
+namespace {
+
+// The bus library ends the program over a map in which a variant holds nothing that has a signature.
+bool canTravel(const QVariant &value)
+{
+    return value.isValid() && QDBusMetaType::typeToSignature(value.userType());
+}
+
+} // namespace
 
 PropertyNotifierPrivate::PropertyNotifierPrivate(const QDBusConnection &bus, const QString &path,
                                                  QObject *observed)
@@ -104,9 +115,12 @@ void PropertyNotifierPrivate::collect(const QMetaProperty &property, QVariantMap
 {
     const QString name = QString::fromUtf8(property.name());
     const QVariant value = property.read(object);
-    if (value != lastValues.value(name)) {
+    if (value == lastValues.value(name)) {
+        return;
+    }
+    lastValues.insert(name, value);
+    if (canTravel(value)) {
         changed.insert(name, value);
-        lastValues.insert(name, value);
     }
 }
 

@@ -27,7 +27,8 @@ private slots:
 private:
     void findInterfaceName(const QMetaObject *metaObject);
     void connectAllProperties(const QMetaObject *metaObject);
-    /// Puts the property's value into @p changed, if it differs from the last one that was sent.
+    /// Puts the property's value into @p changed, if it differs from the last one that was sent
+    /// and the bus can carry it.
     void collect(const QMetaProperty &property, QVariantMap &changed);
     void send(const QVariantMap &changed);
 
