@@ -1,0 +1,31 @@
+#pragma once
+
+#include <QMetaType>
+#include <QVector>
+
+#include <memory>
+
+namespace Core {
+
+/// A duplicate of a descriptor, shared by all copies of the value and closed with the last of them.
+class FileDescriptor
+{
+public:
+    /// None.
+    FileDescriptor() = default;
+
+    /// Duplicates @p descriptor, which stays its owner's. The value is invalid if that fails.
+    explicit FileDescriptor(int descriptor);
+
+    [[nodiscard]] bool isValid() const { return fileDescriptor() >= 0; }
+
+    /// The duplicate, which is this value's to close; -1 if there is none.
+    [[nodiscard]] int fileDescriptor() const;
+
+private:
+    std::shared_ptr<const int> m_descriptor;
+};
+
+} // namespace Core
+
+Q_DECLARE_METATYPE(Core::FileDescriptor)

@@ -1,0 +1,1 @@
+#include "Core/intent_files.h"
