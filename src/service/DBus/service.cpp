@@ -2,6 +2,7 @@
 
 #include "Core/notification_names.h"
 #include "Core/runtime_controller.h"
+#include "Core/timed_proxy.h"
 #include "DBus/control.h"
 #include "DBus/lifecycle.h"
 #include "DBus/memory_pressure.h"
@@ -87,6 +88,9 @@ Service::Service(QObject *parent)
     : QObject(parent)
     , d(std::make_unique<ServicePrivate>())
 {
+    // The daemon's call may be the one that starts the service: its object stands before the name is claimed,
+    // whether a task is scheduled or not.
+    Core::TimedProxy::instance();
 }
 
 Service::~Service()
