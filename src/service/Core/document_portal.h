@@ -34,9 +34,10 @@ public:
 
     /// Registers the open files @p fds for the application @p appId, for reading, writing or both by
     /// @p mode. @p names are the names of the files, of which the part behind the last separator counts.
-    /// @p completion gets, one for each, the paths under which the application reaches them, and no error;
-    /// or no paths and Error::Failed: with the portal's text, or an empty one if the portal did not answer
-    /// with one document for each name.
+    /// @p completion gets the paths under which the application reaches them, one for each, and no error; a
+    /// path is the name itself where the application can do without the portal. Or it gets no paths and
+    /// Error::Failed: with a text, or with an empty one if the portal did not answer with one document for
+    /// each name.
     void shareFiles(const QStringList &names, const QVector<FileDescriptor> &fds, const QString &appId,
                     QIODevice::OpenMode mode, const FilesCompletion &completion);
 

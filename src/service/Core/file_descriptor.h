@@ -11,6 +11,10 @@ namespace Core {
 class FileDescriptor
 {
 public:
+    /// A bus with its usual limits breaks with who sends more descriptors in one message. Who receives them
+    /// may see more, since a message can name each several times.
+    static constexpr int maximumPerMessage = 16;
+
     /// None.
     FileDescriptor() = default;
 
