@@ -329,3 +329,15 @@ const QDBusArgument &operator>>(const QDBusArgument &argument, QJsonArray &array
     }
     return argument;
 }
+
+namespace DBus {
+
+std::optional<QVariantMap> toBusMap(const QJsonObject &object)
+{
+    if (!fits(object)) {
+        return std::nullopt;
+    }
+    return variantContents(object)->toMap();
+}
+
+} // namespace DBus

@@ -4,6 +4,9 @@
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QJsonValue>
+#include <QVariantMap>
+
+#include <optional>
 
 // How JSON travels over D-Bus. The operators are global, where Qt's type registration finds them.
 //
@@ -27,3 +30,12 @@ const QDBusArgument &operator>>(const QDBusArgument &argument, QJsonObject &obje
 
 QDBusArgument &operator<<(QDBusArgument &argument, const QJsonArray &array);
 const QDBusArgument &operator>>(const QDBusArgument &argument, QJsonArray &array);
+
+namespace DBus {
+
+/// @p object as a map for the bus, where every array is one of variants (av) and every number a double.
+/// @returns nothing, after a warning, if a message cannot hold the object: where one is an argument of a
+///          message, the message would be sent without it.
+[[nodiscard]] std::optional<QVariantMap> toBusMap(const QJsonObject &object);
+
+} // namespace DBus

@@ -1,7 +1,8 @@
 #include "Core/maemo_dbus_invoker.h"
 
+#include "Core/bus_call.h"
+
 #include <QDBusConnection>
-#include <QDBusError>
 #include <QDBusMessage>
 #include <QDBusPendingCallWatcher>
 #include <QDebug>
@@ -39,14 +40,9 @@ QDBusMessage MaemoDBusInvokerPrivate::methodCall(const QString &service, const Q
 
 QDBusPendingCall MaemoDBusInvokerPrivate::send(const QStringList &arguments) const
 {
-    if (!connection.isConnected()) {
-        // Left to itself, Qt makes a pending call of this that never finishes.
-        return QDBusPendingCall::fromError(
-            QDBusError(QDBusError::Disconnected, QStringLiteral("Not connected to the session bus")));
-    }
     QDBusMessage call = message;
     call.setArguments({ arguments });
-    return connection.asyncCall(call);
+    return callOverBus(connection, call);
 }
 
 MaemoDBusInvoker::MaemoDBusInvoker(const QString &service, const QString &objectPath,

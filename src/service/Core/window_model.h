@@ -10,4 +10,8 @@ namespace Core {
 /// answer, an error too, does not matter and is dropped.
 void notifyWindowModel(const QString &applicationId);
 
+/// Asks the home screen's window model to raise @p applicationId, which runs. Returns at once; whether
+/// anybody heard it does not matter.
+void raiseApplication(const QString &applicationId);
+
 } // namespace Core

@@ -4,6 +4,7 @@
 #include "Core/runtime_controller.h"
 #include "Core/timed_proxy.h"
 #include "DBus/control.h"
+#include "DBus/intents.h"
 #include "DBus/lifecycle.h"
 #include "DBus/memory_pressure.h"
 #include "DBus/notifications.h"
@@ -77,6 +78,7 @@ class ServicePrivate
 public:
     PkdHooks pkdHooks;
     Control control;
+    Intents intents;
     WindowManagement windowManagement;
     Lifecycle lifecycle;
     MemoryPressure memoryPressure;
@@ -115,6 +117,8 @@ bool Service::registerObjects()
                           "couldn't register PKD hooks object")
         && registerObject(session, controlPath, &d->control, slotsAndSignals,
                           "couldn't register Control object")
+        && registerObject(session, QLatin1String("/org/kestrix/Procwarden/Intents1"), &d->intents, slotsOnly,
+                          "couldn't register Intents object")
         && registerObject(session, QLatin1String("/org/kestrix/Procwarden/WindowManagement1"),
                           &d->windowManagement, slotsOnly, "couldn't register WindowManagement object")
         && registerObject(session, QLatin1String("/org/kestrix/Procwarden/Lifecycle1"), &d->lifecycle,

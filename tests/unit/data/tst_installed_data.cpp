@@ -295,6 +295,12 @@ void InstalledDataTest::interfacesAreDocumented_data()
                                                           "signal StateChanged appId:s state:u";
     QTest::newRow("org.kestrix.Procwarden.MemoryPressure1") << "method Subscribe\n"
                                                                "property Level i read";
+    QTest::newRow("org.kestrix.Procwarden.Intents1")
+        << "method InvokeIntent in:s in:a{sv} in:a{sv} out:a{sv}";
+    QTest::newRow("org.kestrix.Procwarden.IntentHandler1")
+        << "method HandleIntent in:s in:a{sv} out:a{sv} out:a{sv}";
+    QTest::newRow("org.kestrix.Procwarden.IntentResolver1")
+        << "method ResolveIntent in:s in:a{sv} in:a{sv} in:as out:s out:a{sv}";
     QTest::newRow("org.kestrix.PKD.Hooks") << "method OnRemove in:s";
     QTest::newRow("org.freedesktop.Notifications")
         << "method GetCapabilities out:as\n"
