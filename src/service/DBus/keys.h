@@ -15,4 +15,18 @@ inline const QString exitStatus = QStringLiteral("ExitStatus"); ///< int32: the 
 inline const QString uris = QStringLiteral("Uris"); ///< array of strings: the URIs of the start
 inline const QString state = QStringLiteral("State"); ///< uint32, Core::ApplicationState
 
+// The reply of the tasks interface: "State", here an array of Procwarden::TaskState.
+
+// Of a task invoker's session, properties and what is told of each task.
+inline const QString activeTasks =
+    QStringLiteral("ActiveTasks"); ///< array of Procwarden::ActiveTask: what runs
+inline const QString availableTasks =
+    QStringLiteral("AvailableTasks"); ///< array of Procwarden::AvailableTask: what is declared
+inline const QString permissions = QStringLiteral("Permissions"); ///< array of strings: as declared
+inline const QString conditions = QStringLiteral("Conditions"); ///< array of strings: as declared
+
+// What a task invoker gives a task beside its hints.
+inline const QString params = QStringLiteral("Params"); ///< array of strings: further arguments
+inline const QString environment = QStringLiteral("Environment"); ///< array of strings: "NAME=value"
+
 } // namespace DBus::Keys

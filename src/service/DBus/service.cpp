@@ -10,6 +10,8 @@
 #include "DBus/notifications.h"
 #include "DBus/pkd_hooks.h"
 #include "DBus/system_control.h"
+#include "DBus/task_invoker.h"
+#include "DBus/tasks.h"
 #include "DBus/window_management.h"
 
 #include <QDBusConnection>
@@ -84,6 +86,8 @@ public:
     MemoryPressure memoryPressure;
     Notifications notifications;
     SystemControl systemControl;
+    TaskInvoker taskInvoker;
+    Tasks tasks;
 };
 
 Service::Service(QObject *parent)
@@ -107,10 +111,13 @@ bool Service::registerObjects()
     receiveWithoutLimit(system);
     receiveWithoutLimit(session);
     const QLatin1String controlPath("/org/kestrix/Procwarden/Control1");
+    const QLatin1String taskInvokerPath("/org/kestrix/Procwarden/TaskInvoker1");
 
     return registerObject(system, QLatin1String("/org/kestrix/Procwarden/SystemControl1"), &d->systemControl,
                           slotsOnly, "couldn't register SystemControl object")
         && registerName(system, QLatin1String("org.kestrix.Procwarden.User"), "couldn't register service")
+        && registerObject(system, taskInvokerPath, &d->taskInvoker, slotsOnly,
+                          "couldn't register system TaskInvoker object")
         && registerObject(system, controlPath, &d->control, slotsAndSignals,
                           "couldn't register system Control object")
         && registerObject(session, QLatin1String("/org/kestrix/PKD/Hooks"), &d->pkdHooks, slotsOnly,
@@ -125,6 +132,10 @@ bool Service::registerObjects()
                           slotsAndSignals, "couldn't register Lifecycle object")
         && registerObject(session, Core::NotificationNames::path, &d->notifications, slotsAndSignals,
                           "couldn't register Notifications object")
+        && registerObject(session, taskInvokerPath, &d->taskInvoker, slotsOnly,
+                          "couldn't register TaskInvoker object")
+        && registerObject(session, QLatin1String("/org/kestrix/Procwarden/Tasks1"), &d->tasks,
+                          slotsAndSignals, "couldn't register Tasks object")
         && registerObject(session, QLatin1String("/org/kestrix/Procwarden/MemoryPressure1"),
                           &d->memoryPressure, everything, "couldn't register MemoryPressure object")
         && registerNotificationName(session)

@@ -26,7 +26,7 @@ public slots:
     /// Gives the session of a type, which is made at the first call, exported on that caller's bus, and then
     /// lasts as long as the service. Anybody may ask: each call through the session is judged by itself.
     ///
-    /// A type that cannot be part of an object path gets none: the path is then of no object.
+    /// A type that cannot be part of an object path, or that is too long, gets none but `InvalidArgs`.
     /// @param properties "ActiveTasks" and "AvailableTasks", as the session's properties
     void RegisterInvoker(const QString &taskType, QDBusObjectPath &sessionPath, QVariantMap &properties);
 

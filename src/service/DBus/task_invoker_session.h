@@ -26,8 +26,10 @@ public:
     explicit TaskInvokerSession(const QString &taskType, QObject *parent = nullptr);
     ~TaskInvokerSession() override;
 
-    /// Where the session of its type is exported. Not every type gives a path that the bus allows.
+    /// Where the session is exported.
     QString sessionPath() const;
+    /// The same for any type. Not every type gives a path that the bus allows.
+    static QString pathOf(const QString &taskType);
 
     /// All tasks of the type that applications declare, in the registry's order. Walks the registry.
     QVector<Procwarden::AvailableTask> availableTasks() const;
