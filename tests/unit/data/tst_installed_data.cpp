@@ -301,6 +301,15 @@ void InstalledDataTest::interfacesAreDocumented_data()
         << "method HandleIntent in:s in:a{sv} out:a{sv} out:a{sv}";
     QTest::newRow("org.kestrix.Procwarden.IntentResolver1")
         << "method ResolveIntent in:s in:a{sv} in:a{sv} in:as out:s out:a{sv}";
+    QTest::newRow("org.kestrix.Procwarden.Tasks1") << "method GetAll out:a{sv}\n"
+                                                      "method Start in:s in:as in:a{sv}\n"
+                                                      "method Stop in:s in:b";
+    QTest::newRow("org.kestrix.Procwarden.TaskInvoker1") << "method RegisterInvoker in:s out:o out:a{sv}";
+    QTest::newRow("org.kestrix.Procwarden.TaskInvokerSession1")
+        << "method Start out:i in:s in:a{sv} in:a{sv}\n"
+           "method Stop in:s\n"
+           "property AvailableTasks a(sa{sv}) read\n"
+           "property ActiveTasks a(sia{sv}) read";
     QTest::newRow("org.kestrix.PKD.Hooks") << "method OnRemove in:s";
     QTest::newRow("org.freedesktop.Notifications")
         << "method GetCapabilities out:as\n"
