@@ -4,6 +4,7 @@
 #include "Core/application_task_id.h"
 #include "Core/cgroup_helper.h"
 #include "Core/error.h"
+#include "Core/kernel_file.h"
 #include "Core/types.h"
 
 #include <QDebug>
@@ -11,9 +12,12 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QMap>
+#include <QStringBuilder>
 
 #include <cerrno>
 #include <cstdlib>
+#include <optional>
+#include <string_view>
 
 #include <unistd.h>
 
@@ -62,6 +66,23 @@ QString directoryOf(const ApplicationTaskId &id)
 bool openControlFile(QFile &file)
 {
     return file.open(QIODevice::WriteOnly | QIODevice::Unbuffered);
+}
+
+QByteArray trimmed(std::string_view text)
+{
+    return QByteArray(text.data(), static_cast<int>(text.size())).trimmed();
+}
+
+/// The path in a line of proc(5)'s file of groups, `ID:CONTROLLERS:PATH`, if it is that of @p controller
+/// alone.
+QByteArray pathInLine(std::string_view line, std::string_view controller)
+{
+    const size_t first = line.find(':');
+    const size_t second = first == std::string_view::npos ? first : line.find(':', first + 1);
+    if (second == std::string_view::npos || line.substr(first + 1, second - first - 1) != controller) {
+        return {};
+    }
+    return trimmed(line.substr(second + 1)); // a group's own name may hold colons
 }
 
 [[noreturn]] void endProcess(const char *reason)
@@ -284,38 +305,35 @@ void CGroupController::removeApplication(const ApplicationInstanceId &id)
 
 QSet<int> CGroupController::processesInSameGroup(pid_t pid)
 {
-    QFile groups(QStringLiteral("%1/proc/%2/cgroup").arg(Types::rootFs(), QString::number(pid)));
-    if (!groups.open(QIODevice::ReadOnly)) {
+    const QByteArray root = QFile::encodeName(Types::rootFs());
+    KernelFile groups(root % "/proc/" % QByteArray::number(pid) % "/cgroup");
+    if (!groups.isOpen()) {
         qWarning() << "Missing cgroup file for pid" << pid;
         return {};
     }
-    QString path;
-    for (QByteArray read = groups.readLine(); !read.isEmpty() && path.isEmpty(); read = groups.readLine()) {
-        const QString line = QString::fromUtf8(read).trimmed();
-        if (line.section(QLatin1Char(':'), 1, 1) == memoryController) {
-            path = line.section(QLatin1Char(':'), 2); // a group's own name may hold colons
-        }
+    QByteArray path;
+    std::string_view line;
+    while (path.isEmpty() && groups.readLine(&line)) {
+        path = pathInLine(line, "memory");
     }
     // The root group is nobody's own: it has the processes of the whole system. A process that is about to
     // end, also one that waits to be reaped, has been moved there.
-    if (path.isEmpty() || path == QLatin1String("/")) {
+    if (path.isEmpty() || path == "/") {
         return {};
     }
 
-    QFile members(QStringLiteral("%1/%2%3/%4").arg(cgroupRoot(), memoryController, path, processesFile));
-    if (!members.open(QIODevice::ReadOnly)) {
-        qWarning() << "Could not open file:" << members.fileName();
+    const QByteArray name = root % "/sys/fs/cgroup/memory" % path % "/cgroup.procs";
+    KernelFile members(name);
+    if (!members.isOpen()) {
+        qWarning() << "Could not open file:" << QFile::decodeName(name);
         return {};
     }
     QSet<int> processes;
-    for (QByteArray read = members.readLine(); !read.isEmpty(); read = members.readLine()) {
-        const QByteArray line = read.trimmed();
-        bool ok = false;
-        const int process = line.toInt(&ok);
-        if (ok) {
-            processes.insert(process);
+    while (members.readLine(&line)) {
+        if (const std::optional<int> process = parseDecimal(line)) {
+            processes.insert(*process);
         } else {
-            qWarning() << "Could not parse line:" << line;
+            qWarning() << "Could not parse line:" << trimmed(line);
         }
     }
     return processes;

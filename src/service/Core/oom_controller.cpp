@@ -2,12 +2,14 @@
 
 #include "Core/candidate.h"
 #include "Core/cgroup_controller.h"
+#include "Core/kernel_file.h"
 #include "Core/regular_file.h"
 #include "Core/types.h"
 
 #include <QDebug>
 #include <QFile>
 #include <QSettings>
+#include <QStringBuilder>
 
 #include <algorithm>
 #include <limits>
@@ -22,35 +24,30 @@ namespace {
 
 constexpr int protection = -100;
 
-// Several times what the kernel writes into such files; this much is allocated for each reading.
-constexpr qint64 maximumTableSize = 64 * 1024; // meminfo, swaps
-constexpr qint64 maximumNumberSize = 64;
+// Several times what the kernel writes into such a file; this much is allocated for each reading.
+constexpr qint64 maximumTableSize = 64 * 1024; // meminfo
+
+QByteArray encodedRoot()
+{
+    return QFile::encodeName(Types::rootFs());
+}
 
 bool hasSwapOnZram()
 {
-    QFile swaps(Types::rootFs() + QStringLiteral("/proc/swaps"));
-    if (!swaps.open(QFile::ReadOnly)) {
-        return false;
+    KernelFile swaps(encodedRoot() + QByteArrayLiteral("/proc/swaps"));
+    constexpr std::string_view device = "/dev/zram";
+    std::string_view line;
+    while (swaps.readLine(&line)) {
+        if (line.substr(0, device.size()) == device) {
+            return true;
+        }
     }
-    const QList<QByteArray> lines = swaps.read(maximumTableSize).split('\n');
-    return std::any_of(lines.cbegin(), lines.cend(),
-                       [](const QByteArray &line) { return line.startsWith("/dev/zram"); });
+    return false;
 }
 
 QString processFile(pid_t pid, const char *name)
 {
     return QStringLiteral("/proc/%1/%2").arg(pid).arg(QLatin1String(name));
-}
-
-std::optional<int> readInt(const QString &path)
-{
-    QFile file(Types::rootFs() + path);
-    if (!file.open(QFile::ReadOnly)) {
-        return std::nullopt;
-    }
-    bool ok = false;
-    const int value = file.read(maximumNumberSize).trimmed().toInt(&ok);
-    return ok ? std::make_optional(value) : std::nullopt;
 }
 
 /// The process of the control group of @p leader that has offered itself most clearly; the leader if all have
@@ -68,6 +65,7 @@ pid_t volunteer(pid_t leader)
         return std::make_pair(a != leader, a) < std::make_pair(b != leader, b);
     });
 
+    const QByteArray root = encodedRoot();
     int smallest = std::numeric_limits<int>::max();
     int largest = 0;
     pid_t chosen = leader;
@@ -76,7 +74,8 @@ pid_t volunteer(pid_t leader)
         if (pid <= 1 || pid == ::getpid()) {
             continue;
         }
-        const std::optional<int> value = readInt(processFile(pid, "oom_score_adj"));
+        const std::optional<int> value =
+            KernelFile(root % "/proc/" % QByteArray::number(pid) % "/oom_score_adj").number();
         if (!value) {
             continue; // it has ended meanwhile
         }
@@ -229,14 +228,16 @@ int OomController::oomScoreForStart(int flags)
 
 bool OomController::readIntFromFile(const QString &path, int *value)
 {
-    QFile file(Types::rootFs() + path);
-    if (!file.open(QFile::ReadOnly)) {
+    const KernelFile file(encodedRoot() + QFile::encodeName(path));
+    if (!file.isOpen()) {
         qWarning() << "Failed to open" << path;
         return false;
     }
-    bool ok = false;
-    *value = file.read(maximumNumberSize).trimmed().toInt(&ok);
-    return ok;
+    const std::optional<int> number = file.number();
+    if (number) {
+        *value = *number;
+    }
+    return number.has_value();
 }
 
 } // namespace Core

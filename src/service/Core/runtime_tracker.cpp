@@ -1,5 +1,6 @@
 #include "Core/runtime_tracker.h"
 
+#include "Core/kernel_file.h"
 #include "Core/send_signal.h"
 #include "Core/tracker_worker.h"
 #include "Core/types.h"
@@ -8,9 +9,11 @@
 #include <QFile>
 #include <QHash>
 #include <QSet>
+#include <QStringBuilder>
 #include <QThread>
 
 #include <csignal>
+#include <string_view>
 
 #include <unistd.h>
 
@@ -21,17 +24,12 @@ namespace {
 /// @returns -1 when status(5) of the process is missing or does not say.
 pid_t parentOf(pid_t pid)
 {
-    QFile file(QStringLiteral("%1/proc/%2/status").arg(Types::rootFs()).arg(pid));
-    if (!file.open(QIODevice::ReadOnly)) {
-        return -1;
-    }
-    const QByteArray key = QByteArrayLiteral("PPid:");
-    // Files of proc(5) have no size: atEnd() is true for them from the start.
-    for (QByteArray line = file.readLine(); !line.isEmpty(); line = file.readLine()) {
-        if (line.startsWith(key)) {
-            bool ok = false;
-            const pid_t parent = line.mid(key.size()).trimmed().toInt(&ok);
-            return ok ? parent : -1;
+    KernelFile file(QFile::encodeName(Types::rootFs()) % "/proc/" % QByteArray::number(pid) % "/status");
+    constexpr std::string_view key = "PPid:";
+    std::string_view line;
+    while (file.readLine(&line)) {
+        if (line.substr(0, key.size()) == key) {
+            return parseDecimal(line.substr(key.size())).value_or(-1);
         }
     }
     return -1;
