@@ -2,19 +2,23 @@
 //
 //   level  one reading of the memory's level: time, allocations
 //   pass   who would be killed, over records of five processes each; against earlyoom's own search among the
-//          same processes, timed inside it from the opening of /proc to its closing
+//          same processes, timed inside it from the opening of /proc to its closing; and against doing
+//          nothing but opening, reading and closing the files that have to be read, which is the kernel's
+//          share
 //
 // usage: bench_memory level READINGS
-//        unshare --pid --fork --mount-proc bench_memory pass RECORDS STAMPS-LIBRARY
+//        unshare --pid --fork --kill-child --mount-proc bench_memory pass RECORDS GROUP STAMPS-LIBRARY
 //
-// The second needs root and a memory hierarchy of version 1. In a process namespace of its own, there is
-// nothing but the processes that it makes.
+// The second needs root and a memory hierarchy of version 1, in which GROUP is an empty directory; its caller
+// removes what is left there. In a process namespace of its own, there is nothing but the processes that it
+// makes.
 
 #include "Core/candidate.h"
 #include "Core/oom_controller.h"
 
 #include <QByteArray>
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QFile>
 #include <QTemporaryDir>
 
@@ -26,6 +30,7 @@
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -70,7 +75,7 @@ namespace {
 
 constexpr int processesOfRecord = 5;
 constexpr int searchSeconds = 12; // after a kill that was none, earlyoom waits for about a second
-const std::string hierarchy = "/sys/fs/cgroup/memory/procwarden-bench";
+std::string groups; // directory of those that are made
 
 [[noreturn]] void fail(const char *what)
 {
@@ -126,18 +131,26 @@ void measureLevel(int readings)
 
 std::string groupOf(int record)
 {
-    return hierarchy + "/" + std::to_string(record);
+    return groups + "/" + std::to_string(record);
 }
 
-/// Processes that do nothing, five to a control group; the first of each is the record's.
-std::vector<pid_t> startRecords(int records)
+struct Record
 {
-    std::vector<pid_t> leaders;
-    ::mkdir(hierarchy.c_str(), 0755);
-    for (int record = 0; record < records; ++record) {
-        if (::mkdir(groupOf(record).c_str(), 0755) != 0) {
+    std::vector<pid_t> processes; // the first is the record's
+    QDateTime lastActive;
+};
+
+/// Processes that do nothing, five to a control group.
+std::vector<Record> startRecords(int count)
+{
+    std::vector<Record> records(count);
+    const QDateTime now = QDateTime::currentDateTime();
+    for (int number = 0; number < count; ++number) {
+        if (::mkdir(groupOf(number).c_str(), 0755) != 0) {
             fail("cannot make a control group");
         }
+        Record &record = records[number];
+        record.lastActive = now.addMSecs(number * 7919 % 100000); // in no order that is there already
         for (int i = 0; i < processesOfRecord; ++i) {
             const pid_t pid = ::fork();
             if (pid == 0) {
@@ -146,16 +159,14 @@ std::vector<pid_t> startRecords(int records)
                     ::pause();
                 }
             }
-            FILE *const members = std::fopen((groupOf(record) + "/cgroup.procs").c_str(), "we");
+            FILE *const members = std::fopen((groupOf(number) + "/cgroup.procs").c_str(), "we");
             if (pid < 0 || !members || std::fprintf(members, "%d", pid) < 0 || std::fclose(members) != 0) {
                 fail("cannot fill a control group");
             }
-            if (i == 0) {
-                leaders.push_back(pid);
-            }
+            record.processes.push_back(pid);
         }
     }
-    return leaders;
+    return records;
 }
 
 void endRecords(int records)
@@ -176,25 +187,49 @@ void endRecords(int records)
     for (int record = 0; record < records; ++record) {
         ::rmdir(groupOf(record).c_str());
     }
-    ::rmdir(hierarchy.c_str());
 }
 
 /// One pass of the early out-of-memory killer, but for the killing.
-pid_t search(const Core::OomController &controller, const std::vector<pid_t> &leaders)
+pid_t search(const Core::OomController &controller, const std::vector<Record> &records)
 {
     QVector<Core::Candidate> candidates;
-    candidates.reserve(int(leaders.size()));
-    const QDateTime now = QDateTime::currentDateTime();
-    for (const pid_t leader : leaders) {
+    candidates.reserve(int(records.size()));
+    for (const Record &record : records) {
         Core::Candidate candidate;
-        if (!controller.readProcessScore(leader, &candidate)) {
+        if (!controller.readProcessScore(record.processes.front(), &candidate)) {
             fail("no scores");
         }
         candidate.isApplication = true;
-        candidate.lastActive = now.addMSecs(leader * 7919 % 100000); // in no order that is there already
+        candidate.lastActive = record.lastActive;
         candidates.append(candidate);
     }
     return Core::victimOrder(candidates).first().killPid;
+}
+
+void read(const std::string &path)
+{
+    char content[8192];
+    const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (file < 0 || ::read(file, content, sizeof(content)) <= 0) {
+        fail("cannot read what is there");
+    }
+    ::close(file);
+}
+
+/// What no such search can do without: the group, its members, how each offers itself, the leader's scores.
+void readOnly(const std::vector<Record> &records)
+{
+    int number = 0;
+    for (const Record &record : records) {
+        const std::string leader = "/proc/" + std::to_string(record.processes.front());
+        read(leader + "/cgroup");
+        read(groupOf(number++) + "/cgroup.procs");
+        for (const pid_t pid : record.processes) {
+            read("/proc/" + std::to_string(pid) + "/oom_score_adj");
+        }
+        read(leader + "/oom_score");
+        read(leader + "/oom_score_adj");
+    }
 }
 
 /// Milliseconds of each search that earlyoom made while it was let.
@@ -234,14 +269,16 @@ std::vector<double> searchesOfEarlyoom(const char *library)
     return times;
 }
 
-void measurePass(int records, const char *library)
+void measurePass(int count, const char *library)
 {
-    const std::vector<pid_t> leaders = startRecords(records);
+    const std::vector<Record> records = startRecords(count);
     const Core::OomController controller;
     std::vector<double> ours;
+    std::vector<double> kernels;
     const auto measure = [&] {
         for (int i = 0; i < 20; ++i) {
-            ours.push_back(timeOf([&] { search(controller, leaders); }));
+            ours.push_back(timeOf([&] { search(controller, records); }));
+            kernels.push_back(timeOf([&] { readOnly(records); }));
         }
     };
     // Before and after, so that whatever else the machine does falls on both.
@@ -249,14 +286,15 @@ void measurePass(int records, const char *library)
     const std::vector<double> theirs = searchesOfEarlyoom(library);
     measure();
     const long before = allocations;
-    search(controller, leaders);
+    search(controller, records);
     const long made = allocations - before;
     std::printf("{\"bench\": \"choice of a victim\", \"n\": %d, \"processes\": %d, \"ours_ms\": %.3f, "
-                "\"earlyoom_ms\": %.3f, \"ratio\": %.3f, \"earlyoom_searches\": %d, \"allocations\": %ld}\n",
-                records, records * processesOfRecord, median(ours), median(theirs),
+                "\"reading_alone_ms\": %.3f, \"earlyoom_ms\": %.3f, \"ratio\": %.3f, "
+                "\"earlyoom_searches\": %d, \"allocations\": %ld}\n",
+                count, count * processesOfRecord, median(ours), median(kernels), median(theirs),
                 median(ours) / median(theirs), int(theirs.size()), made);
     std::fflush(stdout);
-    endRecords(records);
+    endRecords(count);
 }
 
 } // namespace
@@ -267,8 +305,9 @@ int main(int argc, char **argv)
     ::unsetenv("PROCWARDEN_ROOTFS");
     if (what == "level" && argc == 3) {
         measureLevel(std::atoi(argv[2]));
-    } else if (what == "pass" && argc == 4) {
-        measurePass(std::atoi(argv[2]), argv[3]);
+    } else if (what == "pass" && argc == 5) {
+        groups = argv[3];
+        measurePass(std::atoi(argv[2]), argv[4]);
     } else {
         fail("usage: see the head of the source");
     }

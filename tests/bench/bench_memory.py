@@ -3,10 +3,14 @@
 Prints one line of JSON per figure. PROCWARDEN_BIN_DIR names the programs, an optimised build.
 """
 
+import contextlib
 import json
 import os
+import signal
 import statistics
 import subprocess
+import sys
+import tempfile
 import time
 
 from stack import Stack
@@ -108,11 +112,40 @@ def readings(stamps):
     return (stamps.count("meminfo") - before) * 60 // PACE_SECONDS
 
 
+@contextlib.contextmanager
+def own_group():
+    """A memory control group that nothing is left of, whatever ends the measuring."""
+    group = tempfile.mkdtemp(prefix="procwarden-bench-", dir="/sys/fs/cgroup/memory")
+    try:
+        yield group
+    finally:
+        for path, _, _ in os.walk(group, topdown=False):
+            # Its processes are dead or dying by now.
+            until(lambda: removed(path), f"the removal of {path}")
+
+
+def removed(group):
+    try:
+        os.rmdir(group)
+    except OSError:
+        return False
+    return True
+
+
+def measure_pass(bench, records):
+    # With --kill-child, processes of an interrupted measurement do not outlive it.
+    with own_group() as group:
+        subprocess.run(["unshare", "--pid", "--fork", "--kill-child", "--mount-proc", bench, "pass", str(records),
+                        group, STAMPS], check=True)
+
+
 def main():
+    # An end by request is one like any other, with everything cleaned up.
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
     bench = os.path.join(BIN, "bench_memory")
     subprocess.run([bench, "level", "20000"], check=True)
     for records in (12, 100, 1000):
-        subprocess.run(["unshare", "--pid", "--fork", "--mount-proc", bench, "pass", str(records), STAMPS], check=True)
+        measure_pass(bench, records)
     measure_kill()
     measure_pace()
 
