@@ -1,75 +1,49 @@
 #include "backgroundactivity.h"
 
-#include <QCoreApplication>
-#include <QDBusConnection>
-#include <QDBusMessage>
-#include <QDBusPendingCallWatcher>
-#include <QDBusPendingReply>
-#include <QDBusUnixFileDescriptor>
-#include <QDebug>
+#include "sleepinhibitor.h"
+#include "wakeupclock.h"
 
-// The inhibitor is a descriptor: logind holds the device awake as long as a copy of it is open, so that an
-// end of the process in any way releases it. It comes as the reply to a call. A stop in the meantime does not
-// cancel the call, whose reply would then be lost with the descriptor still to be closed by somebody; the
-// reply finds out what is wanted when it arrives. So there is at most one call under way and at most one
-// descriptor.
+#include <QtGlobal>
 
 namespace {
 
-constexpr int replyTimeoutMs = 10000; // logind may have to be started first
-
-QDBusMessage inhibitCall()
+/// When to wake up within a range: late, since whoever is awake anyway by then has had time to notice by an
+/// ordinary timer and to stop the wait, and the device is woken only where it really sleeps.
+WakeupClock::Time delayWithin(int minimum, int maximum)
 {
-    QDBusMessage call = QDBusMessage::createMethodCall(
-        QStringLiteral("org.freedesktop.login1"), QStringLiteral("/org/freedesktop/login1"),
-        QStringLiteral("org.freedesktop.login1.Manager"), QStringLiteral("Inhibit"));
-    call << QStringLiteral("sleep") // what
-         << QCoreApplication::applicationName() // who
-         << QStringLiteral("Background activity") // why
-         << QStringLiteral("block"); // mode
-    return call;
+    const std::chrono::nanoseconds earliest = std::chrono::seconds(qMax(minimum, 0));
+    const std::chrono::nanoseconds latest = qMax(earliest, WakeupClock::Time(std::chrono::seconds(maximum)));
+    return earliest + (latest - earliest) / 4 * 3;
 }
 
 } // namespace
 
-class BackgroundActivityPrivate : public QObject
+class BackgroundActivityPrivate
 {
 public:
-    void start();
-    void finish(const QDBusPendingReply<QDBusUnixFileDescriptor> &reply);
+    void run();
+    void stop();
 
-    bool running = false; // what the owner wants, whether logind agrees or not
-    bool pending = false; // a call is under way
-    bool warned = false;
-    QDBusUnixFileDescriptor inhibitor; // valid while logind holds the device awake
+    bool running = false;
+    const std::shared_ptr<SleepInhibitor> inhibitor = SleepInhibitor::shared();
+    const std::shared_ptr<WakeupClock> clock = WakeupClock::shared();
 };
 
-void BackgroundActivityPrivate::start()
+void BackgroundActivityPrivate::run()
 {
-    if (pending || inhibitor.isValid()) {
-        return;
+    clock->cancel(this);
+    if (!running) {
+        running = true;
+        inhibitor->hold();
     }
-    pending = true;
-    auto *watcher = new QDBusPendingCallWatcher(
-        QDBusConnection::systemBus().asyncCall(inhibitCall(), replyTimeoutMs), this);
-    connect(watcher, &QDBusPendingCallWatcher::finished, this, [this, watcher] {
-        watcher->deleteLater();
-        finish(*watcher);
-    });
 }
 
-void BackgroundActivityPrivate::finish(const QDBusPendingReply<QDBusUnixFileDescriptor> &reply)
+void BackgroundActivityPrivate::stop()
 {
-    pending = false;
-    if (reply.isError()) {
-        if (!warned) {
-            warned = true;
-            qWarning() << "Cannot keep the device from suspending:" << reply.error().message();
-        }
-        return;
-    }
+    clock->cancel(this);
     if (running) {
-        inhibitor = reply.value();
+        running = false;
+        inhibitor->release();
     }
 }
 
@@ -79,19 +53,31 @@ BackgroundActivity::BackgroundActivity(QObject *parent)
 {
 }
 
-BackgroundActivity::~BackgroundActivity() = default;
+BackgroundActivity::~BackgroundActivity()
+{
+    d->stop();
+}
 
 void BackgroundActivity::run()
 {
-    if (d->running) {
-        return;
-    }
-    d->running = true;
-    d->start();
+    d->run();
+}
+
+void BackgroundActivity::wait(int minimum, int maximum)
+{
+    d->stop();
+    d->clock->callAfter(delayWithin(minimum, maximum), d.get(), [this] {
+        d->run();
+        emit running();
+    });
 }
 
 void BackgroundActivity::stop()
 {
-    d->running = false;
-    d->inhibitor = QDBusUnixFileDescriptor();
+    d->stop();
+}
+
+bool BackgroundActivity::isRunning() const
+{
+    return d->running;
 }

@@ -7,6 +7,7 @@
 #include <QDBusConnection>
 #include <QDBusContext>
 #include <QDBusMessage>
+#include <QDBusPendingReply>
 #include <QDBusUnixFileDescriptor>
 #include <QDir>
 #include <QProcess>
@@ -122,6 +123,28 @@ private:
     QString connectionName;
 };
 
+// Takes an inhibitor on the same connection as the activities do, but without them: its call comes behind
+// theirs, and once its answer is there, so are the answers to theirs.
+class Bystander
+{
+public:
+    void run()
+    {
+        QDBusMessage call = QDBusMessage::createMethodCall(
+            service, path, QStringLiteral("org.freedesktop.login1.Manager"), QStringLiteral("Inhibit"));
+        call << QString() << QString() << QString() << QString();
+        reply = std::make_unique<QDBusPendingReply<QDBusUnixFileDescriptor>>(
+            QDBusConnection::systemBus().asyncCall(call));
+    }
+
+    bool isAnswered() const { return reply->isFinished(); }
+
+    void stop() { reply.reset(); }
+
+private:
+    std::unique_ptr<QDBusPendingReply<QDBusUnixFileDescriptor>> reply;
+};
+
 class tst_BackgroundActivity : public QObject
 {
     Q_OBJECT
@@ -138,7 +161,7 @@ private slots:
     void stopTwiceDoesNothing();
     void runAfterStopTakesAnother();
     void destructionReleases();
-    void twoObjectsHoldOneEach();
+    void twoObjectsShareOneInhibitor();
     void childDoesNotInheritTheInhibitor();
 
     void runDoesNotBlock();
@@ -217,7 +240,7 @@ void tst_BackgroundActivity::runTwiceIsOnce()
     QTRY_COMPARE(m_logind->held(), 1);
     activity.run();
     // The other object's call comes behind whatever this one has sent.
-    BackgroundActivity other;
+    Bystander other;
     other.run();
     QTRY_COMPARE(m_logind->held(), 2);
     QCOMPARE(m_logind->calls.size(), 2);
@@ -275,14 +298,19 @@ void tst_BackgroundActivity::destructionReleases()
     QTRY_COMPARE(m_logind->held(), 0);
 }
 
-void tst_BackgroundActivity::twoObjectsHoldOneEach()
+void tst_BackgroundActivity::twoObjectsShareOneInhibitor()
 {
     BackgroundActivity one;
     BackgroundActivity two;
     one.run();
     two.run();
-    QTRY_COMPARE(m_logind->held(), 2);
+    QTRY_COMPARE(m_logind->held(), 1);
     one.stop();
+    Bystander other;
+    other.run();
+    QTRY_VERIFY(other.isAnswered());
+    QCOMPARE(m_logind->calls.size(), 2); // the other one's among them
+    other.stop();
     QTRY_COMPARE(m_logind->held(), 1);
     two.stop();
     QTRY_COMPARE(m_logind->held(), 0);
@@ -318,7 +346,7 @@ void tst_BackgroundActivity::runDoesNotBlock()
 
     // It is really kept, and is not only still under way: the answer to a later call has come.
     m_logind->mode = FakeLogind::AtOnce;
-    BackgroundActivity other;
+    Bystander other;
     other.run();
     QTRY_COMPARE(m_logind->held(), 2);
     other.stop();
@@ -358,7 +386,7 @@ void tst_BackgroundActivity::runAgainBeforeTheAnswerUsesIt()
     m_logind->answer();
 
     m_logind->mode = FakeLogind::AtOnce;
-    BackgroundActivity other;
+    Bystander other;
     other.run();
     QTRY_COMPARE(m_logind->held(), 2);
     QCOMPARE(m_logind->calls.size(), 2);
@@ -390,7 +418,7 @@ void tst_BackgroundActivity::refusalWarnsOnce()
         QTRY_COMPARE(m_logind->calls.size(), 2 * round - 1);
         // The answer to the other object's call comes behind the refusal.
         m_logind->mode = FakeLogind::AtOnce;
-        BackgroundActivity other;
+        Bystander other;
         other.run();
         QTRY_COMPARE(m_logind->held(), 1);
         other.stop();
@@ -410,7 +438,7 @@ void tst_BackgroundActivity::refusedIsAskedAgainAtTheNextRun()
     QTRY_COMPARE(log.warnings().size(), 1);
     m_logind->mode = FakeLogind::AtOnce;
     activity.run(); // no next one: it runs, although in vain
-    BackgroundActivity other;
+    Bystander other;
     other.run();
     QTRY_COMPARE(m_logind->held(), 1);
     QCOMPARE(m_logind->calls.size(), 2);
@@ -434,7 +462,7 @@ void tst_BackgroundActivity::withoutLogindWarnsOnce()
 
     // What came of the second run is known when the answer to a later call is there.
     startLogind();
-    BackgroundActivity other;
+    Bystander other;
     other.run();
     QTRY_COMPARE(m_logind->held(), 1);
     other.stop();
