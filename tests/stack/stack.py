@@ -1,6 +1,7 @@
 """Everything around one service process, brought up and taken down together."""
 
 import atexit
+import json
 import os
 import re
 import shutil
@@ -15,6 +16,7 @@ from .apps import Applications, SampleFiles
 from .bus import PrivateBus
 from .cleaning import clean_files, clean_processes, empty
 from .client import SampleClient, session_client, system_client
+from .intent_resolver import IntentResolver
 from .memory import Memory
 from .monitor import Monitor
 from .notification_server import NotificationServer
@@ -103,6 +105,9 @@ class Stack:
         self.notification_server = NotificationServer(self.session_bus)
         self._closers.append(self.notification_server.close)
 
+        self.intent_resolver = IntentResolver(self.session_bus)
+        self._closers.append(self.intent_resolver.close)
+
         self.control = session_client(self.session_bus)
         self.system_control = system_client(self.system_bus)
         self.sample_files = SampleFiles(self.user.home)
@@ -133,6 +138,13 @@ class Stack:
             delay = delays.get(name.partition(".")[0], 0)
             with open(os.path.join(target, name), "w") as file:
                 file.write(re.sub(r"(?m)^ApplyWithDelay=.*", f"ApplyWithDelay={delay}", content))
+
+    def define_intent(self, name, **content):
+        """Defines an intent; content: "requiredParams", "hints"."""
+        directory = self._path("share/procwarden/intents")
+        os.makedirs(directory, exist_ok=True)
+        with open(os.path.join(directory, f"{name}.intent"), "w") as file:
+            json.dump(content, file)
 
     def install_sample(self, app_id="org.example.Sample", **options):
         """Installs a sample application, as a package that may be frozen unless options say otherwise."""
@@ -256,7 +268,7 @@ class Stack:
     def complaints(self):
         """What the stand-ins found wrong with the calls they got."""
         return (self.permission_daemon.complaints + self.window_model.complaints
-                + self.notification_server.complaints)
+                + self.notification_server.complaints + self.intent_resolver.complaints)
 
     # --- taking down ---
 

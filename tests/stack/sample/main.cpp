@@ -1,10 +1,12 @@
 // The sample application: a well-behaved one by default, and by its options one of the badly behaved kinds
 // that the service has to cope with.
 
+#include "intents.h"
 #include "sample.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QDBusConnection>
 #include <QDir>
 #include <QSocketNotifier>
 
@@ -88,9 +90,12 @@ int main(int argc, char **argv)
     const QCommandLineOption noLifecycle = option("no-lifecycle", "Never asks for its state.");
     const QCommandLineOption memoryPressure = option("memory-pressure", "Subscribes to the memory level.");
     const QCommandLineOption hold = option("hold", "Keeps so much memory in use.", "megabytes");
+    const QCommandLineOption intents = option("intents", "Handles intents, in this way.", "behaviour");
+    const QCommandLineOption noIntentName = option("no-intent-name", "Never owns its id as a name.");
     QCommandLineParser parser;
     parser.addOptions(
         { name, directory, ignoreTerm, exitWith, daemonise, flood, noLifecycle, memoryPressure, hold });
+    parser.addOptions({ intents, noIntentName });
     parser.addPositionalArgument(QStringLiteral("uris"), QStringLiteral("What to open."));
     if (!parser.parse(app.arguments())) {
         std::fprintf(stderr, "%s\n", qPrintable(parser.errorText()));
@@ -139,6 +144,18 @@ int main(int argc, char **argv)
     if (!sample.start()) {
         std::fprintf(stderr, "Cannot start in %s\n", qPrintable(options.directory));
         return 4;
+    }
+
+    const auto note = [&sample](const QString &line) {
+        sample.note(line);
+    };
+    SampleInvoker invoker;
+    SampleIntents handler(parser.value(intents), options.directory, note);
+    QDBusConnection::sessionBus().registerObject(QStringLiteral("/intents"), &invoker,
+                                                 QDBusConnection::ExportAllSlots);
+    if (parser.isSet(intents)
+        && !handler.start(parser.isSet(noIntentName) ? QString() : options.instanceId)) {
+        sample.note(QStringLiteral("no name for intents"));
     }
     return QCoreApplication::exec();
 }
