@@ -50,6 +50,9 @@ int readOpenFile(int fd, QByteArray &data)
 int readRegularFile(const QString &path, QByteArray &data)
 {
     data.clear();
+    if (path.contains(QChar(0))) {
+        return EINVAL; // the system would take the part before it for the name
+    }
     // Without O_NONBLOCK, opening a FIFO waits for somebody who writes.
     const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     if (fd < 0) {

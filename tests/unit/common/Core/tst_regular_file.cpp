@@ -18,6 +18,7 @@ private slots:
     void contentIsRead_data();
     void contentIsRead();
     void whatIsNoRegularFileIsRefusedAtOnce();
+    void nulEndsNoName();
     void largeFileIsRefused();
 
 private:
@@ -73,6 +74,15 @@ void TestRegularFile::whatIsNoRegularFileIsRefusedAtOnce()
     refused(path("missing"), ENOENT);
     refused(path("loop"), ELOOP);
     refused(QString(), ENOENT);
+}
+
+void TestRegularFile::nulEndsNoName()
+{
+    QFile file(path("file"));
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    QByteArray data("old");
+    QCOMPARE(readRegularFile(path("file") + QChar(0) + QLatin1String("more"), data), EINVAL);
+    QVERIFY(data.isEmpty());
 }
 
 void TestRegularFile::largeFileIsRefused()
