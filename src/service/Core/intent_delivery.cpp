@@ -25,6 +25,7 @@ namespace {
 
 constexpr int launchMs = 25000; // as long as a launch under way may take
 constexpr int terminationMs = 5000; // more than the kill time-out, after which it is forced
+constexpr int nameReleaseMs = 1000; // for the bus to notice what the kernel has told already
 constexpr int readyMs = 10000; // for a process to come up and take its name
 constexpr int maemoReplyMs = 10000;
 
@@ -133,12 +134,25 @@ void IntentsPrivate::retryStartAfterTermination(const ApplicationId &appId, cons
     const auto retry = [this, wait, appId, hints, uris, context, callback](const QString &terminated) {
         if (terminated == appId.text()) {
             delete wait;
-            startOrActivate(appId, hints, uris, context, callback);
+            afterNameRelease(appId.text(), [this, appId, hints, uris, context, callback] {
+                startOrActivate(appId, hints, uris, context, callback);
+            });
         }
     };
     // Queued: the controller tells of the end while it still has the record.
     QObject::connect(RuntimeController::instance(), &RuntimeController::applicationTerminated, wait, retry,
                      Qt::QueuedConnection);
+}
+
+// The bus may tell later than the kernel that a process is gone. Until then its name would pass for that of the
+// next process. What else holds the name, a child that was left behind for one, does not keep the start waiting.
+void IntentsPrivate::afterNameRelease(const QString &name, const std::function<void()> &function)
+{
+    Timeout *const wait = startWait(q, nameReleaseMs, function);
+    DBusNameWatcher::instance()->onNameDisappeared(name, wait, [wait, function] {
+        delete wait;
+        function();
+    });
 }
 
 void IntentsPrivate::dispatchOpenURI(const QString &handler, const QUrl &url, const QString &requestor,

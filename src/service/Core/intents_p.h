@@ -58,6 +58,9 @@ public:
                                     const QList<QUrl> &uris, const InvocationContext &context,
                                     const StartCallback &callback);
 
+    /// Runs @p function when @p name has no owner, or after a moment.
+    void afterNameRelease(const QString &name, const std::function<void()> &function);
+
     void dispatchOpenURI(const QString &handler, const QUrl &url, const QString &requestor,
                          const IntentCallback &callback);
     void dispatchGeneric(const QString &handler, const QString &name, const QVariantMap &hints,
