@@ -107,6 +107,7 @@ public:
     bool placeProcess(const QString &directory, pid_t pid) const;
     bool writeSettings(const QString &directory, const CGroupController::Settings &settings) const;
     bool writeSetting(const QString &directory, const QByteArray &key, const QByteArray &value) const;
+    bool applyState(const QString &directory, const QString &state) const;
 
     CGroupController *const q;
     QDir root;
@@ -256,6 +257,12 @@ bool CGroupControllerPrivate::writeSetting(const QString &directory, const QByte
     return true;
 }
 
+bool CGroupControllerPrivate::applyState(const QString &directory, const QString &state) const
+{
+    const auto settings = states.constFind(state);
+    return settings != states.constEnd() && writeSettings(directory, *settings);
+}
+
 CGroupController::CGroupController(QObject *parent)
     : QObject(parent)
     , d(std::make_unique<CGroupControllerPrivate>(this))
@@ -272,8 +279,12 @@ void CGroupController::registerState(const QString &state, const Settings &setti
 
 bool CGroupController::applyState(const ApplicationInstanceId &id, const QString &state)
 {
-    const auto settings = d->states.constFind(state);
-    return settings != d->states.constEnd() && d->writeSettings(directoryOf(id), *settings);
+    return d->applyState(directoryOf(id), state);
+}
+
+bool CGroupController::applyState(const ApplicationTaskId &id, const QString &state)
+{
+    return d->applyState(directoryOf(id), state);
 }
 
 bool CGroupController::setupApplication(const ApplicationInstanceId &id, pid_t pid)

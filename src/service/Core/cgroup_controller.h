@@ -42,6 +42,7 @@ public:
     /// @returns false if the state is not registered (nothing is written) or a write failed (the other files
     ///          are written all the same).
     bool applyState(const ApplicationInstanceId &id, const QString &state);
+    bool applyState(const ApplicationTaskId &id, const QString &state);
 
     /// Makes the directory of @p id in every hierarchy and puts the process @p pid, which must be above 0,
     /// into it.

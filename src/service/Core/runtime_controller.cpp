@@ -337,8 +337,12 @@ void RuntimeController::killAll()
     for (Process *process : qAsConst(d->records)) {
         qDebug() << "Killing process" << process->id() << "with pid" << process->pid();
         process->kill();
-        // A frozen group would not die.
-        d->cgroups.applyState(ApplicationInstanceId(process->id()), thawed);
+        // A frozen group would not die. A task's is frozen only where its start asked for that.
+        if (qobject_cast<const Task *>(process)) {
+            d->cgroups.applyState(ApplicationTaskId(process->id()), thawed);
+        } else {
+            d->cgroups.applyState(ApplicationInstanceId(process->id()), thawed);
+        }
     }
 }
 

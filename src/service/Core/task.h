@@ -15,6 +15,8 @@ public:
     Task(const ApplicationTaskId &taskId, pid_t pid, const InvocationContext &context, int socket,
          QObject *parent = nullptr);
 
+    int socket() const { return m_socket; }
+
     /// A copy of what is known at this moment.
     RunningTask record() const;
 

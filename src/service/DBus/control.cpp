@@ -165,7 +165,17 @@ void Control::GetRunningApplications(QVector<Procwarden::RunningApplication> &ap
         app.details = record.uris.isEmpty() ? noUris : QVariantMap { { Keys::uris, toTexts(record.uris) } };
         apps.append(app);
     }
-    services.clear();
+
+    const QVector<Core::RunningTask> tasks = RuntimeController::instance()->runningTasks();
+    services.reserve(tasks.size());
+    for (const Core::RunningTask &task : tasks) {
+        Procwarden::RunningService service;
+        service.appId = task.id.toString();
+        service.taskName = task.id.taskName();
+        service.pid = task.pid;
+        service.startReason = Core::wireStartReason(task.context.reason);
+        services.append(service);
+    }
 }
 
 } // namespace DBus
