@@ -54,3 +54,9 @@ extern "C" int setpriority(__priority_which_t which, id_t who, int priority) noe
     return isRefused("setpriority") ? refuse()
                                     : static_cast<int>(::syscall(SYS_setpriority, which, who, priority));
 }
+
+extern "C" int setrlimit(__rlimit_resource_t resource, const struct rlimit *limits) noexcept
+{
+    return isRefused("setrlimit") ? refuse()
+                                  : static_cast<int>(::syscall(SYS_prlimit64, 0, resource, limits, nullptr));
+}

@@ -8,7 +8,7 @@ struct StandIn
 {
     int journal = -1; ///< descriptor that the journal's stream leads to; negative: there is no journal
     int journalCall = -1; ///< gets the arguments of the call to the journal, separated by "|"
-    const char *refused = ""; ///< name of the call that fails: setregid, setreuid, setpriority
+    const char *refused = ""; ///< name of the call that fails: setregid, setreuid, setpriority, setrlimit
 };
 
 extern StandIn standIn;

@@ -249,6 +249,13 @@ public:
     inline static bool inForce = false;
 };
 
+/// The ends of the pipe that was made last.
+struct NewestPipe
+{
+    inline static int readEnd = -1;
+    inline static int writeEnd = -1;
+};
+
 // In the place of the C library's, in each program that includes this once.
 // NOLINTNEXTLINE(misc-definitions-in-headers)
 extern "C" int pipe2(int ends[2], int flags) noexcept
@@ -257,7 +264,10 @@ extern "C" int pipe2(int ends[2], int flags) noexcept
         errno = EMFILE;
         return -1;
     }
-    return static_cast<int>(::syscall(SYS_pipe2, ends, flags));
+    const int result = static_cast<int>(::syscall(SYS_pipe2, ends, flags));
+    NewestPipe::readEnd = ends[0];
+    NewestPipe::writeEnd = ends[1];
+    return result;
 }
 
 /// Whether the child is alive after time enough for one that is not blocked to have ended.
