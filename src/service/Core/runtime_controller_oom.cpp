@@ -111,10 +111,14 @@ void RuntimeControllerPrivate::killSubprocess(const Candidate &victim)
     }
 }
 
-/// The one line that tells the user of a default journal why something has gone.
+/// The one line that tells the user of a default journal why something has gone. Its figures are of this
+/// moment: the monitor's may be as old as the last pass, and then a recovery that came since, too late for
+/// this victim, could not be told from a shortage that lasts.
 void RuntimeControllerPrivate::logVictim(const Candidate &victim, VictimRule rule, bool onlySubprocess) const
 {
-    const MemoryReading &memory = MemoryMonitor::instance()->reading();
+    const bool isKnown = oomController.readMemoryLevel() != MemoryLevel::Unknown;
+    const MemoryReading &memory =
+        isKnown ? oomController.lastReading() : MemoryMonitor::instance()->reading();
     const Process *process = victim.process;
     qWarning().nospace() << "Early OOM: killing " << process->id() << ", pid "
                          << (onlySubprocess ? victim.killPid : process->pid())
