@@ -1,11 +1,15 @@
 """Applications that have subscribed hear how short the memory is, frozen ones for a moment, and nobody else does."""
 
+import os
 import threading
+from signal import SIGCONT, SIGSTOP
 
 import dbus
+import dbus.lowlevel
 import pytest
 
 import raw
+from stack import process
 from stack.client import ACTIVE, HIDDEN
 from stack.service import SESSION_NAME
 from stack.waiting import until
@@ -195,6 +199,33 @@ def test_subscriber_that_left_does_no_harm(subscribed):
     back = subscribed.session_bus.owner(f"{OTHER}.Main")
     set_level(subscribed, "normal", NORMAL)
     assert sorted(told(monitor)) == sorted([(stayed, NORMAL), (back, NORMAL)])
+
+
+def test_subscriber_that_never_reads_holds_nobody_up(subscribed):
+    """It runs, and is no candidate for thawing; what is sent to it waits in the bus, behind a socket that is full."""
+    pid = next(record[1] for record in subscribed.control.running()[0] if record[0] == SAMPLE)
+    deaf = subscribed.session_bus.owner(f"{SAMPLE}.Main")
+    os.kill(pid, SIGSTOP)
+    try:
+        until(lambda: process.state(pid) == "T", "the stop")
+        connection = subscribed.session_bus.connect()
+        for _ in range(32): # several times what a socket takes
+            message = dbus.lowlevel.MethodCallMessage(deaf, "/", "org.example.Sample1", "Nothing")
+            message.append("x" * 64 * 1024, signature="s")
+            message.set_no_reply(True)
+            connection.send_message(message)
+        connection.flush()
+        for _ in range(5):
+            set_level(subscribed, "low", LOW)
+            set_level(subscribed, "normal", NORMAL)
+        wait_for_note(subscribed, OTHER, f"memory 100 {NAME}", 5)
+        assert f"memory 100 {NAME}" not in subscribed.sample_files.diary(SAMPLE)
+    finally:
+        os.kill(pid, SIGCONT)
+    # Nothing of it is lost, or comes in another order.
+    until(lambda: subscribed.sample_files.diary(SAMPLE)[-10:] == [f"memory 100 {NAME}", f"memory 0 {NAME}"] * 5,
+          "what was sent", detail=lambda: str(subscribed.sample_files.diary(SAMPLE)))
+    connection.close()
 
 
 def test_level_that_flaps_is_told_as_often_as_it_is_seen(own_memory):

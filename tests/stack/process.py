@@ -21,6 +21,11 @@ def _state_and_parent(pid):
     return state, int(parent)
 
 
+def state(pid):
+    """Letter of the state, see proc(5), or an empty text if there is no such process."""
+    return (_state_and_parent(pid) or ("",))[0]
+
+
 def is_running(pid):
     """False also for a process that has ended and only waits to be reaped."""
     found = _state_and_parent(pid)

@@ -181,6 +181,7 @@ public:
 
     /// What was last written to the freezer of @p id: "active", "inactive", "hidden"; empty: nothing.
     QByteArray frozenState(const QString &id) const { return m_tree.read(freezer(id)); }
+    QString freezerPath(const QString &id) const { return m_tree.group(freezer(id)); }
     void forgetFrozenState(const QString &id) { QFile::remove(m_tree.group(freezer(id))); }
 
     /// Looks at the memory.

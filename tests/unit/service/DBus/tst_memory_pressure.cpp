@@ -3,6 +3,7 @@
 
 #include "Core/memory_monitor.h"
 #include "Core/runtime_tracker.h"
+#include "DBus/client_registry.h"
 #include "DBus/memory_pressure.h"
 #include "service/Core/runtime_fixture.h"
 
@@ -101,7 +102,9 @@ private slots:
     void unknownToNormalIsToldAsWell();
     void whoHasNotSubscribedHearsNothing();
     void latestConnectionOfAnApplicationIsTold();
-    void whoHasLeftIsForgotten();
+    void whoHasLeftDoesNoHarm();
+    void whoHasNoNameAtAChangeIsForgotten_data();
+    void whoHasNoNameAtAChangeIsForgotten();
     void hiddenSubscriberIsThawedAtLow();
     void hiddenSubscriberIsLeftAloneAtCritical();
     void visibleSubscriberIsToldOfCritical();
@@ -258,21 +261,49 @@ void tst_MemoryPressure::latestConnectionOfAnApplicationIsTold()
     QCOMPARE(latest.levels(), (QVector<int> { 100, 0, 100 }));
 }
 
-void tst_MemoryPressure::whoHasLeftIsForgotten()
+void tst_MemoryPressure::whoHasLeftDoesNoHarm()
 {
     const LogCapture log;
     auto leaving = std::make_unique<Client>(m_runtime->bus());
+    become(frozen);
     QVERIFY(leaving->subscribe());
     leaving.reset();
-    // The bus tells of the end in its own time; who comes back has to subscribe again.
-    QTRY_VERIFY([this] {
-        m_runtime->setLevel(MemoryLevel::Low);
-        m_runtime->setLevel(MemoryLevel::Normal);
-        return m_client->levels().isEmpty();
-    }());
+    become(other);
     QVERIFY(m_client->subscribe());
     m_runtime->setLevel(MemoryLevel::Low);
-    QCOMPARE(m_client->levels(), QVector<int> { 100 });
+    m_runtime->setLevel(MemoryLevel::Normal);
+    QCOMPARE(m_client->levels(), (QVector<int> { 100, 0 }));
+    QCOMPARE(log.warnings(), QStringList());
+}
+
+void tst_MemoryPressure::whoHasNoNameAtAChangeIsForgotten_data()
+{
+    QTest::addColumn<bool>("changes");
+    QTest::addColumn<QVector<int>>("told");
+
+    QTest::newRow("a change meanwhile") << true << QVector<int>();
+    QTest::newRow("no change meanwhile") << false << QVector<int> { 100 };
+}
+
+void tst_MemoryPressure::whoHasNoNameAtAChangeIsForgotten()
+{
+    QFETCH(bool, changes);
+    const LogCapture log;
+    QVERIFY(m_client->subscribe());
+    QCOMPARE(m_client->levels(), QVector<int>()); // behind it, the names on the bus are known
+    auto *registry = DBus::ClientRegistry::instance();
+    const QString name = registry->busName(other);
+    QVERIFY(!name.isEmpty());
+    registry->addClient(other, QStringLiteral(":0.999")); // nobody's, so that the entry goes
+    QCOMPARE(registry->busName(other), QString());
+    if (changes) {
+        m_runtime->setLevel(MemoryLevel::Low);
+        m_runtime->setLevel(MemoryLevel::Normal);
+    }
+    // It is known again, without having subscribed again.
+    registry->addClient(other, name);
+    m_runtime->setLevel(MemoryLevel::Low);
+    QTEST(m_client->levels(), "told");
 }
 
 void tst_MemoryPressure::hiddenSubscriberIsThawedAtLow()
