@@ -52,6 +52,8 @@ private slots:
     void missingFileIsUnknown();
     void emptyOrForeignFileIsUnknown_data();
     void emptyOrForeignFileIsUnknown();
+    void fileThatOpensAndCannotBeReadIsUnknown_data();
+    void fileThatOpensAndCannotBeReadIsUnknown();
     void fileThatVanishesAndComesBack();
     void swapOnZramIsToldByTheListOfSwaps_data();
     void swapOnZramIsToldByTheListOfSwaps();
@@ -270,6 +272,7 @@ void tst_OomController::emptyOrForeignFileIsUnknown_data()
     QTest::newRow("no available memory") << QByteArrayLiteral("MemTotal: 10 kB\nMemFree: 5 kB\n");
     QTest::newRow("no total") << QByteArrayLiteral("MemAvailable: 10 kB\n");
     QTest::newRow("text") << QByteArrayLiteral("MemTotal: all kB\nMemAvailable: all kB\n");
+    QTest::newRow("cut within a name") << QByteArrayLiteral("MemTotal: 10 kB\nMemAvail");
     QTest::newRow("what counts lies beyond any real file")
         << QByteArray(2 * 1024 * 1024, '\n') + memInfo(10, 20);
 }
@@ -282,6 +285,37 @@ void tst_OomController::emptyOrForeignFileIsUnknown()
     const LogCapture log;
     QCOMPARE(controller.readMemoryLevel(), MemoryLevel::Unknown);
     QCOMPARE(log.warnings(), QStringList(fieldsMissing));
+}
+
+void tst_OomController::fileThatOpensAndCannotBeReadIsUnknown_data()
+{
+    QTest::addColumn<QString>("target");
+    QTest::addColumn<QString>("warning");
+
+    QTest::newRow("reading fails") << QStringLiteral("/proc/self/mem") << fieldsMissing;
+    QTest::newRow("no end and no line") << QStringLiteral("/dev/zero") << fieldsMissing;
+    QTest::newRow("directory") << QStringLiteral("/proc") << notOpened;
+}
+
+void tst_OomController::fileThatOpensAndCannotBeReadIsUnknown()
+{
+    QFETCH(QString, target);
+    QFETCH(QString, warning);
+    m_tree->link(QStringLiteral("proc/meminfo"), target);
+    m_tree->link(QStringLiteral("proc/swaps"), target);
+    LogCapture log;
+    const OomController controller;
+    QCOMPARE(log.messages(), QStringList()); // without swap there is nothing to say
+    QCOMPARE(controller.readMemoryLevel(), MemoryLevel::Unknown);
+    QCOMPARE(controller.readMemoryLevel(), MemoryLevel::Unknown);
+    QCOMPARE(log.warnings(), QStringList({ warning, warning }));
+
+    // The next reading has a file as it should be.
+    log.clear();
+    QVERIFY(QFile::remove(m_tree->path(QStringLiteral("proc/meminfo"))));
+    setMemory(memInfo(10, 20));
+    QCOMPARE(controller.readMemoryLevel(), MemoryLevel::Normal);
+    QCOMPARE(log.warnings(), QStringList());
 }
 
 void tst_OomController::fileThatVanishesAndComesBack()

@@ -49,6 +49,8 @@ private slots:
     void thousandsOfMembersAreRead();
     void groupThatCannotBeReadLeavesTheLeader_data();
     void groupThatCannotBeReadLeavesTheLeader();
+    void groupFilesThatOpenAndCannotBeReadLeaveTheLeader_data();
+    void groupFilesThatOpenAndCannotBeReadLeaveTheLeader();
     void scoresOfTheLeaderAreRead();
     void unreadableScoresExclude_data();
     void unreadableScoresExclude();
@@ -198,6 +200,38 @@ void tst_OomControllerScores::groupThatCannotBeReadLeavesTheLeader()
     const LogCapture log;
     QVERIFY(OomController().readProcessScore(leader, &candidate));
     QCOMPARE(candidate.killPid, leader);
+}
+
+void tst_OomControllerScores::groupFilesThatOpenAndCannotBeReadLeaveTheLeader_data()
+{
+    QTest::addColumn<QString>("file");
+    QTest::addColumn<QString>("target");
+
+    const QString groups = QStringLiteral("proc/5000/cgroup");
+    const QString members = QStringLiteral("sys/fs/cgroup/memory/group/cgroup.procs");
+    const QString volunteer = QStringLiteral("proc/5001/oom_score_adj");
+    for (const char *target : { "/proc/self/mem", "/proc", "/dev/zero" }) {
+        const QString path = QString::fromLatin1(target);
+        QTest::addRow("groups, %s", target) << groups << path;
+        QTest::addRow("members, %s", target) << members << path;
+        QTest::addRow("a member's adjustment, %s", target) << volunteer << path;
+    }
+}
+
+void tst_OomControllerScores::groupFilesThatOpenAndCannotBeReadLeaveTheLeader()
+{
+    QFETCH(QString, file);
+    QFETCH(QString, target);
+    setGroup("5000\n5001\n");
+    setProcess(leader, "oom_score_adj", "0\n");
+    setProcess(5001, "oom_score_adj", "300\n");
+    QVERIFY(QFile::remove(m_tree->path(file)));
+    m_tree->link(file, target);
+    Candidate candidate;
+    const LogCapture log;
+    QVERIFY(OomController().readProcessScore(leader, &candidate));
+    QCOMPARE(candidate.killPid, leader);
+    QCOMPARE(candidate.oomScore, 400);
 }
 
 void tst_OomControllerScores::scoresOfTheLeaderAreRead()
