@@ -1,11 +1,8 @@
-#include "Core/notification_manager.h"
 #include "Core/notification_manager_p.h"
 
-#include "support/bus_stand_in.h"
+#include "notification_fixture.h"
 #include "support/log_capture.h"
-#include "support/private_bus.h"
 
-#include <QDBusArgument>
 #include <QDBusError>
 #include <QDBusVariant>
 #include <QSignalSpy>
@@ -14,34 +11,14 @@
 using namespace Core;
 using namespace TestSupport;
 
-namespace {
-
-const QString server = QStringLiteral("org.solvaneos.Notifications");
-const QString path = QStringLiteral("/org/freedesktop/Notifications");
-const QString interface = QStringLiteral("org.freedesktop.Notifications");
-const QString idHint = QStringLiteral("x-solvane-application-id");
-const QString progressHint = QStringLiteral("x-nemo-progress");
-const QString actionHint = QStringLiteral("x-nemo-remote-action-");
-
-const ClientInfo notes { false, QStringLiteral("org.example.Notes") };
-const ClientInfo notesInstance { false, QStringLiteral("org.example.Notes.instance_7") };
-const ClientInfo notesTask { false, QStringLiteral("org.example.Notes.task_sync") };
-const ClientInfo mail { false, QStringLiteral("org.example.Mail") };
-const ClientInfo unlisted { false, QStringLiteral("org.example.Unlisted") };
-const ClientInfo stranger { true, QString() };
-const ClientInfo privilegedApp { true, QStringLiteral("org.example.Settings.instance_1") };
-
-} // namespace
-
-Q_DECLARE_METATYPE(QVector<Core::Id>)
-
+/// What of a client reaches the server.
 class TestNotificationManager : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void initTestCase();
-    void init();
+    void initTestCase() { m_world.install(); }
+    void init() { m_world.renew(); }
 
     void senderIsStamped_data();
     void senderIsStamped();
@@ -51,101 +28,13 @@ private slots:
     void firstForeignActionIsNamed();
     void foreignActionIsRefused();
     void privilegedActionsAreNotChecked();
-
-    void updateByOwnership_data();
-    void updateByOwnership();
-    void refusedUpdateTellsNobody();
-    void unknownIdMayBeUpdated();
-    void closeByOwnership_data();
-    void closeByOwnership();
-    void closeKeepsTheOwner();
-    void listsAreFiltered_data();
-    void listsAreFiltered();
-
     void progressIsTold_data();
     void progressIsTold();
-    void eventsReachTheOwner();
-    void eventsWithoutOwnerAreDropped();
-    void closedNotificationHasNoOwner();
-    void eventBeforeTheReplyIsDropped();
     void failedServerGivesIdZero();
-    void latestSenderOwns();
-    void highestIdIsOneLikeOthers();
 
 private:
-    Error notify(const ClientInfo &client, Id replacesId = 0, const QVariantMap &hints = {});
-    /// Sends one as @p client, which the server gives @p id.
-    void give(Id id, const ClientInfo &client);
-    QVariantMap sentHints(int call = 0) const;
-    void signal(const QString &member, const QVariantList &arguments);
-
-    QTemporaryDir m_directory;
-    PrivateBus m_bus;
-    std::unique_ptr<BusStandIn> m_server;
-    std::unique_ptr<NotificationManager> m_manager;
-    QVector<Id> m_ids;
+    NotificationFixture m_world;
 };
-
-void TestNotificationManager::initTestCase()
-{
-    m_bus.useAsSessionBus();
-    qputenv("PROCWARDEN_ROOTFS", QFile::encodeName(m_directory.path()));
-    qputenv("XDG_DATA_DIRS", QFile::encodeName(m_directory.path()));
-    qputenv("XDG_DATA_HOME", QFile::encodeName(m_directory.filePath(QStringLiteral("home"))));
-    qputenv("XDG_CONFIG_HOME", QFile::encodeName(m_directory.filePath(QStringLiteral("config"))));
-    QVERIFY(QDir(m_directory.path()).mkpath(QStringLiteral("applications")));
-    const auto install = [this](const char *name, const char *icon) {
-        QFile file(m_directory.filePath(
-            QStringLiteral("applications/org.example.%1.desktop").arg(QLatin1String(name))));
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(QByteArray("[Desktop Entry]\nType=Application\nExec=/bin/true\nName=") + name
-                   + " by Example\n" + icon
-                   + "[X-Sailjail]\nOrganizationName=org.example\nApplicationName=" + name + '\n');
-    };
-    install("Notes", "Icon=icon-notes\n");
-    install("Mail", "");
-    install("Settings", "Icon=icon-settings\n");
-}
-
-void TestNotificationManager::init()
-{
-    m_manager.reset();
-    m_server.reset();
-    m_server = std::make_unique<BusStandIn>(m_bus, server, path);
-    m_server->answerWith({ 1U });
-    m_manager = std::make_unique<NotificationManager>();
-    m_ids.clear();
-}
-
-Error TestNotificationManager::notify(const ClientInfo &client, Id replacesId, const QVariantMap &hints)
-{
-    return m_manager->notify(QStringLiteral("Own name"), replacesId, QStringLiteral("own-icon"),
-                             QStringLiteral("summary"), QStringLiteral("body"),
-                             { QStringLiteral("default"), QStringLiteral("Open") }, hints, 5000, client,
-                             [this](Id id) { m_ids << id; });
-}
-
-void TestNotificationManager::give(Id id, const ClientInfo &client)
-{
-    m_server->answerWith({ id });
-    m_ids.clear();
-    QVERIFY(!notify(client));
-    QTRY_COMPARE(m_ids, QVector<Id> { id });
-    m_ids.clear();
-    m_server->clearCalls();
-}
-
-QVariantMap TestNotificationManager::sentHints(int call) const
-{
-    return qdbus_cast<QVariantMap>(m_server->calls().at(call).arguments().at(6));
-}
-
-void TestNotificationManager::signal(const QString &member, const QVariantList &arguments)
-{
-    auto message = QDBusMessage::createSignal(path, interface, member);
-    message.setArguments(arguments);
-    m_server->send(message);
-}
 
 void TestNotificationManager::senderIsStamped_data()
 {
@@ -192,22 +81,22 @@ void TestNotificationManager::senderIsStamped()
     if (claimed.isValid()) {
         hints.insert(idHint, claimed);
     }
-    QVERIFY(!notify(client, 0, hints));
-    QTRY_COMPARE(m_server->calls().size(), 1);
-    const QVariantList arguments = m_server->calls().first().arguments();
+    QVERIFY(!m_world.notify(client, 0, hints));
+    QTRY_COMPARE(m_world.server->calls().size(), 1);
+    const QVariantList arguments = m_world.server->calls().first().arguments();
     QCOMPARE(arguments.at(0).toString(), appName);
     QCOMPARE(arguments.at(2).toString(), appIcon);
-    QCOMPARE(sentHints().value(idHint), stamp);
-    QCOMPARE(sentHints().value(QStringLiteral("category")).toString(), QStringLiteral("x-test"));
-    QCOMPARE(sentHints().size(), stamp.isValid() ? 2 : 1);
+    QCOMPARE(m_world.sentHints().value(idHint), stamp);
+    QCOMPARE(m_world.sentHints().value(QStringLiteral("category")).toString(), QStringLiteral("x-test"));
+    QCOMPARE(m_world.sentHints().size(), stamp.isValid() ? 2 : 1);
 }
 
 void TestNotificationManager::restIsForwardedAsGiven()
 {
-    QVERIFY(!notify(notes, 77));
-    QVERIFY(m_ids.isEmpty());
-    QTRY_COMPARE(m_ids, QVector<Id> { 1 });
-    const QDBusMessage call = m_server->calls().first();
+    QVERIFY(!m_world.notify(notes, 77));
+    QVERIFY(m_world.ids.isEmpty());
+    QTRY_COMPARE(m_world.ids, QVector<Id> { 1 });
+    const QDBusMessage call = m_world.server->calls().first();
     QCOMPARE(call.member(), QStringLiteral("Notify"));
     QCOMPARE(call.arguments().at(1).toUInt(), 77U);
     QCOMPARE(call.arguments().at(3).toString(), QStringLiteral("summary"));
@@ -291,184 +180,26 @@ void TestNotificationManager::firstForeignActionIsNamed()
 
 void TestNotificationManager::foreignActionIsRefused()
 {
-    QSignalSpy progress(m_manager.get(), &NotificationManager::notificationProgressUpdated);
+    QSignalSpy progress(m_world.manager.get(), &NotificationManager::notificationProgressUpdated);
     QTest::ignoreMessage(QtWarningMsg,
                          "\"org.example.Notes\" not allowed to invoke actions on \"org.example.Mail\"");
-    const Error error = notify(notes, 0,
-                               { { actionHint + QStringLiteral("default"),
-                                   QStringLiteral("org.example.Mail /  org.example.Mail open") },
-                                 { progressHint, 0.5 } });
+    const Error error = m_world.notify(notes, 0,
+                                       { { actionHint + QStringLiteral("default"),
+                                           QStringLiteral("org.example.Mail /  org.example.Mail open") },
+                                         { progressHint, 0.5 } });
     QCOMPARE(error.code(), Error::AccessDenied);
     QCOMPARE(error.message(), QStringLiteral("Cannot invoke actions on other services"));
     QVERIFY(progress.isEmpty());
-    give(2, notes); // the next call is the first one to reach the server
-    QCOMPARE(m_ids, QVector<Id>());
+    m_world.give(2, notes); // the next call is the first one to reach the server
+    QCOMPARE(m_world.ids, QVector<Id>());
 }
 
 void TestNotificationManager::privilegedActionsAreNotChecked()
 {
-    QVERIFY(
-        !notify(privilegedApp, 0,
-                { { actionHint + QStringLiteral("default"), QStringLiteral("org.example.Mail / i m") } }));
-    QTRY_COMPARE(m_ids.size(), 1);
-}
-
-namespace {
-
-void ownershipRows()
-{
-    QTest::addColumn<ClientInfo>("owner");
-    QTest::addColumn<ClientInfo>("client");
-    QTest::addColumn<bool>("allowed");
-    QTest::newRow("owner") << notes << notes << true;
-    QTest::newRow("another instance") << notes << notesInstance << true;
-    QTest::newRow("task of the owner") << notesInstance << notesTask << true;
-    QTest::newRow("another application") << notes << mail << false;
-    QTest::newRow("stranger") << notes << stranger << true;
-    QTest::newRow("privileged application") << notes << privilegedApp << true;
-    QTest::newRow("application, a stranger's") << stranger << notes << false;
-    QTest::newRow("application, a privileged one's") << privilegedApp << notes << false;
-}
-
-} // namespace
-
-void TestNotificationManager::updateByOwnership_data()
-{
-    ownershipRows();
-}
-
-void TestNotificationManager::updateByOwnership()
-{
-    QFETCH(ClientInfo, owner);
-    QFETCH(ClientInfo, client);
-    QFETCH(bool, allowed);
-    give(5, owner);
-    if (!allowed) {
-        QTest::ignoreMessage(
-            QtWarningMsg,
-            qPrintable(QStringLiteral("\"%1\" tried to update notification belonging to \"%2\"")
-                           .arg(client.appId, owner.appId)));
-    }
-    const Error error = notify(client, 5);
-    QCOMPARE(error.code(), allowed ? Error::NoError : Error::InvalidArgs);
-    if (allowed) {
-        QTRY_COMPARE(m_ids, QVector<Id> { 5 });
-    } else {
-        QCOMPARE(error.message(), QStringLiteral("Invalid notification ID"));
-        give(6, owner);
-        QVERIFY(!m_manager->closeNotification(5, owner)); // it has kept its owner
-    }
-}
-
-void TestNotificationManager::refusedUpdateTellsNobody()
-{
-    give(5, mail);
-    QSignalSpy progress(m_manager.get(), &NotificationManager::notificationProgressUpdated);
-    QTest::ignoreMessage(
-        QtWarningMsg, "\"org.example.Notes\" tried to update notification belonging to \"org.example.Mail\"");
-    QVERIFY(bool(notify(notes, 5, { { progressHint, 0.5 } })));
-    QVERIFY(progress.isEmpty());
-    // What follows is what the server sees first.
-    QVERIFY(!notify(notes));
-    QTRY_COMPARE(m_ids.size(), 1);
-    QCOMPARE(m_server->calls().size(), 1);
-    QCOMPARE(m_server->calls().first().arguments().at(1).toUInt(), 0U);
-}
-
-void TestNotificationManager::unknownIdMayBeUpdated()
-{
-    QVERIFY(!notify(notes, 123));
-    QTRY_COMPARE(m_server->calls().size(), 1);
-    QCOMPARE(m_server->calls().first().arguments().at(1).toUInt(), 123U);
-}
-
-void TestNotificationManager::closeByOwnership_data()
-{
-    ownershipRows();
-}
-
-void TestNotificationManager::closeByOwnership()
-{
-    QFETCH(ClientInfo, owner);
-    QFETCH(ClientInfo, client);
-    QFETCH(bool, allowed);
-    give(5, owner);
-    const Error error = m_manager->closeNotification(5, client);
-    QCOMPARE(error.code(), allowed ? Error::NoError : Error::InvalidArgs);
-    QCOMPARE(error.message(), allowed ? QString() : QStringLiteral("Invalid notification ID"));
-
-    // One that was never given out is nobody's.
-    const Error unknown = m_manager->closeNotification(99, client);
-    QCOMPARE(unknown.code(), client.privileged ? Error::NoError : Error::InvalidArgs);
-
-    QVERIFY(!m_manager->closeNotification(1000, stranger)); // after which the server has seen the others
-    QTRY_VERIFY(!m_server->calls().isEmpty()
-                && m_server->calls().last().arguments().first().toUInt() == 1000);
-    QVector<uint> closed;
-    for (const QDBusMessage &call : m_server->calls()) {
-        QCOMPARE(call.member(), QStringLiteral("CloseNotification"));
-        closed << call.arguments().first().toUInt();
-    }
-    QCOMPARE(closed.contains(5), allowed);
-    QCOMPARE(closed.contains(99), client.privileged);
-}
-
-void TestNotificationManager::closeKeepsTheOwner()
-{
-    give(5, notes);
-    QVERIFY(!m_manager->closeNotification(5, notes));
-    QVERIFY(!m_manager->closeNotification(5, notes));
-    QSignalSpy closed(m_manager.get(), &NotificationManager::notificationClosed);
-    signal(QStringLiteral("NotificationClosed"), { 5U, 3U });
-    QTRY_COMPARE(closed.size(), 1);
-    QCOMPARE(m_manager->closeNotification(5, notes).code(), Error::InvalidArgs);
-}
-
-void TestNotificationManager::listsAreFiltered_data()
-{
-    QTest::addColumn<ClientInfo>("client");
-    QTest::addColumn<QVector<Id>>("ids");
-    QTest::newRow("application") << notes << QVector<Id> { 4, 1 };
-    QTest::newRow("instance") << notesInstance << QVector<Id> { 4, 1 };
-    QTest::newRow("another application") << mail << QVector<Id> { 2 };
-    QTest::newRow("application without any") << unlisted << QVector<Id>();
-    QTest::newRow("stranger") << stranger << QVector<Id> { 9, 4, 3, 2, 1 };
-    QTest::newRow("privileged application") << privilegedApp << QVector<Id> { 9, 4, 3, 2, 1 };
-}
-
-void TestNotificationManager::listsAreFiltered()
-{
-    QFETCH(ClientInfo, client);
-    QFETCH(QVector<Id>, ids);
-    give(1, notes);
-    give(2, mail);
-    give(3, stranger);
-    give(4, notesInstance);
-
-    QVector<NotificationData> all; // 9 is from before the start
-    for (const Id id : { 9, 4, 3, 2, 1 }) {
-        NotificationData data;
-        data.id = id;
-        data.summary = QString::number(id);
-        all << data;
-    }
-    m_server->answerWith({ QVariant::fromValue(all) });
-
-    int answers = 0;
-    const auto check = [&](const QVector<NotificationData> &list) {
-        ++answers;
-        QVector<Id> got;
-        for (const NotificationData &data : list) {
-            QCOMPARE(data.summary, QString::number(data.id));
-            got << data.id;
-        }
-        QCOMPARE(got, ids);
-    };
-    m_manager->getNotifications(QStringLiteral("Any name"), client, check);
-    m_manager->getNotificationsByCategory(QStringLiteral("x-any"), client, check);
-    QTRY_COMPARE(answers, 2);
-    QCOMPARE(m_server->calls().at(0).arguments(), QVariantList { QStringLiteral("Any name") });
-    QCOMPARE(m_server->calls().at(1).arguments(), QVariantList { QStringLiteral("x-any") });
+    QVERIFY(!m_world.notify(
+        privilegedApp, 0,
+        { { actionHint + QStringLiteral("default"), QStringLiteral("org.example.Mail / i m") } }));
+    QTRY_COMPARE(m_world.ids.size(), 1);
 }
 
 void TestNotificationManager::progressIsTold_data()
@@ -492,136 +223,34 @@ void TestNotificationManager::progressIsTold()
     QFETCH(float, progress);
     QVector<float> told;
     QVector<ClientInfo> clients;
-    connect(m_manager.get(), &NotificationManager::notificationProgressUpdated, this,
+    connect(m_world.manager.get(), &NotificationManager::notificationProgressUpdated, this,
             [&](float value, const ClientInfo &client) {
                 told << value;
                 clients << client;
             });
-    QVERIFY(!notify(notesTask, 0, { { progressHint, hint } }));
+    QVERIFY(!m_world.notify(notesTask, 0, { { progressHint, hint } }));
     // Before the server can have had it.
     QCOMPARE(told, QVector<float> { progress });
     QCOMPARE(clients, QVector<ClientInfo> { notesTask });
-    QTRY_COMPARE(m_ids.size(), 1);
-    QVERIFY(sentHints().contains(progressHint));
+    QTRY_COMPARE(m_world.ids.size(), 1);
+    QVERIFY(m_world.sentHints().contains(progressHint));
 
-    QVERIFY(!notify(notesTask, 0, {}));
+    QVERIFY(!m_world.notify(notesTask, 0, {}));
     QCOMPARE(told.size(), 1);
-}
-
-void TestNotificationManager::eventsReachTheOwner()
-{
-    give(1, notesInstance);
-    give(2, stranger);
-    give(3, privilegedApp);
-    QStringList events;
-    const auto add = [&](const QString &text, const ClientInfo &owner) {
-        events << text + QLatin1Char(' ') + owner.appId
-                + (owner.privileged ? QLatin1String("!") : QLatin1String());
-    };
-    connect(m_manager.get(), &NotificationManager::actionInvoked, this,
-            [&](Id id, const QString &key, const ClientInfo &owner) {
-                add(QStringLiteral("action %1 %2").arg(id).arg(key), owner);
-            });
-    connect(m_manager.get(), &NotificationManager::inputTextSet, this,
-            [&](Id id, const QString &text, const ClientInfo &owner) {
-                add(QStringLiteral("input %1 %2").arg(id).arg(text), owner);
-            });
-    connect(m_manager.get(), &NotificationManager::notificationClosed, this,
-            [&](Id id, uint reason, const ClientInfo &owner) {
-                add(QStringLiteral("closed %1 %2").arg(id).arg(reason), owner);
-            });
-    signal(QStringLiteral("ActionInvoked"), { 1U, QStringLiteral("default") });
-    signal(QStringLiteral("InputTextSet"), { 1U, QStringLiteral("text") });
-    signal(QStringLiteral("NotificationClosed"), { 1U, 2U });
-    signal(QStringLiteral("NotificationClosed"), { 2U, 1U });
-    signal(QStringLiteral("NotificationClosed"), { 3U, 4294967295U });
-    const QStringList expected {
-        QStringLiteral("action 1 default org.example.Notes.instance_7"),
-        QStringLiteral("input 1 text org.example.Notes.instance_7"),
-        QStringLiteral("closed 1 2 org.example.Notes.instance_7"),
-        QStringLiteral("closed 2 1 !"),
-        QStringLiteral("closed 3 4294967295 org.example.Settings.instance_1!"),
-    };
-    QTRY_COMPARE(events, expected);
-}
-
-void TestNotificationManager::eventsWithoutOwnerAreDropped()
-{
-    give(1, notes);
-    QSignalSpy action(m_manager.get(), &NotificationManager::actionInvoked);
-    QSignalSpy input(m_manager.get(), &NotificationManager::inputTextSet);
-    QSignalSpy closed(m_manager.get(), &NotificationManager::notificationClosed);
-    signal(QStringLiteral("ActionInvoked"), { 2U, QStringLiteral("default") });
-    signal(QStringLiteral("InputTextSet"), { 2U, QStringLiteral("text") });
-    signal(QStringLiteral("NotificationClosed"), { 2U, 2U });
-    signal(QStringLiteral("NotificationClosed"), { 0U, 2U });
-    signal(QStringLiteral("NotificationClosed"), { 1U, 2U });
-    QTRY_COMPARE(closed.size(), 1);
-    QCOMPARE(closed.first().first().toUInt(), 1U);
-    QVERIFY(action.isEmpty() && input.isEmpty());
-}
-
-void TestNotificationManager::closedNotificationHasNoOwner()
-{
-    give(1, notes);
-    give(2, notes);
-    QSignalSpy action(m_manager.get(), &NotificationManager::actionInvoked);
-    signal(QStringLiteral("NotificationClosed"), { 1U, 2U });
-    signal(QStringLiteral("ActionInvoked"), { 1U, QStringLiteral("default") });
-    signal(QStringLiteral("ActionInvoked"), { 2U, QStringLiteral("default") });
-    QTRY_COMPARE(action.size(), 1);
-    QCOMPARE(action.first().first().toUInt(), 2U);
-    QCOMPARE(m_manager->closeNotification(1, notes).code(), Error::InvalidArgs);
-    // The number may be given out again.
-    give(1, mail);
-    QCOMPARE(m_manager->closeNotification(1, notes).code(), Error::InvalidArgs);
-    QVERIFY(!m_manager->closeNotification(1, mail));
-}
-
-void TestNotificationManager::eventBeforeTheReplyIsDropped()
-{
-    QSignalSpy closed(m_manager.get(), &NotificationManager::notificationClosed);
-    m_server->setHandler(nullptr);
-    QVERIFY(!notify(notes));
-    QTRY_COMPARE(m_server->calls().size(), 1);
-    const QDBusMessage call = m_server->calls().first();
-    signal(QStringLiteral("NotificationClosed"), { 5U, 2U });
-    m_server->send(call.createReply(5U));
-    signal(QStringLiteral("NotificationClosed"), { 5U, 3U });
-    QTRY_COMPARE(closed.size(), 1);
-    QCOMPARE(closed.first().at(1).toUInt(), 3U);
-    QCOMPARE(m_ids, QVector<Id> { 5 });
 }
 
 void TestNotificationManager::failedServerGivesIdZero()
 {
-    m_server->setHandler([](const QDBusMessage &call, const QDBusConnection &connection) {
+    m_world.server->setHandler([](const QDBusMessage &call, const QDBusConnection &connection) {
         connection.send(call.createErrorReply(QDBusError::LimitsExceeded, QStringLiteral("too many")));
     });
-    QVERIFY(!notify(notes));
-    QTRY_COMPARE(m_ids, QVector<Id> { 0 });
+    QVERIFY(!m_world.notify(notes));
+    QTRY_COMPARE(m_world.ids, QVector<Id> { 0 });
     // Like any other number, it has an owner then.
-    QVERIFY(!m_manager->closeNotification(0, notes));
-    QCOMPARE(m_manager->closeNotification(0, mail).code(), Error::InvalidArgs);
+    QVERIFY(!m_world.manager->closeNotification(0, notes));
+    QCOMPARE(m_world.manager->closeNotification(0, mail).code(), Error::InvalidArgs);
     // And yet 0 replaces nothing.
-    QVERIFY(!notify(mail, 0));
-}
-
-void TestNotificationManager::latestSenderOwns()
-{
-    give(5, notes);
-    give(5, stranger);
-    QCOMPARE(m_manager->closeNotification(5, notes).code(), Error::InvalidArgs);
-}
-
-void TestNotificationManager::highestIdIsOneLikeOthers()
-{
-    give(4294967295U, notes);
-    give(1, mail);
-    QVERIFY(!m_manager->closeNotification(4294967295U, notes));
-    QCOMPARE(m_manager->closeNotification(4294967295U, mail).code(), Error::InvalidArgs);
-    QTRY_COMPARE(m_server->calls().size(), 1);
-    QCOMPARE(m_server->calls().first().arguments().first().toUInt(), 4294967295U);
+    QVERIFY(!m_world.notify(mail, 0));
 }
 
 QTEST_GUILESS_MAIN(TestNotificationManager)
