@@ -11,7 +11,8 @@ class MRemoteAction
 public:
     explicit MRemoteAction(const QString &text);
 
-    /// Empty if the text does not name a call, for which it needs the first four words.
+    /// Empty if the text does not name a call, for which it needs the first four words; any of them but the
+    /// first may be empty.
     QString serviceName() const;
 
 private:

@@ -2,6 +2,8 @@
 
 #include <mremoteaction.h>
 
+#include <sys/resource.h>
+
 class TestMRemoteAction : public QObject
 {
     Q_OBJECT
@@ -9,6 +11,7 @@ class TestMRemoteAction : public QObject
 private slots:
     void serviceIsTheFirstWord_data();
     void serviceIsTheFirstWord();
+    void longTextTakesNoMemory();
 };
 
 void TestMRemoteAction::serviceIsTheFirstWord_data()
@@ -32,10 +35,15 @@ void TestMRemoteAction::serviceIsTheFirstWord_data()
     QTest::newRow("name of another script")
         << QStringLiteral("\u00fc.\u0436 / i m") << QStringLiteral("\u00fc.\u0436");
 
+    // An interface may be left out of a call, and then two blanks follow each other.
+    QTest::newRow("no interface") << QStringLiteral("org.example.Notes /  open") << name;
+    QTest::newRow("blanks behind") << QStringLiteral("org.example.Notes / i ") << name;
+
     QTest::newRow("nothing") << QString() << QString();
     QTest::newRow("blanks") << QStringLiteral(" \t\n ") << QString();
     QTest::newRow("service only") << QStringLiteral("org.example.Notes") << QString();
     QTest::newRow("no method") << QStringLiteral("org.example.Notes / org.example.Notes") << QString();
+    QTest::newRow("no method, blank in front") << QStringLiteral(" org.example.Notes / i") << QString();
 }
 
 void TestMRemoteAction::serviceIsTheFirstWord()
@@ -43,6 +51,24 @@ void TestMRemoteAction::serviceIsTheFirstWord()
     QFETCH(QString, text);
     QFETCH(QString, serviceName);
     QCOMPARE(MRemoteAction(text).serviceName(), serviceName);
+}
+
+// A client may send as much as the bus takes.
+void TestMRemoteAction::longTextTakesNoMemory()
+{
+    const int words = 20'000'000;
+    QString text;
+    text.reserve(2 * words);
+    for (int i = 0; i < words; ++i) {
+        text += QLatin1String("a ");
+    }
+    rusage before {};
+    rusage after {};
+    QCOMPARE(::getrusage(RUSAGE_SELF, &before), 0);
+    QCOMPARE(MRemoteAction(text).serviceName(), QStringLiteral("a"));
+    QCOMPARE(::getrusage(RUSAGE_SELF, &after), 0);
+    QVERIFY2(after.ru_maxrss - before.ru_maxrss < 1024, // kB
+             qPrintable(QString::number(after.ru_maxrss - before.ru_maxrss)));
 }
 
 QTEST_GUILESS_MAIN(TestMRemoteAction)
