@@ -20,6 +20,7 @@ public:
     }
 
     bool isOver() const { return m_left < 0; }
+    qint64 left() const { return m_left; }
     void take(const QVariant &value);
 
 private:
@@ -109,11 +110,11 @@ void Budget::takeNext(const QDBusArgument &argument)
 
 } // namespace
 
-bool fitsIntoMessage(const QVariantList &arguments)
+qint64 estimatedMessageSize(const QVariantList &arguments)
 {
     Budget budget(maximumMessageSize);
     budget.take(arguments);
-    return !budget.isOver();
+    return maximumMessageSize - budget.left();
 }
 
 } // namespace Core

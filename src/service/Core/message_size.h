@@ -10,8 +10,9 @@ namespace Core {
 /// which is 32 MiB if nothing else is configured.
 constexpr qint64 maximumMessageSize = 24 * 1024 * 1024;
 
-/// Whether a message of these arguments is small enough, by a generous estimate of its size. Arguments may be
-/// as they came over the bus; they are left as they are. What is too large is not looked at to its end.
-[[nodiscard]] bool fitsIntoMessage(const QVariantList &arguments);
+/// A generous estimate of the size of a message of these arguments, in bytes. Arguments may be as they came
+/// over the bus; they are left as they are. What is larger than @p maximumMessageSize is not looked at to its
+/// end.
+[[nodiscard]] qint64 estimatedMessageSize(const QVariantList &arguments);
 
 } // namespace Core

@@ -12,6 +12,8 @@ namespace Core {
 
 namespace {
 
+constexpr qint64 bytesPerCall = 4096; // of memory, however small the message is
+
 /// Runs the callback with what the answer holds, or with the default: an answer of another type counts as an
 /// error.
 template<typename Type, typename Callback>
@@ -45,10 +47,11 @@ void NotificationAnswer::onError(const QDBusError &error, const QDBusMessage & /
     m_handle(QDBusMessage::createError(error));
 }
 
-NotificationProxyPrivate::NotificationProxyPrivate(NotificationProxy *owner)
+NotificationProxyPrivate::NotificationProxyPrivate(NotificationProxy *owner, qint64 mayWait)
     : QDBusAbstractInterface(NotificationNames::server, NotificationNames::path, NotificationNames::interface,
                              QDBusConnection::sessionBus(), nullptr)
     , q(owner)
+    , m_mayWait(mayWait)
 {
     registerNotificationTypes();
 
@@ -67,16 +70,28 @@ void NotificationProxyPrivate::listenTo(const QString &name, const QString &sign
 // An answer must not change places with another one or with an event: an id would be given to the owner of
 // a notification only after it has been closed. A pending call watcher, which is made after the call was
 // sent, takes a longer way if the answer is faster than that. So the receiver is made first.
+//
+// Until the server has answered, both the call that came in and the one that went out are kept. With a server
+// that has stopped, clients could let that grow without end.
 void NotificationProxyPrivate::ask(const QString &method, const QVariantList &arguments,
                                    const NotificationAnswer::Handle &handle)
 {
-    auto *answer = new NotificationAnswer(handle, q);
+    const qint64 size = estimatedMessageSize(arguments);
+    const bool isTooLarge = size > maximumMessageSize || m_waiting + bytesPerCall + size > m_mayWait;
+    const qint64 waits = isTooLarge ? 0 : bytesPerCall + size;
+    m_waiting += waits;
+    auto *answer = new NotificationAnswer(
+        [this, waits, handle](const QDBusMessage &reply) {
+            m_waiting -= waits;
+            handle(reply);
+        },
+        q);
     const auto fail = [answer](QDBusError::ErrorType type, const QString &text) {
         const QDBusError error(type, text);
         QMetaObject::invokeMethod(
             answer, [answer, error] { answer->onError(error, QDBusMessage()); }, Qt::QueuedConnection);
     };
-    if (!fitsIntoMessage(arguments)) {
+    if (isTooLarge) {
         fail(QDBusError::LimitsExceeded, QStringLiteral("Message is too large"));
     } else if (!callWithCallback(method, arguments, answer, SLOT(onReply(QDBusMessage)),
                                  SLOT(onError(QDBusError, QDBusMessage)))) {
@@ -99,9 +114,9 @@ void NotificationProxyPrivate::onInputTextSet(uint id, const QString &input)
     emit q->inputTextSet(id, input);
 }
 
-NotificationProxy::NotificationProxy(QObject *parent)
+NotificationProxy::NotificationProxy(QObject *parent, qint64 mayWait)
     : QObject(parent)
-    , d(std::make_unique<NotificationProxyPrivate>(this))
+    , d(std::make_unique<NotificationProxyPrivate>(this, mayWait))
 {
 }
 

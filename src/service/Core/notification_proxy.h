@@ -16,8 +16,8 @@ class NotificationProxyPrivate;
 /// No operation waits for the server. Each callback runs exactly once, from the event loop and never inside
 /// the call that was given it, unless this object ends first. A server that is absent, answers with an error,
 /// with another type or not in the bus's default time gives the default value of the result: the id 0, an
-/// empty list, empty strings; so does a call that is too large to be passed on. Answers come in the server's
-/// order. Main thread only.
+/// empty list, empty strings; so does a call that is too large to be passed on, or comes when too much waits
+/// for the server's answers. Answers come in the server's order. Main thread only.
 class NotificationProxy : public QObject
 {
     Q_OBJECT
@@ -29,7 +29,11 @@ public:
     using InformationCallback = std::function<void(const QString &name, const QString &vendor,
                                                    const QString &version, const QString &specVersion)>;
 
-    explicit NotificationProxy(QObject *parent = nullptr);
+    /// What may wait for the server, by an estimate in bytes; it takes some two times as much memory. Enough
+    /// for more than 20,000 notifications, or more than a hundred with a large picture each.
+    static constexpr qint64 maximumWaiting = 128 * 1024 * 1024;
+
+    explicit NotificationProxy(QObject *parent = nullptr, qint64 mayWait = maximumWaiting);
     ~NotificationProxy() override;
 
     void getCapabilities(const CapabilitiesCallback &callback);

@@ -35,7 +35,7 @@ class NotificationProxyPrivate : public QDBusAbstractInterface
     Q_OBJECT
 
 public:
-    explicit NotificationProxyPrivate(NotificationProxy *owner);
+    NotificationProxyPrivate(NotificationProxy *owner, qint64 mayWait);
 
     /// Calls @p method. @p handle always runs, later, at the latest when the bus's default time is over.
     void ask(const QString &method, const QVariantList &arguments, const NotificationAnswer::Handle &handle);
@@ -49,6 +49,8 @@ private:
     void listenTo(const QString &name, const QString &signature, const char *slot);
 
     NotificationProxy *const q;
+    const qint64 m_mayWait;
+    qint64 m_waiting = 0; ///< bytes, of the calls that have been sent and not been answered
 };
 
 } // namespace Core

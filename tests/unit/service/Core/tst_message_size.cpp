@@ -85,9 +85,10 @@ void TestMessageSize::sizeDecides()
     const auto arrived = probe.pass(QVariant(QVariantMap { { QStringLiteral("key"), argument } }));
     QVERIFY(arrived.arrived);
     const QVariantMap hints = qdbus_cast<QVariantMap>(arrived.argument());
-    QCOMPARE(fitsIntoMessage({ hints, 5 }), fits);
+    const qint64 size = estimatedMessageSize({ hints, 5 });
+    QCOMPARE(size <= maximumMessageSize, fits);
     // Once more: the first look has not used it up.
-    QCOMPARE(fitsIntoMessage({ hints, 5 }), fits);
+    QCOMPARE(estimatedMessageSize({ hints, 5 }), size);
 }
 
 QTEST_GUILESS_MAIN(TestMessageSize)

@@ -89,6 +89,7 @@ private slots:
     void answersFindTheirCalls();
     void answerAfterTheEndIsDropped();
     void emptyCallbacksAreAllowed();
+    void whatWaitsIsBounded();
 
     void eventsAreForwarded();
     void eventsOfOthersAreNot();
@@ -336,6 +337,52 @@ void TestNotificationProxy::emptyCallbacksAreAllowed()
     m_proxy->getNotifications({}, nullptr);
     notify();
     QTRY_COMPARE(m_results, QStringList { QStringLiteral("id 4") });
+}
+
+// A server that has stopped, and clients that have not.
+void TestNotificationProxy::whatWaitsIsBounded()
+{
+    m_proxy = std::make_unique<NotificationProxy>(nullptr, 1024 * 1024);
+    const QVariantMap large { { QStringLiteral("data"), QByteArray(400'000, 'x') } };
+    for (int i = 0; i < 5; ++i) {
+        notify(large);
+    }
+    // Two fit, and the others are answered at once.
+    QTRY_COMPARE(m_results,
+                 (QStringList { QStringLiteral("id 0"), QStringLiteral("id 0"), QStringLiteral("id 0") }));
+    QTRY_COMPARE(m_server->calls().size(), 2);
+
+    // A small one still fits, and an answer makes room.
+    notify();
+    QTRY_COMPARE(m_server->calls().size(), 3);
+    m_server->send(m_server->calls().at(0).createReply(1U));
+    QTRY_COMPARE(m_results.last(), QStringLiteral("id 1"));
+    notify(large);
+    QTRY_COMPARE(m_server->calls().size(), 4);
+    notify(large);
+    QTRY_COMPARE(m_results.size(), 5);
+    QCOMPARE(m_results.last(), QStringLiteral("id 0"));
+
+    // So does an error. In the end nothing waits.
+    for (int i = 1; i < 4; ++i) {
+        m_server->send(m_server->calls().at(i).createErrorReply(QDBusError::Failed, QStringLiteral("no")));
+    }
+    QTRY_COMPARE(m_results.size(), 8);
+    m_server->clearCalls();
+    notify(large);
+    notify(large);
+    QTRY_COMPARE(m_server->calls().size(), 2);
+
+    // However small: each takes memory.
+    m_server->clearCalls();
+    m_proxy = std::make_unique<NotificationProxy>(nullptr, 64 * 1024);
+    m_results.clear();
+    for (int i = 0; i < 40; ++i) {
+        notify();
+    }
+    QTRY_COMPARE(m_results.size() + m_server->calls().size(), 40);
+    QVERIFY(m_server->calls().size() > 10);
+    QVERIFY(m_server->calls().size() < 16);
 }
 
 void TestNotificationProxy::eventsAreForwarded()
