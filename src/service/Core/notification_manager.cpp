@@ -20,10 +20,26 @@ const QLatin1String applicationIdHint("x-solvane-application-id"); // string: wh
 const QLatin1String progressHint("x-nemo-progress"); // real number
 const QLatin1String remoteActionHint("x-nemo-remote-action-"); // prefix; a call that the server will make
 
+constexpr int longestBusName = 255; // what is longer is no name, and does not fill the log either
+
 /// Plain id of the application that an instance or a task belongs to; empty for a client that is none.
 QString applicationOf(const ClientInfo &clientInfo)
 {
     return ProcessId(clientInfo.appId).toString();
+}
+
+/// Each key once, with the value that was sent last. The bus takes the same key more often, and then each
+/// reader would take another value: the server not the one that has been checked or stamped here.
+QVariantMap unambiguous(const QVariantMap &hints)
+{
+    QVariantMap result;
+    for (auto hint = hints.cbegin(); hint != hints.cend(); ++hint) {
+        // Of equal keys, the one that was added last comes first.
+        if (result.isEmpty() || result.lastKey() != hint.key()) {
+            result.insert(result.cend(), hint.key(), hint.value());
+        }
+    }
+    return result;
 }
 
 /// What a hint holds, also if it is wrapped in variants once more.
@@ -61,7 +77,8 @@ bool NotificationManagerPrivate::checkActions(const QVariantMap &hints, const Cl
          hint != hints.cend() && hint.key().startsWith(remoteActionHint); ++hint) {
         const QString service = MRemoteAction(unwrapped(hint.value()).toString()).serviceName();
         if (!service.isEmpty() && service != clientInfo.appId && service != applicationOf(clientInfo)) {
-            qWarning() << clientInfo.appId << "not allowed to invoke actions on" << service;
+            qWarning() << clientInfo.appId << "not allowed to invoke actions on"
+                       << service.left(longestBusName);
             return false;
         }
     }
@@ -137,7 +154,7 @@ Error NotificationManager::notify(const QString &appName, Id replacesId, const Q
 {
     QString shownName = appName;
     QString shownIcon = appIcon;
-    QVariantMap stampedHints = hints;
+    QVariantMap stampedHints = unambiguous(hints);
 
     if (!clientInfo.privileged) {
         if (replacesId != 0 && d->owners.contains(replacesId) && !d->isOwner(replacesId, clientInfo)) {
@@ -145,7 +162,7 @@ Error NotificationManager::notify(const QString &appName, Id replacesId, const Q
                        << d->owners.value(replacesId).appId;
             return invalidId();
         }
-        if (!NotificationManagerPrivate::checkActions(hints, clientInfo)) {
+        if (!NotificationManagerPrivate::checkActions(stampedHints, clientInfo)) {
             return Error(Error::AccessDenied, QStringLiteral("Cannot invoke actions on other services"));
         }
         const auto *registry = ApplicationRegistry::instance();

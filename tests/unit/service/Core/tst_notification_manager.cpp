@@ -23,13 +23,19 @@ private slots:
     void senderIsStamped_data();
     void senderIsStamped();
     void restIsForwardedAsGiven();
+    void repeatedHintsAreSentOnce();
     void remoteActions_data();
     void remoteActions();
     void firstForeignActionIsNamed();
+    void longNameDoesNotFillTheLog();
+    void repeatedActionsAreChecked_data();
+    void repeatedActionsAreChecked();
     void foreignActionIsRefused();
     void privilegedActionsAreNotChecked();
     void progressIsTold_data();
     void progressIsTold();
+    void progressOfAnybodyIsTold_data();
+    void progressOfAnybodyIsTold();
     void failedServerGivesIdZero();
 
 private:
@@ -106,6 +112,28 @@ void TestNotificationManager::restIsForwardedAsGiven()
     QCOMPARE(call.arguments().at(7).toInt(), 5000);
 }
 
+// On the bus, a map is a list of pairs.
+void TestNotificationManager::repeatedHintsAreSentOnce()
+{
+    QMultiMap<QString, QVariant> hints;
+    for (const int number : { 1, 2, 3 }) {
+        hints.insert(idHint, QStringLiteral("org.example.App%1").arg(number));
+        hints.insert(QStringLiteral("category"), QStringLiteral("x-test.%1").arg(number));
+    }
+    hints.insert(QStringLiteral("z"), 1);
+    const QVariantMap last { { QStringLiteral("category"), QStringLiteral("x-test.3") },
+                             { QStringLiteral("z"), 1 } };
+
+    QVERIFY(!m_world.notify(notes, 0, hints));
+    QVERIFY(!m_world.notify(stranger, 0, hints));
+    QTRY_COMPARE(m_world.ids.size(), 2);
+    QVariantMap stamped = last;
+    stamped.insert(idHint, notes.appId);
+    QCOMPARE(m_world.sentHints(0), stamped);
+    stamped.insert(idHint, QStringLiteral("org.example.App3"));
+    QCOMPARE(m_world.sentHints(1), stamped);
+}
+
 void TestNotificationManager::remoteActions_data()
 {
     QTest::addColumn<ClientInfo>("client");
@@ -178,6 +206,50 @@ void TestNotificationManager::firstForeignActionIsNamed()
                  "\"org.example.Notes\" not allowed to invoke actions on \"org.example.One\"") });
 }
 
+void TestNotificationManager::longNameDoesNotFillTheLog()
+{
+    const QString name(1024 * 1024, QLatin1Char('x'));
+    const LogCapture log;
+    QVERIFY(
+        !NotificationManagerPrivate::checkActions({ { actionHint, name + QLatin1String(" / i m") } }, notes));
+    QCOMPARE(log.warnings(),
+             QStringList { QStringLiteral("\"org.example.Notes\" not allowed to invoke actions on \"%1\"")
+                               .arg(name.left(255)) });
+}
+
+void TestNotificationManager::repeatedActionsAreChecked_data()
+{
+    QTest::addColumn<QStringList>("services");
+    QTest::addColumn<QString>("sent"); // empty: refused
+    const QString own = notes.appId;
+    const QString other = mail.appId;
+    QTest::newRow("own") << QStringList { own, own } << own;
+    QTest::newRow("the last one is another's") << QStringList { own, other } << QString();
+    QTest::newRow("the first one is another's, and is not sent") << QStringList { other, own } << own;
+}
+
+void TestNotificationManager::repeatedActionsAreChecked()
+{
+    QFETCH(QStringList, services);
+    QFETCH(QString, sent);
+    const QString key = actionHint + QStringLiteral("default");
+    const QString rest = QStringLiteral(" / i m");
+    QMultiMap<QString, QVariant> hints;
+    for (const QString &service : services) {
+        hints.insert(key, service + rest);
+    }
+    if (sent.isEmpty()) {
+        QTest::ignoreMessage(QtWarningMsg,
+                             "\"org.example.Notes\" not allowed to invoke actions on \"org.example.Mail\"");
+        QCOMPARE(m_world.notify(notes, 0, hints).code(), Error::AccessDenied);
+        return;
+    }
+    QVERIFY(!m_world.notify(notes, 0, hints));
+    QTRY_COMPARE(m_world.ids.size(), 1);
+    const QVariantMap expected { { key, sent + rest }, { idHint, notes.appId } };
+    QCOMPARE(m_world.sentHints(), expected);
+}
+
 void TestNotificationManager::foreignActionIsRefused()
 {
     QSignalSpy progress(m_world.manager.get(), &NotificationManager::notificationProgressUpdated);
@@ -237,6 +309,24 @@ void TestNotificationManager::progressIsTold()
 
     QVERIFY(!m_world.notify(notesTask, 0, {}));
     QCOMPARE(told.size(), 1);
+}
+
+void TestNotificationManager::progressOfAnybodyIsTold_data()
+{
+    QTest::addColumn<ClientInfo>("client");
+    QTest::newRow("instance") << notesInstance;
+    QTest::newRow("stranger") << stranger;
+    QTest::newRow("privileged application") << privilegedApp;
+}
+
+void TestNotificationManager::progressOfAnybodyIsTold()
+{
+    QFETCH(ClientInfo, client);
+    QSignalSpy progress(m_world.manager.get(), &NotificationManager::notificationProgressUpdated);
+    QVERIFY(!m_world.notify(client, 0, { { progressHint, 0.5 } }));
+    QCOMPARE(progress.size(), 1);
+    QCOMPARE(progress.first().at(0).toFloat(), 0.5F);
+    QCOMPARE(progress.first().at(1).value<ClientInfo>(), client);
 }
 
 void TestNotificationManager::failedServerGivesIdZero()

@@ -19,15 +19,19 @@ private slots:
     void updateByOwnership_data();
     void updateByOwnership();
     void refusedUpdateTellsNobody();
+    void updateIsLookedAtBeforeActions();
+    void ownerIsKnownWhenTheIdIsTold();
     void unknownIdMayBeUpdated();
     void closeByOwnership_data();
     void closeByOwnership();
     void closeKeepsTheOwner();
     void listsAreFiltered_data();
     void listsAreFiltered();
+    void ownersAreThoseAtTheReply();
     void eventsReachTheOwner();
     void eventsWithoutOwnerAreDropped();
     void closedNotificationHasNoOwner();
+    void ownerIsForgottenAfterTheEvent();
     void eventBeforeTheReplyIsDropped();
     void latestSenderOwns();
     void highestIdIsOneLikeOthers();
@@ -96,6 +100,28 @@ void TestNotificationOwners::refusedUpdateTellsNobody()
     QTRY_COMPARE(m_world.ids.size(), 1);
     QCOMPARE(m_world.server->calls().size(), 1);
     QCOMPARE(m_world.server->calls().first().arguments().at(1).toUInt(), 0U);
+}
+
+void TestNotificationOwners::updateIsLookedAtBeforeActions()
+{
+    m_world.give(5, mail);
+    QTest::ignoreMessage(
+        QtWarningMsg, "\"org.example.Notes\" tried to update notification belonging to \"org.example.Mail\"");
+    const Error error = m_world.notify(
+        notes, 5, { { actionHint + QStringLiteral("default"), QStringLiteral("org.example.Mail / i m") } });
+    QCOMPARE(error.code(), Error::InvalidArgs);
+}
+
+void TestNotificationOwners::ownerIsKnownWhenTheIdIsTold()
+{
+    m_world.server->answerWith({ 5U });
+    bool told = false;
+    QVERIFY(!m_world.manager->notify({}, 0, {}, {}, {}, {}, {}, 0, notes, [&](Id id) {
+        told = true;
+        QCOMPARE(id, Id(5));
+        QVERIFY(!m_world.manager->closeNotification(id, notes));
+    }));
+    QTRY_VERIFY(told);
 }
 
 void TestNotificationOwners::unknownIdMayBeUpdated()
@@ -195,6 +221,32 @@ void TestNotificationOwners::listsAreFiltered()
     QCOMPARE(m_world.server->calls().at(1).arguments(), QVariantList { QStringLiteral("x-any") });
 }
 
+void TestNotificationOwners::ownersAreThoseAtTheReply()
+{
+    m_world.give(1, notes);
+    m_world.server->setHandler(nullptr);
+    QVector<NotificationData> got;
+    bool told = false;
+    m_world.manager->getNotifications(QString(), notes, [&](const QVector<NotificationData> &list) {
+        told = true;
+        got = list;
+    });
+    QVERIFY(!m_world.notify(notes));
+    QTRY_COMPARE(m_world.server->calls().size(), 2);
+    const QDBusMessage question = m_world.server->calls().at(0);
+    // The server answers the second call first, and closes the other notification.
+    m_world.server->send(m_world.server->calls().at(1).createReply(2U));
+    m_world.signal(QStringLiteral("NotificationClosed"), { 1U, 1U });
+    NotificationData one;
+    one.id = 1;
+    NotificationData two;
+    two.id = 2;
+    m_world.server->send(question.createReply(QVariant::fromValue(QVector<NotificationData> { one, two })));
+    QTRY_VERIFY(told);
+    QCOMPARE(got.size(), 1);
+    QCOMPARE(got.first().id, Id(2));
+}
+
 void TestNotificationOwners::eventsReachTheOwner()
 {
     m_world.give(1, notesInstance);
@@ -263,6 +315,19 @@ void TestNotificationOwners::closedNotificationHasNoOwner()
     m_world.give(1, mail);
     QCOMPARE(m_world.manager->closeNotification(1, notes).code(), Error::InvalidArgs);
     QVERIFY(!m_world.manager->closeNotification(1, mail));
+}
+
+void TestNotificationOwners::ownerIsForgottenAfterTheEvent()
+{
+    m_world.give(1, notes);
+    bool told = false;
+    connect(m_world.manager.get(), &NotificationManager::notificationClosed, this, [&](Id id) {
+        told = true;
+        QVERIFY(!m_world.manager->closeNotification(id, notes));
+    });
+    m_world.signal(QStringLiteral("NotificationClosed"), { 1U, 2U });
+    QTRY_VERIFY(told);
+    QCOMPARE(m_world.manager->closeNotification(1, notes).code(), Error::InvalidArgs);
 }
 
 void TestNotificationOwners::eventBeforeTheReplyIsDropped()
