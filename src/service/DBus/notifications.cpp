@@ -19,6 +19,14 @@ namespace DBus {
 
 namespace {
 
+/// Answers a delayed call, unless its sender has said that it does not want to hear.
+void reply(const QDBusConnection &connection, const QDBusMessage &call, const QVariantList &results)
+{
+    if (call.isReplyRequired()) {
+        connection.send(call.createReply(results));
+    }
+}
+
 /// The application's id serves as its bus name. No application: no receiver is named, so that all hear it.
 void tellOwner(const ClientInfo &owner, const QString &member, const QVariantList &arguments)
 {
@@ -55,7 +63,7 @@ QStringList Notifications::GetCapabilities()
     setDelayedReply(true);
     NotificationManager::instance()->getCapabilities(
         [connection = connection(), message = message()](const QStringList &capabilities) {
-            connection.send(message.createReply(capabilities));
+            reply(connection, message, { capabilities });
         });
     return {};
 }
@@ -65,12 +73,12 @@ uint Notifications::Notify(const QString &appName, uint replacesId, const QStrin
                            const QVariantMap &hints, int expireTimeout)
 {
     setDelayedReply(true);
-    const auto reply = [connection = connection(), message = message()](Id id) {
-        connection.send(message.createReply(uint(id)));
+    const auto answer = [connection = connection(), message = message()](Id id) {
+        reply(connection, message, { uint(id) });
     };
     const auto error = NotificationManager::instance()->notify(
-        appName, replacesId, appIcon, summary, body, actions, hints, expireTimeout, clientInfo(), reply);
-    if (error) {
+        appName, replacesId, appIcon, summary, body, actions, hints, expireTimeout, clientInfo(), answer);
+    if (error && message().isReplyRequired()) {
         sendError(error);
     }
     return 0;
@@ -79,7 +87,7 @@ uint Notifications::Notify(const QString &appName, uint replacesId, const QStrin
 void Notifications::CloseNotification(uint id)
 {
     const auto error = NotificationManager::instance()->closeNotification(id, clientInfo());
-    if (error) {
+    if (error && message().isReplyRequired()) {
         sendError(error);
     }
 }
@@ -91,7 +99,7 @@ QString Notifications::GetServerInformation(QString & /*vendor*/, QString & /*ve
     NotificationManager::instance()->getServerInformation(
         [connection = connection(), message = message()](const QString &name, const QString &vendor,
                                                          const QString &version, const QString &specVersion) {
-            connection.send(message.createReply({ name, vendor, version, specVersion }));
+            reply(connection, message, { name, vendor, version, specVersion });
         });
     return {};
 }
@@ -102,7 +110,7 @@ QVector<NotificationData> Notifications::GetNotifications(const QString &appName
     NotificationManager::instance()->getNotifications(
         appName, clientInfo(),
         [connection = connection(), message = message()](const QVector<NotificationData> &notifications) {
-            connection.send(message.createReply(QVariant::fromValue(notifications)));
+            reply(connection, message, { QVariant::fromValue(notifications) });
         });
     return {};
 }
@@ -113,7 +121,7 @@ QVector<NotificationData> Notifications::GetNotificationsByCategory(const QStrin
     NotificationManager::instance()->getNotificationsByCategory(
         category, clientInfo(),
         [connection = connection(), message = message()](const QVector<NotificationData> &notifications) {
-            connection.send(message.createReply(QVariant::fromValue(notifications)));
+            reply(connection, message, { QVariant::fromValue(notifications) });
         });
     return {};
 }
