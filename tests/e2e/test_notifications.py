@@ -207,7 +207,7 @@ def test_events_reach_the_owner_only(running, notes, mail):
 
 
 def test_refusal_is_the_only_reply(running, notes, mail):
-    """Counts what comes back to one call, up to the reply to the next one."""
+    """Counts what comes back to two calls, up to the reply to the next one."""
     number = notes.notify()
     program = f"""
 import dbus, dbus.lowlevel, dbus.mainloop.glib
@@ -225,11 +225,12 @@ bus = dbus.SessionBus(mainloop=dbus.mainloop.glib.DBusGMainLoop())
 bus.add_message_filter(listen)
 send(lambda reply: errors.append(reply.get_error_name()),
      "Notify", "susssasa{{sv}}i", "name", {number}, "", "stolen", "", [], {{}}, -1)
+send(lambda reply: errors.append(reply.get_error_name()), "CloseNotification", "u", {number})
 send(lambda reply: loop.quit(), "GetCapabilities")
 loop.run()
 print(*errors, len(serials) - len(set(serials)))
 """
-    assert mail.sample.run("/usr/bin/python3", "-c", program) == (0, f"{INVALID_ARGS} 0\n")
+    assert mail.sample.run("/usr/bin/python3", "-c", program) == (0, f"{INVALID_ARGS} {INVALID_ARGS} 0\n")
 
 
 # --- names ---
@@ -386,6 +387,11 @@ def test_texts_and_hints_pass_as_they_are(running):
         "path": dbus.ObjectPath("/a/b"), "type": dbus.Signature("a{sv}"), "byte": dbus.Byte(255),
         "short": dbus.Int16(-1), "long": dbus.UInt64(2 ** 64 - 1), "no": dbus.Boolean(False),
         "wrapped": dbus.UInt32(7, variant_level=4),
+        # As deep as the bus takes it.
+        "deep": dbus.String("a", variant_level=62),
+        "structure": dbus.Struct((dbus.Struct((dbus.Byte(1), dbus.Struct((True,)))), "s")),
+        "infinite": dbus.Double("inf"),
+        "by byte": dbus.Dictionary({dbus.Byte(1): dbus.Array([], signature="(iiibiiay)")}),
     }, signature="sv")
     for summary, name in (("Through the service", NAME), ("Straight", NotificationServer.SERVICE)):
         call(running, "Notify", text, 0, text, summary, text, [text, ""], hints, -2 ** 31,

@@ -5,12 +5,16 @@ way. Whoever holds the lock file of a user may do with its processes, groups and
 """
 
 import fcntl
+import grp
 import os
 import pwd
 import subprocess
 
 POOL_SIZE = 8
 LOCK_DIR = "/run/lock/procwarden-test"
+
+
+PRIVILEGED = "privileged" # the group of that name is trusted by the service
 
 
 def _name(number):
@@ -33,6 +37,18 @@ def _ensure_user(number):
             subprocess.run(["/usr/sbin/useradd", "--user-group", "--create-home", "--shell", "/bin/sh", name],
                            check=True, capture_output=True)
     return pwd.getpwnam(name)
+
+
+def privileged_group():
+    """The id of the group whose processes are privileged, wherever they come from; made if there is none yet."""
+    os.makedirs(LOCK_DIR, exist_ok=True)
+    with open(f"{LOCK_DIR}/accounts", "w") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        try:
+            return grp.getgrnam(PRIVILEGED).gr_gid
+        except KeyError:
+            subprocess.run(["/usr/sbin/groupadd", "--system", PRIVILEGED], check=True, capture_output=True)
+    return grp.getgrnam(PRIVILEGED).gr_gid
 
 
 class Lease:
