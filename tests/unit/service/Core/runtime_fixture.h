@@ -2,6 +2,7 @@
 
 #include "Core/memory_monitor.h"
 #include "Core/runtime_controller.h"
+#include "Core/task_startup_info.h"
 
 #include "support/bus_stand_in.h"
 #include "support/cgroup_tree.h"
@@ -63,6 +64,12 @@ public:
                      "sleep 600 &\n"
                      "wait\n");
         m_tree.makeDirectory(QStringLiteral("run"));
+        // Tasks run in the sandbox, which only starts them.
+        m_tree.write(QStringLiteral("usr/bin/firejail"),
+                     "#!/bin/sh\nwhile [ \"$1\" != -- ]; do shift; done\nshift\nexec \"$@\"\n");
+        QFile::setPermissions(m_tree.path(QStringLiteral("usr/bin/firejail")),
+                              QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        m_tree.link(QStringLiteral("bin"), QStringLiteral("/bin"));
         configure({});
         setAvailableMb(1000);
     }
@@ -106,7 +113,8 @@ public:
         setLevel(Core::MemoryLevel::Normal);
         if (m_controller) {
             m_controller->killAll();
-            QTRY_VERIFY(m_controller->runningApplications().isEmpty());
+            QTRY_VERIFY(m_controller->runningApplications().isEmpty()
+                        && m_controller->runningTasks().isEmpty());
             m_controller = nullptr;
             m_own.reset();
         }
@@ -134,9 +142,29 @@ public:
         return pid;
     }
 
+    /// As start(), a task with this many children.
+    pid_t startTask(const QString &id, int children = 0)
+    {
+        bool groups = false;
+        m_controller->whenInitialized([&groups] { groups = true; });
+        Core::TaskStartupInfo info;
+        info.command = QStringList { QStringLiteral("/bin/sh"), m_tree.path(QStringLiteral("family")),
+                                     runFile(id), QString::number(children) };
+        const bool ready = QTest::qWaitFor([&] { return groups; }, 20000)
+            && !m_controller->startTask(Core::ApplicationTaskId(id), info, {})
+            && QTest::qWaitFor([&] { return QFile::exists(runFile(id) + QStringLiteral(".ready")); }, 20000);
+        const pid_t pid = ready ? pidOf(id) : 0;
+        if (pid > 0) {
+            setScores(pid, 0);
+            setGroup(id, { pid });
+        }
+        return pid;
+    }
+
     pid_t pidOf(const QString &id) const
     {
-        return m_controller->applicationRecord(Core::ApplicationId(id)).pid;
+        const pid_t task = m_controller->taskRecord(Core::ApplicationTaskId(id)).pid;
+        return task > 0 ? task : m_controller->applicationRecord(Core::ApplicationId(id)).pid;
     }
 
     QVector<pid_t> childrenOf(const QString &id) const
@@ -167,10 +195,13 @@ public:
         QFile::remove(directory + QStringLiteral("oom_score"));
     }
 
-    /// Who shares the memory group of the running application @p id.
+    /// Who shares the memory group of the running application or task @p id.
     void setGroup(const QString &id, const QVector<pid_t> &members)
     {
-        const QString group = m_subtree + QLatin1Char('/') + id + QStringLiteral("/app");
+        const Core::ApplicationTaskId task(id);
+        const QString group = m_subtree
+            + (task.isValid() ? QStringLiteral("/%1/task_%2").arg(task.toString(), task.taskName())
+                              : QStringLiteral("/%1/app").arg(id));
         QByteArray lines;
         for (const pid_t member : members) {
             lines += QByteArray::number(member) + '\n';
