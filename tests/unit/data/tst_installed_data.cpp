@@ -310,6 +310,10 @@ void InstalledDataTest::interfacesAreDocumented_data()
            "method Stop in:s\n"
            "property AvailableTasks a(sa{sv}) read\n"
            "property ActiveTasks a(sia{sv}) read";
+    QTest::newRow("org.kestrix.Procwarden.Timed") << "method EventTriggered in:a{sv}";
+    QTest::newRow("org.kestrix.Procwarden.Events1")
+        << "method add_event in:(a{ss}bsa(aiaiaiaiaiaiss)a(ssssbb)) out:u\n"
+           "method cancel in:u";
     QTest::newRow("org.kestrix.PKD.Hooks") << "method OnRemove in:s";
     QTest::newRow("org.freedesktop.Notifications")
         << "method GetCapabilities out:as\n"
@@ -342,6 +346,8 @@ void InstalledDataTest::activationFilesFitTheUnits_data()
                             << "systemd/system/procwarden-helper.service";
     QTest::newRow("service") << "dbus/services/org.kestrix.Procwarden.service"
                              << "systemd/user/procwarden.service";
+    QTest::newRow("timed events") << "dbus/services/org.kestrix.Procwarden.Events.service"
+                                  << "systemd/user/procwarden-eventd.service";
 }
 
 void InstalledDataTest::activationFilesFitTheUnits()
@@ -371,6 +377,8 @@ void InstalledDataTest::unitsAreUnderstood_data()
                                            << "procwarden@1000.service";
     QTest::newRow("service of the user") << "systemd/user/procwarden.service"
                                          << "procwarden.service";
+    QTest::newRow("timed events") << "systemd/user/procwarden-eventd.service"
+                                  << "procwarden-eventd.service";
 }
 
 void InstalledDataTest::unitsAreUnderstood()
