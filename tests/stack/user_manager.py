@@ -1,10 +1,12 @@
 """A systemd user manager for the stack's user, also where systemd is not process 1."""
 
+import fcntl
 import os
 import subprocess
 
 from . import cgroups
 from .process import Child
+from .users import LOCK_DIR
 from .waiting import until
 
 MANAGER = "/lib/systemd/systemd"
@@ -12,23 +14,46 @@ BOOTED = "/run/systemd/system" # its existence tells systemd's programs that the
 GROUP = "procwarden-manager-{uid}"
 
 
-class UserManager:
-    """Runs from start() to stop(). Needs groups of its own in the hierarchies that systemd manages."""
+class Booted:
+    """The mark of a machine that runs systemd, there as long as anybody needs it."""
 
-    def __init__(self, stack, hierarchies=("unified", "systemd")):
+    def __init__(self):
+        self._lock = os.open(f"{LOCK_DIR}/booted", os.O_RDWR | os.O_CREAT | os.O_CLOEXEC, 0o600)
+        fcntl.flock(self._lock, fcntl.LOCK_SH)
+        if not os.path.isdir(BOOTED):
+            os.makedirs(BOOTED, exist_ok=True)
+            os.write(self._lock, b"ours")
+
+    def release(self):
+        try:
+            fcntl.flock(self._lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        except BlockingIOError:
+            pass # the last one does it
+        else:
+            if os.fstat(self._lock).st_size: # it was not there before
+                if os.path.isdir(BOOTED):
+                    os.rmdir(BOOTED)
+                os.truncate(self._lock, 0)
+        os.close(self._lock)
+
+
+class UserManager:
+    """Runs from start() to stop(). Needs groups of its own in the hierarchies that systemd manages.
+
+    capabilities: names of those that the manager gets, as setpriv(1) has them, although it is an ordinary user's.
+    """
+
+    def __init__(self, stack, hierarchies=("unified", "systemd"), capabilities=()):
         self._stack = stack
+        self._capabilities = capabilities
         self._groups = [os.path.join("/sys/fs/cgroup", name, GROUP.format(uid=stack.user.uid))
                         for name in hierarchies if os.path.isdir(os.path.join("/sys/fs/cgroup", name))]
-        self._made_booted = False
+        self._booted = None
         self._child = None
         self.environment = {**stack.environment()}
 
     def start(self):
-        try:
-            os.makedirs(BOOTED)
-            self._made_booted = True
-        except FileExistsError:
-            pass
+        self._booted = Booted()
         user = self._stack.user
         for group in self._groups:
             os.makedirs(group, exist_ok=True)
@@ -53,7 +78,9 @@ class UserManager:
         """
         user = self._stack.user
         joins = "".join(f"echo $$ >'{group}/cgroup.procs'; " for group in self._groups)
-        drop = f"exec /usr/bin/setpriv --reuid={user.uid} --regid={user.gid} --clear-groups -- \"$@\""
+        gets = ",".join(f"+{name}" for name in self._capabilities)
+        extra = f" --inh-caps={gets} --ambient-caps={gets}" if gets else ""
+        drop = f"exec /usr/bin/setpriv --reuid={user.uid} --regid={user.gid} --clear-groups{extra} -- \"$@\""
         return ["/bin/sh", "-c", joins + drop, "sh", *argv]
 
     def run(self, *argv):
@@ -64,8 +91,9 @@ class UserManager:
             self._child.kill()
         for group in self._groups:
             until(lambda: self._emptied(group), f"the removal of {group}")
-        if self._made_booted:
-            os.rmdir(BOOTED)
+        if self._booted:
+            self._booted.release()
+            self._booted = None
 
     @staticmethod
     def _emptied(group):
