@@ -15,4 +15,10 @@ constexpr qint64 maximumMessageSize = 24 * 1024 * 1024;
 /// end.
 [[nodiscard]] qint64 estimatedMessageSize(const QVariantList &arguments);
 
+/// Whether a message of these arguments is small enough, by that estimate.
+[[nodiscard]] inline bool fitsIntoMessage(const QVariantList &arguments)
+{
+    return estimatedMessageSize(arguments) <= maximumMessageSize;
+}
+
 } // namespace Core
