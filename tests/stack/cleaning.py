@@ -52,6 +52,11 @@ def _mounts_below(directory):
     return [point for point in points if point == directory or point.startswith(directory + "/")]
 
 
+def runtime_directory(uid):
+    """Where a session of the user's would have it. Nobody but a stack makes one for these users."""
+    return f"/run/user/{uid}"
+
+
 def empty(directory):
     """Removes everything in a directory."""
     for entry in os.scandir(directory):
@@ -62,19 +67,20 @@ def empty(directory):
 
 
 def clean_processes(uid, hierarchies):
-    """Ends the user's processes and removes its control groups."""
+    """Ends the user's processes and removes its control groups and its runtime directory."""
     kill_all_of(uid, hierarchies)
     # A group empties only when its last process has been reaped, by whoever its parent is now.
     try:
         until(lambda: not cgroups.remove(hierarchies, uid), "removal of the control groups", limit=LIMIT)
     except NotInTime:
         print(f"stack: left behind: {cgroups.remove(hierarchies, uid)}", file=sys.stderr)
+    clean_files(runtime_directory(uid))
     # What a killed sandbox could not put away itself.
     shutil.rmtree(f"/run/firejail/dbus/{uid}", ignore_errors=True)
 
 
 def clean_files(directory):
-    """Removes the stack's directory, with what is mounted below it."""
+    """Removes a directory, with what is mounted below it."""
     libc = ctypes.CDLL(None)
     for point in reversed(_mounts_below(directory)):
         libc.umount2(point.encode(), MNT_DETACH)
