@@ -102,6 +102,7 @@ QStringList tst_EarlyOomExtremes::killLines(const LogCapture &log)
 /// since each start holds descriptors.
 QStringList tst_EarlyOomExtremes::startMany(int count)
 {
+    QSignalSpy started(m_controller, &RuntimeController::applicationStarted);
     QStringList ids;
     for (int failed = 0; ids.size() < count && failed == 0;) {
         int pending = std::min(count - ids.size(), 50);
@@ -113,8 +114,10 @@ QStringList tst_EarlyOomExtremes::startMany(int count)
                                                ids.append(id.text());
                                            });
         }
-        if (!QTest::qWaitFor([&] { return pending == 0; }, 60000)) {
-            qFatal("the applications do not start");
+        while (pending > 0) {
+            if (!started.wait(60000)) {
+                qFatal("the applications do not start");
+            }
         }
     }
     for (const QString &id : qAsConst(ids)) {
