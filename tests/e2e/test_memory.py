@@ -1,5 +1,6 @@
 """When memory runs short: who is killed, in which order, and what is told about it."""
 
+import contextlib
 import os
 import re
 import threading
@@ -8,8 +9,8 @@ import time
 import dbus
 import pytest
 
-from stack.client import ACTIVE, HIDDEN, INACTIVE
-from stack.memory import MEGABYTE, Hog, available_kb
+from stack.client import ACTIVE, HIDDEN, INACTIVE, BusError
+from stack.memory import ENOUGH_MB, MEGABYTE, Hog, Others, available_kb
 from stack.process import descendants, is_running
 from stack.waiting import until
 from test_service import context_switches, until_quiet
@@ -146,14 +147,14 @@ def test_active_one_dies_last(own_memory):
 def test_level_that_recovers_spares_the_rest(own_memory):
     """Poll and next kill are due at the same moment: how often one more falls is shown, and at most one may."""
     stack = own_memory
-    interval = 200
+    interval = 400
     stack.memory.configure(CheckIntervalMsecCriticalMem=interval)
     apps = [f"org.example.Spare{number}" for number in range(4)]
     for app_id in apps:
         stack.install_sample(app_id, exec_line="/bin/sleep 6000", sandbox=UNSANDBOXED)
     stack.start()
     monitor = stack.monitor()
-    rounds, second = 12, 0
+    rounds, second = 8, 0
     for _ in range(rounds):
         for app_id in set(apps) - running(stack):
             stack.control.start(app_id)
@@ -162,12 +163,16 @@ def test_level_that_recovers_spares_the_rest(own_memory):
         normal = stack.service.log().count("Memory level: normal")
         monitor.take()
         stack.memory.set_level("critical")
+        begin = time.monotonic()
         monitor.wait_for("SelectedByOom")
         stack.memory.set_level("normal")
+        # Kills that are due while this side is still about to restore the level; none unless it is slow.
+        due = int((time.monotonic() - begin) * 1000 / interval + 0.1)
         until(lambda: stack.service.log().count("Memory level: normal") > normal, "the end of the shortage")
-        fallen = len(kills(stack)) - before
-        assert fallen in (1, 2)
-        second += fallen == 2
+        # One that has not died by the next pass is killed once more.
+        fallen = len({told[0] for told in kills(stack)[before:]})
+        assert 1 <= fallen <= 2 + due
+        second += fallen > 1
         until(lambda: len(running(stack)) == len(apps) - fallen, "the end of the victims")
     print(f"a second victim before the recovery was seen: {second} of {rounds} rounds, interval {interval} ms")
 
@@ -248,25 +253,29 @@ def test_sixth_selection_takes_the_whole_application(own_memory):
     seen = monitor.wait_for("Terminated", SAMPLE)
     assert seen[-1].arguments[1]["StopReason"] == OOM_KILLED
     assert [signal.member for signal in seen].count("SelectedByOom") >= 1
-    told = kills(stack)
-    assert [(int(line[1]), line[2]) for line in told[:6]] == [
-        *((child, "one process of it") for child in children[:5]), (leader, "all of it")]
+    told = kills(stack)[:6]
+    assert [line[2] for line in told] == ["one process of it"] * 5 + ["all of it"]
+    assert int(told[-1][1]) == leader
+    # One that has not died by the next pass is selected once more, which counts as well.
+    victims = list(dict.fromkeys(int(line[1]) for line in told[:5]))
+    assert victims == children[:len(victims)]
     assert "Already killed 5 subprocesses, giving up!" in stack.service.log()
     until(lambda: not any(is_running(child) for child in children), "the end of all of its processes")
 
 
 def test_count_of_killed_processes_ends_with_the_shortage(own_memory):
+    """Each shortage costs one or two of the children: more in all than one of them could."""
     stack = own_memory
-    stack.memory.configure(CheckIntervalMsecCriticalMem=stack.memory.OFTEN_MS * 6)
+    stack.memory.configure(CheckIntervalMsecCriticalMem=1000) # five passes take longer than anything done here
     install(stack, SAMPLE)
     stack.start()
     launch(stack, SAMPLE)
     stack.control.update_windows(SAMPLE, active=1)
     monitor = stack.monitor()
-    for shortage in range(1, 5):
-        children = spawn_children(stack, SAMPLE, 600, 500, 400)
+    for shortage in range(1, 7):
+        first, *_ = spawn_children(stack, SAMPLE, 600 + shortage, 500, 400)
         stack.memory.set_level("critical")
-        until(lambda: not is_running(children[1]), "the end of the second child")
+        until(lambda: not is_running(first), "the end of the first child")
         stack.memory.set_level("low")
         until(lambda: stack.service.log().count("Memory level: low") == shortage, "the low level")
     assert len(kills(stack)) > 5
@@ -331,28 +340,49 @@ def test_usual_pace_is_slow(own_memory):
 # --- the kernel's own figures ---
 
 
+MARGIN_MB = 400 # to be taken before it gets critical
+HELD_MB = 600 # by the application that is to fall
+
+
+@contextlib.contextmanager
+def real_shortage():
+    """A program to take memory with, and who watches the others: what they took or gave back may be why it did not
+    work out."""
+    if available_kb() < ENOUGH_MB * MEGABYTE:
+        pytest.skip(f"less than {ENOUGH_MB} MB of memory are available on this machine")
+    with Hog(limit_mb=1200) as hog, Others(hog.pid) as others:
+        try:
+            yield hog, others
+        except (AssertionError, BusError):
+            if others.disturbed(MARGIN_MB // 2):
+                pytest.skip(others.disturbed(MARGIN_MB // 2))
+            raise
+
+
 def test_memory_that_really_runs_short(stack):
     """A program takes memory until the level falls; the hidden application's end gives it back."""
-    margin_mb = 300
-    install(stack, SAMPLE, arguments="--hold 400")
-    install(stack, OTHER, THIRD)
-    # What these will have taken is not there any more when the thresholds count.
-    critical_mb = available_kb() // MEGABYTE - 450 - margin_mb
-    stack.memory.configure(CheckIntervalMsecCriticalMem=1000, LowMemoryTermMB=critical_mb + 100,
-                           MinMemoryTermMB=critical_mb)
-    stack.start()
-    launch(stack, OTHER, SAMPLE, THIRD)
-    hide(stack, SAMPLE)
-    hide(stack, THIRD)
-    assert stack.control.update_windows(OTHER, active=1) == ACTIVE
-    stack.service.wait_for_log("Memory level: ")
-    monitor = stack.monitor()
-    with Hog() as hog:
-        reached = hog.take_until(lambda: "Memory level: critical" in stack.service.log())
-        if not reached and available_kb() > critical_mb * MEGABYTE:
-            pytest.skip("others on this machine gave back more memory than the test may take")
-        seen = monitor.wait_for("SelectedByOom")
-    assert seen[-1].arguments == (SAMPLE,)
+    with real_shortage() as (hog, others):
+        # What these will have taken is not there any more when the thresholds count.
+        critical_mb = available_kb() // MEGABYTE - HELD_MB - 50 - MARGIN_MB
+        install(stack, SAMPLE, arguments=f"--hold {HELD_MB}")
+        install(stack, OTHER, THIRD)
+        stack.memory.configure(CheckIntervalMsecCriticalMem=1000, LowMemoryTermMB=critical_mb + 100,
+                               MinMemoryTermMB=critical_mb)
+        stack.start()
+        others.add(stack.service.pid)
+        launch(stack, OTHER, SAMPLE, THIRD)
+        hide(stack, SAMPLE)
+        hide(stack, THIRD)
+        assert stack.control.update_windows(OTHER, active=1) == ACTIVE
+        stack.service.wait_for_log("Memory level: ")
+        monitor = stack.monitor()
+        assert not kills(stack)
+        assert hog.take_until(lambda: "Memory level: critical" in stack.service.log())
+        check_right_victim(stack, monitor, critical_mb)
+
+
+def check_right_victim(stack, monitor, critical_mb):
+    assert monitor.wait_for("SelectedByOom")[-1].arguments == (SAMPLE,)
     details = monitor.wait_for("Terminated", SAMPLE)[-1].arguments[1]
     assert details["StopReason"] == OOM_KILLED
     assert os.WTERMSIG(details["ExitStatus"]) == 9

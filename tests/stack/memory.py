@@ -5,8 +5,15 @@ import re
 import signal
 import subprocess
 import sys
+import threading
+import time
+
+from .process import descendants
 
 MEGABYTE = 1024 # in kB, the unit of meminfo
+
+# Available memory below which nothing here makes the real one run short: what is taken for that would hurt.
+ENOUGH_MB = 3072
 
 
 def available_kb(path="/proc/meminfo"):
@@ -84,6 +91,10 @@ class Hog:
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, start_new_session=True,
             env={"PATH": os.environ["PATH"]})
 
+    @property
+    def pid(self):
+        return self._child.pid # setpriv becomes it
+
     def take(self, megabytes):
         """Grows to this size; returns when every page is in use."""
         self._child.stdin.write(f"{megabytes}\n")
@@ -91,11 +102,15 @@ class Hog:
         self.megabytes = int(self._child.stdout.readline())
 
     def take_until(self, condition, step_mb=32):
-        """Grows in steps until the condition holds; returns whether it did before the limit was reached."""
+        """Grows in steps until the condition holds; returns whether it did before the limit was reached.
+
+        By no more than 640 MB in a second: who looks at the memory from time to time has to see it fall.
+        """
         while not condition():
             if self.megabytes >= self.limit_mb:
                 return False
             self.take(self.megabytes + step_mb)
+            time.sleep(0.05)
         return True
 
     def end(self):
@@ -110,3 +125,60 @@ class Hog:
 
     def __exit__(self, *_):
         self.end()
+
+
+def _resident_mb(pid):
+    """Memory that a process has in use; 0 if there is none (any more)."""
+    try:
+        with open(f"/proc/{pid}/status") as file:
+            found = re.search(r"^VmRSS:\s+(\d+) kB$", file.read(), re.MULTILINE)
+    except OSError:
+        return 0
+    return int(found[1]) // MEGABYTE if found else 0
+
+
+class Others:
+    """Watches how much memory all other programs take, or give back, while ours take theirs.
+
+    Ours are those that are named, by process id, with their descendants.
+    """
+
+    INTERVAL = 0.05
+
+    def __init__(self, *ours):
+        self._ours = list(ours)
+        self._start_mb = self._without_ours()
+        self._ended = threading.Event()
+        self._thread = threading.Thread(target=self._watch, daemon=True)
+        self.taken_mb = self.given_mb = 0 # the most of each
+
+    def add(self, pid):
+        """Another one of ours, which has not taken anything to speak of yet."""
+        self._ours.append(pid)
+
+    def _without_ours(self):
+        """What would be available if ours had taken nothing."""
+        family = set(self._ours).union(*(descendants(pid) for pid in list(self._ours)))
+        return available_kb() // MEGABYTE + sum(_resident_mb(pid) for pid in family)
+
+    def _watch(self):
+        while not self._ended.wait(self.INTERVAL):
+            change = self._without_ours() - self._start_mb
+            self.taken_mb = max(self.taken_mb, -change)
+            self.given_mb = max(self.given_mb, change)
+
+    def disturbed(self, limit_mb):
+        """What they did, in words, if it was more than this; else an empty text."""
+        if self.taken_mb > limit_mb:
+            return f"others on this machine took {self.taken_mb} MB meanwhile"
+        if self.given_mb > limit_mb:
+            return f"others on this machine gave back {self.given_mb} MB meanwhile"
+        return ""
+
+    def __enter__(self):
+        self._thread.start()
+        return self
+
+    def __exit__(self, *_):
+        self._ended.set()
+        self._thread.join()
