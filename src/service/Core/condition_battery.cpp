@@ -1,6 +1,6 @@
 #include "Core/condition_battery.h"
 
-#include <QBatteryInfo>
+#include <qbatteryinfo.h>
 
 namespace Core {
 
