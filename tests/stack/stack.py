@@ -52,7 +52,7 @@ class Stack:
     def __init__(self, bin_dir=None, own_proc=False):
         if os.getuid() != 0:
             raise RuntimeError("only root can bring up the helper and other users' processes")
-        self._bin_dir = bin_dir or os.environ.get("PROCWARDEN_BIN_DIR", DEFAULT_BIN_DIR)
+        self.bin_dir = bin_dir or os.environ.get("PROCWARDEN_BIN_DIR", DEFAULT_BIN_DIR)
         self._own_proc = own_proc
         self._closed = False
         self._closers = []
@@ -89,10 +89,11 @@ class Stack:
         if self._own_proc:
             self.memory.set_level("normal")
         self.applications = Applications(self._path("apps"), self._path("share"), self.root,
-                                         os.path.join(self._bin_dir, "procwarden-sample"))
+                                         os.path.join(self.bin_dir, "procwarden-sample"))
         # The types of files are the machine's; its applications are not.
         os.symlink("/usr/share/mime", self._path("share/mime"))
         self.set_states()
+        shutil.copytree(os.path.join(TREE, "data", "intents"), self._path("share/procwarden/intents"))
 
         self.session_bus = PrivateBus("session", self._path("session"), self.user)
         self._closers.append(self.session_bus.stop)
@@ -140,10 +141,8 @@ class Stack:
                 file.write(re.sub(r"(?m)^ApplyWithDelay=.*", f"ApplyWithDelay={delay}", content))
 
     def define_intent(self, name, **content):
-        """Defines an intent; content: "requiredParams", "hints"."""
-        directory = self._path("share/procwarden/intents")
-        os.makedirs(directory, exist_ok=True)
-        with open(os.path.join(directory, f"{name}.intent"), "w") as file:
+        """Defines an intent beside, or instead of, those that are shipped; content: "requiredParams", "hints"."""
+        with open(self._path(f"share/procwarden/intents/{name}.intent"), "w") as file:
             json.dump(content, file)
 
     def install_sample(self, app_id="org.example.Sample", **options):
@@ -202,7 +201,7 @@ class Stack:
         """A copy that an ordinary user can reach, wherever the build lies."""
         target = self._path(f"bin/{name}")
         if not os.path.exists(target):
-            shutil.copyfile(os.path.join(self._bin_dir, name), target)
+            shutil.copyfile(os.path.join(self.bin_dir, name), target)
             os.chmod(target, 0o755)
         return target
 

@@ -3,7 +3,7 @@
 import os
 import subprocess
 
-from . import cgroups, shortage
+from . import cgroups, intent_story, shortage
 from .client import BusError
 from .process import descendants, is_running
 from .stack import Stack
@@ -23,6 +23,7 @@ def tell():
         _refuse_second(stack)
         _stop(stack, pid)
         _steal_notification(stack)
+        intent_story.tell(stack)
         _end(stack)
         directory, uid = stack.directory, stack.user.uid
     _nothing_left(directory, uid)

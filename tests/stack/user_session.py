@@ -35,7 +35,7 @@ class UserSession:
 
     def __init__(self, stack, data_dir=None, capabilities=()):
         self._stack = stack
-        self._data_dir = data_dir or os.path.join(os.path.dirname(stack._bin_dir), "data")
+        self._data_dir = data_dir or os.path.join(os.path.dirname(stack.bin_dir), "data")
         self._capabilities = capabilities
         runtime = stack.environment()["XDG_RUNTIME_DIR"]
         self.bus = SessionBus(f"unix:path={runtime}/bus")
