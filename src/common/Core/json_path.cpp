@@ -88,7 +88,9 @@ QStringList expandKeys(const QJsonObject &object, const QString &prefix, const Q
 {
     QStringList list;
     for (auto it = object.begin(); it != object.end(); ++it) {
-        if (isExpressible(it.key())) {
+        // Qt's reader puts a key with a NUL, and one beside letters from beyond the basic plane, where it is
+        // not found.
+        if (isExpressible(it.key()) && object.contains(it.key())) {
             list += joined(withKey(prefix, it.key()), expand(it.value(), path));
         }
     }

@@ -408,6 +408,8 @@ void tst_JsonPath::pathsAreExpanded_data()
     row("any of any index", R"({"a":[[1,2],[3]]})", "a[*][*]", QStringLiteral("a[0][0] a[0][1] a[1][0]"));
     row("any key of any index", R"({"a":[{"x":1},{"y":2}]})", "a[*].*", QStringLiteral("a[0].x a[1].y"));
     row("key of any key of an index", R"({"a":[{"x":{"y":1}}]})", "a[0].*.y", QStringLiteral("a[0].x.y"));
+    row("key that Qt does not find", R"({"ä":{"x":1},"😀":{"x":1},"\uffff":{"x":1}})", "*.x",
+        QString::fromUtf8("ä.x \uffff.x"));
     row("keys without a form", R"({"":{"x":1},"*":{"x":1},"a.b":{"x":1},"c[0]":{"x":1},"d]":{"x":1}})", "*.x",
         QStringLiteral("d].x"));
 }
