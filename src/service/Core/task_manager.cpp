@@ -97,7 +97,7 @@ TaskProcesses TaskProcesses::ofTheRuntimeController()
     };
 }
 
-TaskManagerPrivate::TaskManagerPrivate(TaskManager *owner, const TaskProcesses &taskProcesses)
+TaskManagerPrivate::TaskManagerPrivate(QObject *owner, const TaskProcesses &taskProcesses)
     : q(owner)
     , processes(taskProcesses)
     , workerMaxTime(workerMaxTimeFromEnvironment())
@@ -109,7 +109,7 @@ TaskManagerPrivate::TaskManagerPrivate(TaskManager *owner, const TaskProcesses &
 
 // Requests
 
-Error TaskManagerPrivate::start(const TaskRequest &request, const ClientInfo &clientInfo)
+Error TaskManagerPrivate::start(TaskRequest request, const ClientInfo &clientInfo)
 {
     if (isOtherApplication(request.id, clientInfo)) {
         return Error(Error::AccessDenied, QStringLiteral("Cannot start another app's tasks"));
@@ -118,6 +118,7 @@ Error TaskManagerPrivate::start(const TaskRequest &request, const ClientInfo &cl
     if (taskInfo.id.isEmpty()) {
         return Error(Error::TaskNotFound, QStringLiteral("No such task: %1").arg(request.id.text()));
     }
+    request.context = { InvocationContext::NoReason, ProcessId(clientInfo.appId) };
     return addTask(request, taskInfo);
 }
 
@@ -352,8 +353,7 @@ Error TaskManager::start(const ApplicationTaskId &taskId, const QStringList &par
                          const QStringList &environment, const QVariantMap &hints,
                          const ClientInfo &clientInfo)
 {
-    const InvocationContext context { InvocationContext::NoReason, ProcessId(clientInfo.appId) };
-    return d->start({ taskId, params, environment, hints, context, {} }, clientInfo);
+    return d->start({ taskId, params, environment, hints, {}, {} }, clientInfo);
 }
 
 Error TaskManager::stop(const ApplicationTaskId &taskId, bool mustDisable, const ClientInfo &clientInfo)

@@ -59,9 +59,11 @@ struct TaskRecord
 class TaskManagerPrivate
 {
 public:
-    TaskManagerPrivate(TaskManager *owner, const TaskProcesses &taskProcesses);
+    /// @param owner context of every connection; it outlives this object
+    TaskManagerPrivate(QObject *owner, const TaskProcesses &taskProcesses);
 
-    Error start(const TaskRequest &request, const ClientInfo &clientInfo);
+    /// The context of the request is made here.
+    Error start(TaskRequest request, const ClientInfo &clientInfo);
     Error stop(const ApplicationTaskId &taskId, bool mustDisable, const ClientInfo &clientInfo);
     void startAutostartTasks();
 
@@ -78,7 +80,7 @@ public:
     void onTaskTerminated(const QString &fullTaskId);
     void onProgressUpdated(const ClientInfo &clientInfo, float progress);
 
-    TaskManager *const q;
+    QObject *const q;
     const TaskProcesses processes;
     QHash<QString, QSharedPointer<TaskRecord>> records; // whole id text -> record, removed by removeTask(),
                                                         // a worker's also by onTaskTerminated()
