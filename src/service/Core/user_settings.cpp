@@ -3,6 +3,7 @@
 #include "Core/task_hints.h"
 #include "Core/user_settings_p.h"
 
+#include <QCoreApplication>
 #include <QDebug>
 #include <QDir>
 #include <QFile>
@@ -94,6 +95,11 @@ UserSettingsPrivate::UserSettingsPrivate()
            + QStringLiteral("/user-settings.json"))
 {
     readFile();
+    // In the service nothing destroys it.
+    if (QCoreApplication::instance()) {
+        connect(QCoreApplication::instance(), &QCoreApplication::aboutToQuit, this,
+                &UserSettingsPrivate::saveIfDirty);
+    }
 }
 
 UserSettingsPrivate::~UserSettingsPrivate()

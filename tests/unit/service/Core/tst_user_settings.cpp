@@ -98,6 +98,7 @@ private slots:
     void removingAnUnknownIdDoesNotWrite();
     void removalIsWritten();
     void endOfTheProcessWritesWhatIsLeft();
+    void endOfTheEventLoopWritesWhatIsLeft();
     void thousandChangesMakeOneWrite();
 
 private:
@@ -479,6 +480,22 @@ void tst_UserSettings::endOfTheProcessWritesWhatIsLeft()
     runEventLoop(); // the queued write has gone with the object
     QCOMPARE(m_fixture->writes(), 0);
     QCOMPARE(UserSettings().autostartEntries().keys(), QStringList({ otherTask, syncTask }));
+}
+
+// The service's own settings are never destroyed: it is told to quit, and its loop does not run again.
+void tst_UserSettings::endOfTheEventLoopWritesWhatIsLeft()
+{
+    m_fixture->write("{}");
+    UserSettings settings;
+    QMetaObject::invokeMethod(
+        qApp,
+        [&settings] {
+            QCoreApplication::quit();
+            settings.setAutostartEntry(QStringLiteral("org.example.App.task_late"), {});
+        },
+        Qt::QueuedConnection);
+    QCoreApplication::exec();
+    QVERIFY(m_fixture->read().contains("org.example.App.task_late"));
 }
 
 void tst_UserSettings::thousandChangesMakeOneWrite()
