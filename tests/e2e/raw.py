@@ -15,7 +15,13 @@ PREFIX = "org.kestrix.Procwarden."
 def call(bus, service, object_name, member, *arguments, signature="", interface=None, prefix=PREFIX):
     """Returns (signature, arguments) of the reply; the arguments keep the bus's types."""
     name = prefix + object_name
-    message = dbus.lowlevel.MethodCallMessage(service, "/" + name.replace(".", "/"), interface or name, member)
+    return call_path(bus, service, "/" + name.replace(".", "/"), interface or name, member, *arguments,
+                     signature=signature)
+
+
+def call_path(bus, service, path, interface, member, *arguments, signature=""):
+    """The same for an object at any path."""
+    message = dbus.lowlevel.MethodCallMessage(service, path, interface, member)
     message.append(*arguments, signature=signature)
     connection = bus.connect()
     try:
@@ -34,14 +40,15 @@ def types(details):
             for key, value in details.items()}
 
 
-def interface(bus, service, object_name, prefix=PREFIX):
+def interface(bus, service, object_name, prefix=PREFIX, path=None):
     """Members of the object's own interface: "method Name(in) -> out", "signal Name(arguments)" and
     "property Name type access"."""
-    _, (text,) = call(bus, service, object_name, "Introspect", interface="org.freedesktop.DBus.Introspectable",
-                    prefix=prefix)
+    name = prefix + object_name
+    _, (text,) = call_path(bus, service, path or "/" + name.replace(".", "/"),
+                           "org.freedesktop.DBus.Introspectable", "Introspect")
     tree = xml.etree.ElementTree.fromstring(text)
     members = []
-    for node in tree.findall(f"interface[@name='{prefix}{object_name}']/*"):
+    for node in tree.findall(f"interface[@name='{name}']/*"):
         if node.tag == "property":
             members.append(f"property {node.get('name')} {node.get('type')} {node.get('access')}")
             continue

@@ -62,11 +62,23 @@ void floodOutput(int lines)
     std::fflush(stdout);
 }
 
-// "instance_123" for one of several instances, else "Main".
-QString instanceSuffix(const QString &instanceId)
+// The id of the instance, or of the task if this is one.
+QString processId()
 {
-    const QString suffix = instanceId.section(QLatin1Char('.'), -1);
-    return suffix.startsWith(QLatin1String("instance_")) ? suffix : QStringLiteral("Main");
+    const QString task = qEnvironmentVariable("SOLVANE_TASK_ID");
+    if (!task.isEmpty()) {
+        return qEnvironmentVariable("SOLVANE_APP_ID") + QStringLiteral(".task_") + task;
+    }
+    return qEnvironmentVariable("SOLVANE_APP_INSTANCE_ID", QStringLiteral("unmanaged"));
+}
+
+// "instance_123" for one of several instances, "task_sync" for a task, else "Main".
+QString nameSuffix(const QString &processId)
+{
+    const QString suffix = processId.section(QLatin1Char('.'), -1);
+    const bool meant =
+        suffix.startsWith(QLatin1String("instance_")) || suffix.startsWith(QLatin1String("task_"));
+    return meant ? suffix : QStringLiteral("Main");
 }
 
 QCommandLineOption option(const char *name, const char *help, const char *value = "")
@@ -81,7 +93,7 @@ int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
 
-    const QCommandLineOption name = option("name", "Owns this bus name; @ is the instance.", "name");
+    const QCommandLineOption name = option("name", "Owns this bus name; @ is the instance or task.", "name");
     const QCommandLineOption directory = option("dir", "Directory of the diary and the ticks.", "path");
     const QCommandLineOption ignoreTerm = option("ignore-term", "Notes SIGTERM and goes on.");
     const QCommandLineOption exitWith = option("exit", "Ends at once with this status.", "code");
@@ -121,8 +133,8 @@ int main(int argc, char **argv)
 
     SampleOptions options;
     options.directory = parser.value(directory);
-    options.instanceId = qEnvironmentVariable("SOLVANE_APP_INSTANCE_ID", QStringLiteral("unmanaged"));
-    options.busName = parser.value(name).replace(QLatin1Char('@'), instanceSuffix(options.instanceId));
+    options.instanceId = processId();
+    options.busName = parser.value(name).replace(QLatin1Char('@'), nameSuffix(options.instanceId));
     options.arguments = app.arguments();
     options.lifecycle = !parser.isSet(noLifecycle);
     options.memoryPressure = parser.isSet(memoryPressure);

@@ -11,7 +11,7 @@ struct SampleOptions
 {
     QString busName; ///< name to own on the session bus, empty: none
     QString directory; ///< where the diary and the tick count are written
-    QString instanceId; ///< name of the files there
+    QString instanceId; ///< or full task id: name of the files there
     QStringList arguments; ///< the whole command line, as it arrived
     bool lifecycle = true; ///< ask for the own state at the start, and listen to its changes
     bool memoryPressure = false; ///< subscribe to the memory level at the start
@@ -21,8 +21,8 @@ struct SampleOptions
 /// An application as the service sees one: it owns a bus name, asks for its state, hears the changes, and
 /// counts, so that one can see from outside whether it is given time to run.
 ///
-/// It writes two files into its directory: `<instance id>.ticks`, the count as decimal text of a fixed
-/// width, rewritten in place; and `<instance id>.diary`, one line per event, in the order they happened.
+/// It writes two files into its directory: `<instance or task id>.ticks`, the count as decimal text of a
+/// fixed width, rewritten in place; and `<id>.diary`, one line per event, in the order they happened.
 class Sample : public QObject, protected QDBusContext
 {
     Q_OBJECT
