@@ -1,0 +1,279 @@
+"""The life of a task: what its process gets, what limits it, and how it ends."""
+
+import os
+import re
+import signal
+import socket
+
+import dbus
+import pytest
+
+import tasker
+from stack.process import descendants, is_running
+from stack.waiting import until
+from tasker import SAMPLE, Invoker, task_id
+
+
+@pytest.fixture
+def tasks(service):
+    tasker.install(service)
+    return service
+
+
+def process_limit(pid, name):
+    """Soft and hard limit, as proc(5) has them."""
+    with open(f"/proc/{pid}/limits") as file:
+        return re.search(rf"^{name}\s+(\S+)\s+(\S+)", file.read(), re.MULTILINE).groups()
+
+
+# --- what the process gets ---
+
+def test_process_is_in_the_sandbox_and_in_groups_of_its_own(tasks):
+    pid = Invoker(tasks).start(params=["--flood", "1"])
+    sample = tasker.wait_running(tasks)
+    command = tasks.sandbox_command(pid)
+    assert command[0].endswith("/usr/bin/firejail")
+    assert command[-2:] == ["--flood", "1"]
+    assert any(argument.endswith("BaseTask.permission") for argument in command), command
+    for controller in ("cpu", "memory"):
+        with open(os.path.join(tasks.group(controller, SAMPLE, "task_work"), "cgroup.procs")) as file:
+            assert str(pid) in file.read().split()
+    environment = sample.environment()
+    assert (environment["SOLVANE_APP_ID"], environment["SOLVANE_TASK_ID"]) == (SAMPLE, "work")
+    assert environment["QT_QPA_PLATFORM"] == "minimal"
+    assert "SOLVANE_TASK_FD" not in environment and "SOLVANE_APP_INSTANCE_ID" not in environment
+    assert tasker.services(tasks) == {task_id("work"): (pid, 0)}
+
+
+@pytest.mark.parametrize("hints, nice", [({}, 0), ({"Priority": 7}, 7), ({"Priority": 0}, 0), ({"Priority": 99}, 19),
+                                         ({"Priority": "high"}, 0)])
+def test_priority_is_the_nice_level(tasks, hints, nice):
+    pid = Invoker(tasks).start(**hints)
+    tasker.wait_running(tasks)
+    assert os.getpriority(os.PRIO_PROCESS, pid) == nice
+
+
+@pytest.mark.parametrize("hints, limit", [
+    ({}, "unlimited"), ({"CPULimit": 20}, "20"), ({"RunningTime": 30}, "30"),
+    ({"CPULimit": 0, "RunningTime": 30}, "30"),
+    ({"CPULimit": 20, "RunningTime": 30}, "20"), ({"CPULimit": -1}, "unlimited"), ({"RunningTime": -5}, "unlimited"),
+])
+def test_processor_time_is_limited(tasks, hints, limit):
+    pid = Invoker(tasks).start(**hints)
+    tasker.wait_running(tasks)
+    assert process_limit(pid, "Max cpu time")[0] == limit
+
+
+def test_weight_is_the_score_for_the_kernels_killer(tasks):
+    invoker = Invoker(tasks)
+    for hints, score in (({"Weight": 500}, 500), ({}, 0)):
+        pid = invoker.start(**hints)
+        tasker.wait_running(tasks)
+        place = tasks.root.inside(f"proc/{pid}/oom_score_adj")
+        with open(place) as file:
+            assert int(file.read()) == score
+        invoker.stop()
+        tasker.wait_ended(tasks)
+
+
+def test_permissions_replace_the_declared_ones(tasks):
+    tasker.install(tasks, work=tasker.task(tasks, permissions=["Internet"]))
+
+    def sandbox(**hints):
+        invoker = Invoker(tasks)
+        pid = invoker.start(**hints)
+        tasker.wait_running(tasks)
+        command = " ".join(tasks.sandbox_command(pid))
+        invoker.stop()
+        tasker.wait_ended(tasks)
+        return [name for name in ("Internet", "BaseTask") if f"/{name}.permission" in command]
+
+    assert sandbox() == ["Internet", "BaseTask"]
+    assert sandbox(Permissions=dbus.Array(["BaseTask"], signature="s")) == ["BaseTask"]
+
+
+def socket_path(stack):
+    return os.path.join(stack.directory, "runtime", "applications", SAMPLE, "work.socket")
+
+
+@pytest.mark.parametrize("stale", [False, True])
+def test_socket_is_inherited_and_can_be_connected_to(tasks, stale):
+    path = socket_path(tasks)
+    if stale:
+        os.makedirs(os.path.dirname(path))
+        for directory in (os.path.dirname(path), os.path.dirname(os.path.dirname(path))):
+            os.chown(directory, tasks.user.uid, tasks.user.gid)
+        with open(path, "w") as file:
+            file.write("from an earlier run")
+    tasker.start(tasks, CreateIPCSocket=True)
+    sample = tasker.wait_running(tasks)
+    number = sample.environment()["SOLVANE_TASK_FD"]
+    open_files = dict(entry.split(" ", 1) for entry in sample.call("OpenFiles"))
+    assert open_files[number].startswith("/proc") or "socket" in open_files[number]
+    with socket.socket(socket.AF_UNIX) as client:
+        client.connect(path)
+    # The service itself keeps none.
+    with open("/proc/net/unix") as file:
+        listeners = [entry for entry in file if entry.rstrip().endswith(path)]
+    assert listeners
+    directory = f"/proc/{tasks.service.pid}/fd"
+    held = {os.readlink(os.path.join(directory, entry)) for entry in os.listdir(directory)}
+    assert not {f"socket:[{entry.split()[6]}]" for entry in listeners} & held
+
+
+def test_no_socket_unless_asked_for(tasks):
+    tasker.start(tasks, CreateIPCSocket=False)
+    tasker.wait_running(tasks)
+    assert not os.path.exists(socket_path(tasks))
+
+
+# --- limits ---
+
+@pytest.mark.parametrize("name", ["work", "often", "first", "odd"])
+def test_running_time_ends_it(tasks, name):
+    tasker.start(tasks, name, RunningTime=1)
+    pid = tasker.services(tasks)[task_id(name)][0]
+    tasker.wait_ended(tasks, name)
+    until(lambda: not is_running(pid), "the end of the process")
+    assert f'Running time exhausted for task "{task_id(name)}"' in tasks.service.log()
+    assert "Error stopping task:" not in tasks.service.log()
+
+
+def test_time_of_a_task_that_has_ended_only_warns(tasks):
+    tasker.start(tasks, "often", params=["--exit", "0"], RunningTime=1)
+    tasks.service.wait_for_log(f'Running time exhausted for task "{task_id("often")}"')
+    tasks.service.wait_for_log("Error stopping task:")
+
+
+def test_replaced_task_is_limited_by_the_new_request(tasks):
+    tasker.start(tasks, "often")
+    pid = tasker.services(tasks)[task_id("often")][0]
+    tasker.start(tasks, "often", RunningTime=1)
+    assert tasker.services(tasks)[task_id("often")][0] == pid
+    assert f'Removing previous task "{task_id("often")}"' in tasks.service.log()
+    tasker.wait_ended(tasks, "often")
+
+
+@pytest.mark.parametrize("value, limited", [("1", True), ("0", False), ("-1", False), ("abc", False), ("", False)])
+def test_time_of_workers_is_configured(stack, value, limited):
+    tasker.install(stack)
+    stack.start(PROCWARDEN_WORKER_MAX_TIME=value)
+    tasker.start(stack)
+    tasker.start(stack, "odd", RunningTime=2)
+    if limited:
+        tasker.wait_ended(stack)
+    else:
+        # By then the worker would have ended.
+        tasker.wait_ended(stack, "odd")
+        assert tasker.is_running(stack)
+
+
+# --- the end ---
+
+def test_worker_is_forgotten_when_it_ends_and_others_are_not(tasks):
+    invoker = Invoker(tasks)
+    for name in ("work", "often", "odd"):
+        invoker.start(name, params=["--exit", "0"], **({"Interval": 900} if name == "often" else {}))
+        tasker.wait_ended(tasks, name)
+    before = tasks.service.log().count("Task already removed:")
+    for name, forgotten in (("work", 1), ("often", 0), ("odd", 0)):
+        invoker.stop(name)
+        assert tasks.service.log().count("Task already removed:") - before == forgotten, name
+        before += forgotten
+
+
+def test_stop_without_disabling_keeps_the_task(tasks):
+    tasker.start(tasks, "often", Interval=900, Autostart=True)
+    tasker.wait_running(tasks, "often")
+    tasker.stop(tasks, "often", disable=False)
+    tasker.wait_ended(tasks, "often")
+    assert task_id("often") in tasker.stored(tasks)
+    tasker.stop(tasks, "often")
+    until(lambda: tasker.stored(tasks) == {}, "the task to be forgotten")
+    assert "Task already removed:" not in tasks.service.log()
+
+
+def test_task_that_ignores_sigterm_is_killed(stack):
+    tasker.install(stack)
+    stack.start(PROCWARDEN_KILL_TIMEOUT="300")
+    tasker.start(stack, params=["--ignore-term"])
+    tasker.wait_running(stack)
+    pid = tasker.services(stack)[task_id("work")][0]
+    everything = {pid} | descendants(pid)
+    tasker.stop(stack)
+    tasker.wait_ended(stack)
+    until(lambda: not any(map(is_running, everything)), "the end of every process")
+    tasker.start(stack)
+    tasker.wait_running(stack)
+
+
+@pytest.mark.parametrize("line", [
+    "/nonexistent/program", "nonexistent-program", "/etc/passwd", "/", "relative/path", '"/usr/bin/true'])
+def test_program_that_cannot_run_is_no_failure_of_the_request(tasks, line):
+    tasker.install(tasks, work=tasker.task(tasks, line=line), odd=tasker.task(tasks, "strange"))
+    tasker.start(tasks)
+    tasker.wait_ended(tasks)
+    # The place is free again, and everything else goes on.
+    tasker.start(tasks, "odd")
+    tasker.wait_running(tasks, "odd")
+    tasker.stop(tasks)
+
+
+def test_task_killed_from_outside_is_reported_as_ended(tasks):
+    pid = Invoker(tasks).start()
+    tasker.wait_running(tasks)
+    os.kill(pid, signal.SIGKILL)
+    tasker.wait_ended(tasks)
+    assert Invoker(tasks).start() != pid
+
+
+def test_once_means_once_in_a_session(tasks):
+    invoker = Invoker(tasks)
+    assert invoker.start("first") > 0
+    tasker.wait_running(tasks, "first")
+    assert os.path.exists(os.path.join(tasks.directory, "runtime", "applications", SAMPLE, "first.launched"))
+    invoker.stop("first")
+    tasker.wait_ended(tasks, "first")
+    assert invoker.start("first") == 0
+
+
+def test_no_task_of_a_blocked_application_starts(tasks):
+    tasks.system_control.prevent_launch(SAMPLE)
+    tasker.start(tasks, "odd")
+    tasks.service.wait_for_log("Application is blocked, won't start task")
+    assert tasker.services(tasks) == {}
+    tasks.system_control.allow_launch(SAMPLE)
+    tasker.start(tasks, "odd")
+    tasker.wait_running(tasks, "odd")
+
+
+def test_package_managers_stop_takes_tasks_too(tasks):
+    tasker.start(tasks)
+    tasker.start(tasks, "odd")
+    tasker.wait_running(tasks)
+    tasks.system_control.terminate_all(SAMPLE)
+    tasker.wait_ended(tasks)
+    tasker.wait_ended(tasks, "odd")
+
+
+def test_application_that_is_removed_while_its_task_runs(tasks):
+    tasker.start(tasks)
+    tasker.start(tasks, "odd")
+    for name in ("work", "odd"):
+        tasker.wait_running(tasks, name)
+    tasks.applications.remove(SAMPLE)
+    tasks.control.reload()
+    assert set(tasker.services(tasks)) == {task_id("work"), task_id("odd")}
+    assert tasker.error_of(tasker.start, tasks)[0] == tasker.TASK_NOT_FOUND
+    for name in ("work", "odd"):
+        tasker.stop(tasks, name)
+        tasker.wait_ended(tasks, name)
+
+
+def test_end_of_the_service_ends_every_task(tasks):
+    for name in ("work", "often", "odd", "first"):
+        tasker.start(tasks, name, params=["--ignore-term"])
+        tasker.wait_running(tasks, name)
+    processes = set().union(*({pid} | descendants(pid) for pid, _ in tasker.services(tasks).values()))
+    assert tasks.service.stop() == 0
+    until(lambda: not any(map(is_running, processes)), "the end of every process")
