@@ -2,6 +2,7 @@
 
 import json
 import os
+import signal
 
 import dbus
 import pytest
@@ -15,11 +16,6 @@ from tasker import OTHER, SAMPLE, Invoker, task_id
 def tasks(service):
     tasker.install(service)
     return service
-
-
-def restart(stack, **environment):
-    assert stack.service.stop() == 0
-    stack.start_service(**environment)
 
 
 def write_settings(stack, content):
@@ -50,7 +46,7 @@ def test_stored_task_runs_again_with_all_that_it_was_given(tasks):
     assert tasker.stored(tasks)[task_id("often")] == entry(
         ["--flood", "1"], hints={"Interval": 900, "Priority": 3, "RunningTime": 50}, conditions={"Interval": None})
     first = tasker.services(tasks)[task_id("often")][0]
-    restart(tasks)
+    tasks.restart_service()
     sample = tasker.wait_running(tasks, "often")
     assert sample.call("Arguments")[-2:] == ["--flood", "1"]
     pid, reason = tasker.services(tasks)[task_id("often")]
@@ -58,7 +54,7 @@ def test_stored_task_runs_again_with_all_that_it_was_given(tasks):
     assert reason == 2 # it has been started by itself
     assert os.getpriority(os.PRIO_PROCESS, pid) == 3
     # And again: it is still stored as it was.
-    restart(tasks)
+    tasks.restart_service()
     tasker.wait_running(tasks, "often")
 
 
@@ -69,7 +65,7 @@ def test_invokers_settings_come_back_too(tasks):
     wait_stored(tasks, "work")
     assert tasker.stored(tasks)[task_id("work")] == entry(
         environment=["KEPT=a=b"], hints={"CGroups": {"cpu.shares": "77"}, "Weight": 11, "Permissions": ["BaseTask"]})
-    restart(tasks)
+    tasks.restart_service()
     assert tasker.wait_running(tasks).environment()["KEPT"] == "a=b"
     if tasks.hierarchies.is_real("cpu"):
         with open(os.path.join(tasks.group("cpu", SAMPLE, "task_work"), "cpu.shares")) as file:
@@ -81,7 +77,7 @@ def test_what_is_not_stored_does_not_come_back(tasks):
     tasker.start(tasks, "odd", Autostart=False)
     tasker.start(tasks, "work", Autostart=True)
     wait_stored(tasks, "work")
-    restart(tasks)
+    tasks.restart_service()
     tasker.wait_running(tasks)
     assert list(tasker.services(tasks)) == [task_id("work")]
 
@@ -91,7 +87,7 @@ def test_disabled_task_does_not_come_back(tasks):
     wait_stored(tasks, "often")
     tasker.stop(tasks, "often")
     wait_stored(tasks)
-    restart(tasks)
+    tasks.restart_service()
     tasker.start(tasks, "odd")
     tasker.wait_running(tasks, "odd")
     assert list(tasker.services(tasks)) == [task_id("odd")]
@@ -114,9 +110,12 @@ def test_task_that_was_uninstalled_meanwhile_is_forgotten(tasks):
     tasker.start(tasks, "odd", Autostart=True)
     tasker.start(tasks, "odd", app_id=OTHER, Autostart=True)
     until(lambda: len(tasker.stored(tasks)) == 2, "both to be stored")
-    assert tasks.service.stop() == 0
+    # Unseen by the service, which has stopped.
+    tasks.service.child.send(signal.SIGSTOP)
     tasks.applications.remove(OTHER)
-    tasks.start_service()
+    tasks.service.child.send(signal.SIGTERM)
+    tasks.service.child.send(signal.SIGCONT)
+    tasks.restart_service()
     tasker.wait_running(tasks, "odd")
     assert f'Removing missing autostarted task "{task_id("odd", OTHER)}"' in tasks.service.log()
     wait_stored(tasks, "odd")
@@ -180,7 +179,7 @@ def test_file_that_is_not_as_it_should_be(stack, content):
     stack.start()
     tasker.start(stack, "work", StartDelay=100_000, Autostart=True)
     until(lambda: task_id("work") in tasker.stored(stack), "the task to be stored", detail=stack.service.log)
-    restart(stack)
+    stack.restart_service()
     tasker.stop(stack, "work")
     assert stack.service.status is None
 
@@ -217,6 +216,6 @@ def test_restart_in_the_middle_of_a_run_leaves_no_second_process(tasks):
     tasker.wait_running(tasks, "often")
     wait_stored(tasks, "often")
     for _ in range(3):
-        restart(tasks)
+        tasks.restart_service()
         tasker.wait_running(tasks, "often")
     assert list(tasker.services(tasks)) == [task_id("often")]

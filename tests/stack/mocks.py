@@ -1,10 +1,12 @@
-"""The machine's own daemons, as python-dbusmock stands in for them: battery, screen saver, sessions."""
+"""The machine's own daemons, as python-dbusmock stands in for them where it can: battery, screen saver, sessions."""
 
 import os
 
 import dbus
+import dbus.lowlevel
 
 from .process import Child
+from .standin import StandIn
 from .waiting import until
 
 PYTHON = "/usr/bin/python3" # Debian's own interpreter sees Debian's packages
@@ -45,6 +47,10 @@ class Mock:
         finally:
             connection.close()
 
+    def ping(self):
+        """Returns when it has answered everything before."""
+        self.call("Ping", interface="org.freedesktop.DBus.Peer")
+
     def close(self):
         self._child.kill()
 
@@ -56,47 +62,50 @@ class Mock:
 
 
 class Battery(Mock):
-    """UPower, with one battery once it has been given a level."""
+    """UPower; without a level there is no battery yet."""
 
     NAME, PATH = "org.freedesktop.UPower", "/org/freedesktop/UPower"
-    DEVICE = PATH + "/devices/battery"
+    KIND_BATTERY, NO_WARNING = 2, 1
 
     def __init__(self, stack, level=None, state=DISCHARGING):
         super().__init__(stack, stack.system_bus, self.NAME, self.PATH, self.NAME, "upower")
         if level is not None:
-            self.add(level, state)
-
-    def add(self, level, state=DISCHARGING):
-        member = "AddChargingBattery" if state == CHARGING else "AddDischargingBattery"
-        self.call(member, "ssdx", "battery", "a battery", float(level), dbus.Int64(1200))
-        if state not in (CHARGING, DISCHARGING):
             self.set(level, state)
 
-    def set(self, level, state=DISCHARGING):
-        self.call("SetDeviceProperties", "oa{sv}", self.DEVICE, dbus.Dictionary(
-            {"Percentage": dbus.Double(level), "Energy": dbus.Double(level), "State": dbus.UInt32(state)},
-            signature="sv"))
+    def set(self, level, state=DISCHARGING, present=True):
+        """All batteries taken together, as UPower's display device tells of them."""
+        self.call("SetupDisplayDevice", "uuddddxxbsu", self.KIND_BATTERY, state, level, level, 100.0, 1.0, 600, 600,
+                  present, "", self.NO_WARNING)
 
     def remove(self):
-        self.call("RemoveDevice", "o", self.DEVICE)
+        self.set(0, 0, present=False)
 
 
-class ScreenSaver(Mock):
-    """Knows whether the display is off."""
+class ScreenSaver(StandIn):
+    """Knows whether the display is off. Of our own: dbusmock owns a name before it can answer."""
 
-    NAME, PATH = "org.freedesktop.ScreenSaver", "/org/freedesktop/ScreenSaver"
+    SERVICE = INTERFACE = "org.freedesktop.ScreenSaver"
+    PATH = "/org/freedesktop/ScreenSaver"
+    METHODS = {"GetActive": ""}
 
     def __init__(self, stack, active=False):
-        super().__init__(stack, stack.session_bus, self.NAME, self.PATH, self.NAME)
-        self._answer(active)
+        self.active = active
+        super().__init__(stack.session_bus)
 
-    def _answer(self, active):
-        self.call("AddMethod", "sssss", self.NAME, "GetActive", "", "b", f"ret = {active}")
+    def on_GetActive(self, message):
+        self.reply(message, "b", self.active)
 
     def set(self, active):
-        self._answer(active)
-        self.call("EmitSignal", "sssav", self.NAME, "ActiveChanged", "b",
-                  dbus.Array([dbus.Boolean(active, variant_level=1)], signature="v"))
+        self.active = active
+        signal = dbus.lowlevel.SignalMessage(self.PATH, self.INTERFACE, "ActiveChanged")
+        signal.append(active, signature="b")
+        self._served.send(signal)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
 
 
 class Logind(Mock):

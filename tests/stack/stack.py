@@ -197,6 +197,15 @@ class Stack:
             self._wait_for_groups()
         return self.service
 
+    def restart_service(self, **environment):
+        """Ends it in order, and starts it anew."""
+        if self.service.stop() != 0:
+            raise AssertionError(f"the service ended with status {self.service.status}\n{self.service.log()}")
+        for bus, name in ((self.session_bus, SESSION_NAME), (self.system_bus, SYSTEM_NAME)):
+            # The bus may notice later that its owner has gone.
+            until(lambda: not bus.owner(name), f"the end of the name {name}")
+        return self.start_service(**environment)
+
     def _program(self, name):
         """A copy that an ordinary user can reach, wherever the build lies."""
         target = self._path(f"bin/{name}")
