@@ -1,3 +1,4 @@
+#include "Core/file_limit.h"
 #include "DBus/service.h"
 
 #include <QCoreApplication>
@@ -67,6 +68,7 @@ void fillStandardDescriptors()
 int run(int argc, char *argv[])
 {
     fillStandardDescriptors();
+    Core::raiseFileLimit();
     QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("procwarden"));
     setUpSignals();

@@ -1,6 +1,7 @@
 """The service as a process: how it comes up, what keeps it from that, how it ends, what it costs at rest."""
 
 import os
+import resource
 import signal
 import threading
 
@@ -63,6 +64,32 @@ def test_absent_bus_ends_it(stack, variable, message):
     stack.start_helper()
     log = fails(stack, **{variable: "unix:path=/nonexistent/bus"})
     assert log[-2:] == [message, "Service registration failed"]
+
+
+@pytest.mark.parametrize("bus", ["session_bus", "system_bus"])
+def test_lost_bus_ends_it(service, bus):
+    """Nobody could reach it any more; whoever watches it starts it again."""
+    service.control.start(SAMPLE)
+    pids = descendants(service.service.pid)
+    getattr(service, bus).daemon.kill()
+    assert service.service.child.wait() == 1
+    assert "Lost the connection to a bus" in service.service.log().splitlines()
+    until(lambda: not any(is_running(pid) for pid in pids), "the end of the application")
+
+
+def test_descriptors_are_many_but_not_for_applications(service):
+    service.install_sample(sandbox=UNSANDBOXED)
+    service.control.reload()
+
+    def limits(pid):
+        with open(f"/proc/{pid}/limits") as file:
+            return next(line.split()[3:5] for line in file if line.startswith("Max open files"))
+
+    own = [str(limit) for limit in resource.getrlimit(resource.RLIMIT_NOFILE)]
+    assert limits(service.service.pid) == [own[1], own[1]]
+    started = service.control.start(SAMPLE)
+    service.sample(SAMPLE)
+    assert limits(started.pid) == own
 
 
 def test_absent_helper_ends_it(stack):

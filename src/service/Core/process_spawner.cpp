@@ -17,6 +17,8 @@
 
 #include "Core/process_spawner.h"
 
+#include "Core/file_limit.h"
+
 #include "Core/child_ipc.h"
 
 #include <QDebug>
@@ -78,6 +80,7 @@ void ProcessSpawnerPrivate::runChild(int readEnd, const sigset_t &mask,
                                      const ProcessSpawner::SetupChildCb &setupChild) noexcept
 {
     resetSignals(mask);
+    restoreFileLimit();
     // Close-on-exec, so the program starts without descriptor 0: it gets neither this pipe nor the
     // service's standard input. The call refuses a read end that is descriptor 0 already.
     if (::dup3(readEnd, STDIN_FILENO, O_CLOEXEC) == -1) {

@@ -14,6 +14,7 @@
 #include "DBus/tasks.h"
 #include "DBus/window_management.h"
 
+#include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDebug>
 #include <QLibrary>
@@ -56,19 +57,30 @@ bool registerNotificationName(QDBusConnection bus)
     return true;
 }
 
-/// libdbus stops to read when the messages that have been received and are still held make 63 MiB. When the
-/// last of them is let go it reads on, by an event source that belongs to the connection's thread and which
-/// Qt cannot switch on from another one: a single large message would leave the connection deaf for good. The
-/// bus itself limits what it sends.
+constexpr long noLimit = std::numeric_limits<long>::max();
+constexpr long descriptorsPerMessage = 253; // as many as the kernel passes on in one go, see unix(7)
+
+/// Calls a function of the bus library that Qt has no counterpart of.
+void setLimit(const QDBusConnection &bus, const char *function, long limit)
+{
+    using Function = void (*)(void *connection, long limit);
+    const auto set = reinterpret_cast<Function>(QLibrary::resolve(QStringLiteral("dbus-1"), 3, function));
+    void *const connection = bus.internalPointer();
+    if (set && connection) {
+        set(connection, limit);
+    }
+}
+
+/// libdbus stops to read when the messages that have been received and are still held make 63 MiB, or bring
+/// 4096 descriptors. When the last of them is let go it reads on, by an event source that belongs to the
+/// connection's thread and which Qt cannot switch on from another one: a single large message would leave the
+/// connection deaf for good. And a message of more than 16 descriptors, from a bus that allows more, would
+/// end it. The bus itself limits what it sends.
 void receiveWithoutLimit(const QDBusConnection &bus)
 {
-    using SetLimit = void (*)(void *connection, long bytes);
-    const auto setLimit = reinterpret_cast<SetLimit>(
-        QLibrary::resolve(QStringLiteral("dbus-1"), 3, "dbus_connection_set_max_received_size"));
-    void *const connection = bus.internalPointer();
-    if (setLimit && connection) {
-        setLimit(connection, std::numeric_limits<long>::max());
-    }
+    setLimit(bus, "dbus_connection_set_max_received_size", noLimit);
+    setLimit(bus, "dbus_connection_set_max_received_unix_fds", noLimit);
+    setLimit(bus, "dbus_connection_set_max_message_unix_fds", descriptorsPerMessage);
 }
 
 } // namespace
@@ -104,12 +116,28 @@ Service::~Service()
     Core::RuntimeController::instance()->killAll();
 }
 
+void Service::listenForTheEnd(QDBusConnection bus)
+{
+    bus.connect(QString(), QStringLiteral("/org/freedesktop/DBus/Local"),
+                QStringLiteral("org.freedesktop.DBus.Local"), QStringLiteral("Disconnected"), this,
+                SLOT(onDisconnected()));
+}
+
+// Nobody reaches a service without its bus, and Qt does not connect again: whoever started it has to do so.
+void Service::onDisconnected()
+{
+    qCritical() << "Lost the connection to a bus";
+    QCoreApplication::exit(EXIT_FAILURE);
+}
+
 bool Service::registerObjects()
 {
     const auto system = QDBusConnection::systemBus();
     const auto session = QDBusConnection::sessionBus();
     receiveWithoutLimit(system);
     receiveWithoutLimit(session);
+    listenForTheEnd(system);
+    listenForTheEnd(session);
     const QLatin1String controlPath("/org/kestrix/Procwarden/Control1");
     const QLatin1String taskInvokerPath("/org/kestrix/Procwarden/TaskInvoker1");
 

@@ -4,14 +4,16 @@
 
 #include <memory>
 
+class QDBusConnection;
+
 namespace DBus {
 
 class ServicePrivate;
 
 /// Owns the exported objects and claims the bus names.
 ///
-/// Making it brings up the runtime controller with its control groups and tracker; its end kills all that
-/// still runs.
+/// The loss of a bus ends the process with status 1. Making it brings up the runtime controller with its
+/// control groups and tracker; its end kills all that still runs.
 class Service : public QObject
 {
     Q_OBJECT
@@ -26,7 +28,12 @@ public:
     ///          then stays so.
     bool registerObjects();
 
+private slots:
+    void onDisconnected();
+
 private:
+    void listenForTheEnd(QDBusConnection bus);
+
     const std::unique_ptr<ServicePrivate> d;
 };
 
