@@ -40,6 +40,9 @@ LIMITS = {
     "session": """  <limit name="max_incoming_bytes">1000000000</limit>
   <limit name="max_outgoing_bytes">1000000000</limit>
   <limit name="max_message_size">1000000000</limit>
+  <limit name="max_incoming_unix_fds">250000000</limit>
+  <limit name="max_outgoing_unix_fds">250000000</limit>
+  <limit name="max_message_unix_fds">4096</limit>
   <limit name="max_replies_per_connection">50000</limit>
   <limit name="max_match_rules_per_connection">50000</limit>
 """,

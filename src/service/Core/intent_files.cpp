@@ -18,20 +18,19 @@ namespace IntentUtils {
 
 namespace {
 
-// Takes the descriptors from the budget. False if there are more of them.
-bool readDescriptors(const QDBusArgument &argument, QVector<FileDescriptor> &descriptors, int &budget)
+// A message can name each of its descriptors any number of times. One more than can be passed on is enough
+// for those to be refused who are asked to.
+QVector<FileDescriptor> readDescriptors(const QDBusArgument &argument)
 {
+    QVector<FileDescriptor> descriptors;
     argument.beginArray();
-    while (!argument.atEnd()) {
-        if (--budget < 0) {
-            return false;
-        }
+    while (!argument.atEnd() && descriptors.size() <= FileDescriptor::maximumPerMessage) {
         QDBusUnixFileDescriptor descriptor;
         argument >> descriptor;
         descriptors.append(FileDescriptor(descriptor.fileDescriptor()));
     }
     argument.endArray();
-    return true;
+    return descriptors;
 }
 
 // The text at a place where a file's name or URI stands, as a name.
@@ -145,7 +144,6 @@ void FileExporter::lower()
 
 QVariantMap cleanHints(const QVariantMap &hints)
 {
-    int budget = FileDescriptor::maximumPerMessage;
     QVariantMap clean;
     for (auto it = hints.begin(); it != hints.end(); ++it) {
         if (it->userType() != qMetaTypeId<QDBusArgument>()) {
@@ -154,15 +152,12 @@ QVariantMap cleanHints(const QVariantMap &hints)
         }
         const auto argument = it->value<QDBusArgument>();
         const QString signature = argument.currentSignature();
-        QVector<FileDescriptor> descriptors;
         if (signature == QLatin1String("as")) {
             clean.insert(it.key(), qdbus_cast<QStringList>(argument));
-        } else if (signature != QLatin1String("ah")) {
-            qWarning() << "Unexpected complex D-Bus type for hint" << it.key();
-        } else if (readDescriptors(argument, descriptors, budget)) {
-            clean.insert(it.key(), QVariant::fromValue(descriptors));
+        } else if (signature == QLatin1String("ah")) {
+            clean.insert(it.key(), QVariant::fromValue(readDescriptors(argument)));
         } else {
-            qWarning() << "Too many file descriptors in hint" << it.key();
+            qWarning() << "Unexpected complex D-Bus type for hint" << it.key();
         }
     }
     return clean;

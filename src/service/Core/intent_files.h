@@ -13,7 +13,8 @@ namespace IntentUtils {
 
 /// The hints of a message as plain values. Nested values come as raw D-Bus arguments: a list of strings
 /// becomes a QStringList and an array of descriptors a QVector<FileDescriptor>, each descriptor duplicated.
-/// Any other raw argument is left out, with a warning.
+/// Of more descriptors than the portal can be given, one too many is kept: sharing them fails. Any other raw
+/// argument is left out, with a warning.
 [[nodiscard]] QVariantMap cleanHints(const QVariantMap &hints);
 
 /// The request data with the names of shared files replaced, the paths of these files, and the last failure.
