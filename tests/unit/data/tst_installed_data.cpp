@@ -1,6 +1,7 @@
 #include "Core/application_id.h"
 #include "Core/oom_controller.h"
 #include "Core/resource_configuration.h"
+#include "Core/task_config.h"
 #include "Core/version_overrides.h"
 #include "support/log_capture.h"
 
@@ -98,6 +99,9 @@ private slots:
 
     void memorySampleHoldsValidThresholds_data();
     void memorySampleHoldsValidThresholds();
+
+    void taskSampleShowsTheDefault();
+    void tasksAreNeverFrozen();
 
     void interfacesAreDocumented_data();
     void interfacesAreDocumented();
@@ -269,6 +273,30 @@ void InstalledDataTest::memorySampleHoldsValidThresholds()
     QCOMPARE(controller.checkIntervalMsecLowMem(), 2000);
     QCOMPARE(controller.checkIntervalMsecCriticalMem(), 1000);
     QCOMPARE(controller.notificationUnfreezeMsec(), 5000);
+}
+
+void InstalledDataTest::taskSampleShowsTheDefault()
+{
+    const QString root = m_directory.filePath(QStringLiteral("tasks"));
+    QVERIFY(QDir(root).mkpath(QStringLiteral("etc")));
+    QVERIFY(QFile::link(dataPath(QString()), root + QStringLiteral("/etc/procwarden")));
+    qputenv("PROCWARDEN_ROOTFS", root.toUtf8());
+    const Core::TaskConfig config;
+    const QSettings sample(root + QStringLiteral("/etc/procwarden/tasks.cfg"), QSettings::IniFormat);
+    qputenv("PROCWARDEN_ROOTFS", m_directory.filePath(QStringLiteral("nowhere")).toUtf8());
+    const Core::TaskConfig builtIn;
+    qunsetenv("PROCWARDEN_ROOTFS");
+    QCOMPARE(sample.allKeys(), QStringList(QStringLiteral("MaxTasksPerApp")));
+    QCOMPARE(config.maxTasksPerApp(), 5);
+    QCOMPARE(builtIn.maxTasksPerApp(), 5);
+}
+
+void InstalledDataTest::tasksAreNeverFrozen()
+{
+    const Core::ResourceConfiguration configuration;
+    const QVariantMap settings = configuration.settingsFor(QStringLiteral("background"), backend);
+    QVERIFY(!settings.isEmpty());
+    QVERIFY(!settings.contains(QStringLiteral("freezer.state")));
 }
 
 void InstalledDataTest::interfacesAreDocumented_data()
