@@ -5,6 +5,7 @@ import os
 import dbus
 import dbus.lowlevel
 
+from .monitor import plain
 from .process import Child
 from .standin import StandIn
 from .waiting import until
@@ -121,3 +122,69 @@ class Logind(Mock):
         """Who holds one, as [what, who, why, mode] each."""
         return [[str(text) for text in record[:4]]
                 for record in self.call("ListInhibitors", interface=self.MANAGER)]
+
+
+class TimedDaemon(StandIn):
+    """Where events are left; fire() makes the call of one, as at its time.
+
+    refuse: an error name, with which every call is answered. hold(): answers to "add_event" wait for release().
+    """
+
+    SERVICE = "org.kestrix.Procwarden.Events"
+    PATH = "/org/kestrix/Procwarden/Events1"
+    INTERFACE = "org.kestrix.Procwarden.Events1"
+    METHODS = {"add_event": "(a{ss}bsa(aiaiaiaiaiaiss)a(ssssbb))", "cancel": "u"}
+
+    def __init__(self, stack):
+        self.events = {} # cookie -> event
+        self.cancelled = [] # cookies, in order
+        self.refuse = None
+        self._next = 17
+        self._held = None
+        super().__init__(stack.session_bus)
+
+    def on_add_event(self, message, event):
+        if self.refuse:
+            self.fail(message, self.refuse, "not now")
+        elif self._held is not None:
+            self._held.append((message, event))
+        else:
+            self._add(message, event)
+
+    def _add(self, message, event):
+        self.events[self._next] = plain(event)
+        self.reply(message, "u", self._next)
+        self._next += 1
+
+    def on_cancel(self, message, cookie):
+        self.cancelled.append(int(cookie))
+        if self.events.pop(int(cookie), None) is None:
+            self.fail(message, "org.freedesktop.DBus.Error.InvalidArgs", "no such event")
+        else:
+            self.reply(message, "")
+
+    def hold(self):
+        self._held = []
+
+    def release(self):
+        def answer():
+            held, self._held = self._held, None
+            for message, event in held:
+                self._add(message, event)
+        self.on_loop(answer)
+
+    def fire(self, cookie=None, **attributes):
+        """Calls back for the event of a cookie, or with these attributes."""
+        if cookie is not None:
+            attributes = self.events[cookie][0]
+        call = dbus.lowlevel.MethodCallMessage("org.kestrix.Procwarden", "/org/kestrix/Procwarden/Timed",
+                                               "org.kestrix.Procwarden.Timed", "EventTriggered")
+        call.append(dbus.Dictionary(attributes, signature="sv"), signature="a{sv}")
+        call.set_no_reply(True)
+        self._served.send(call)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
