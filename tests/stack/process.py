@@ -32,12 +32,15 @@ def is_running(pid):
     return found is not None and found[0] != "Z"
 
 
-def descendants(pid):
-    """Ids of the running processes whose chain of parents leads to pid, itself not among them."""
+def descendants(pid, ended=False):
+    """Ids of the running processes whose chain of parents leads to pid, itself not among them.
+
+    With ended, also of those that have ended and only wait to be reaped.
+    """
     parents = {}
     for name in os.listdir("/proc"):
         found = _state_and_parent(name) if name.isdigit() else None
-        if found and found[0] != "Z":
+        if found and (ended or found[0] != "Z"):
             parents[int(name)] = found[1]
     result, fresh = set(), {pid}
     while fresh:
