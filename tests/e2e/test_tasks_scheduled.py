@@ -112,7 +112,8 @@ def test_each_call_runs_the_task_once(timed):
 
 
 @pytest.mark.parametrize("attributes", [
-    {"eventId": task_id("other")}, {"eventId": task_id("late") + "x"}, {"eventId": SAMPLE}, {"APPLICATION": "Procwarden"},
+    {"eventId": task_id("other")}, {"eventId": task_id("late") + "x"}, {"eventId": SAMPLE},
+    {"APPLICATION": "Procwarden"},
     {}, {"eventId": ""}, {"eventId": 5}, {"eventId": dbus.Array([task_id("late")] * 2, signature="s")},
     {"eventId": tasker.variant_map({"a": 1})},
 ])

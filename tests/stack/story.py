@@ -3,7 +3,7 @@
 import os
 import subprocess
 
-from . import cgroups, intent_story, shortage
+from . import cgroups, intent_story, shortage, task_story
 from .client import BusError
 from .process import descendants, is_running
 from .stack import Stack
@@ -25,6 +25,10 @@ def tell():
         _steal_notification(stack)
         intent_story.tell(stack)
         _end(stack)
+        directory, uid = stack.directory, stack.user.uid
+    _nothing_left(directory, uid)
+    with Stack() as stack:
+        task_story.tell(stack)
         directory, uid = stack.directory, stack.user.uid
     _nothing_left(directory, uid)
     # A service reads its thresholds when it starts, so this is one of its own.
