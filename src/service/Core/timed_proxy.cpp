@@ -153,10 +153,11 @@ TimedProxy *TimedProxy::instance()
     return proxy;
 }
 
-TimedProxy::TimedProxy(const QDBusConnection &bus, QObject *parent)
+TimedProxy::TimedProxy(const QDBusConnection &bus, QObject *parent, int replyTimeoutMs)
     : QObject(parent)
     , d(std::make_unique<TimedProxyPrivate>(this, bus))
 {
+    d->timed.setTimeout(replyTimeoutMs);
     qRegisterMetaType<CookieId>("CookieId");
 }
 

@@ -30,11 +30,16 @@ public:
     /// Failed, also if it is absent, does not answer in time or answers something that is no cookie.
     using AddCallback = std::function<void(CookieId cookie, const Error &error)>;
 
+    /// What the bus itself sets when nothing is said. The daemon may have to be started first.
+    static constexpr int defaultReplyTimeoutMs = 25000;
+
     /// On the session bus; made at the first use.
     static TimedProxy *instance();
 
     /// @p bus is where the daemon's calls arrive. The daemon itself is called on the session bus.
-    explicit TimedProxy(const QDBusConnection &bus, QObject *parent = nullptr);
+    /// @p replyTimeoutMs: how long it has to answer.
+    explicit TimedProxy(const QDBusConnection &bus, QObject *parent = nullptr,
+                        int replyTimeoutMs = defaultReplyTimeoutMs);
 
     /// Drops the callbacks of calls that are still out.
     ~TimedProxy() override;

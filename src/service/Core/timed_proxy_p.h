@@ -21,7 +21,7 @@ public:
     TimedProxyPrivate(TimedProxy *owner, const QDBusConnection &bus);
     ~TimedProxyPrivate() override;
 
-    /// Calls the daemon. The call always finishes, later, at the latest when the bus's default time is over.
+    /// Calls the daemon. The call always finishes, later, at the latest when the time-out is over.
     QDBusPendingCall ask(const QString &method, const QVariant &argument);
 
     Maemo::Timed::Interface timed;
