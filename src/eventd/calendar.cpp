@@ -104,7 +104,7 @@ bool hasTimeWithin(const WireRecurrence &recurrence, const QTime &from, const QT
 bool parseTime(const QString &text, QDateTime *time)
 {
     static const QRegularExpression form(QRegularExpression::anchoredPattern(
-        QStringLiteral("(\\d{4}-\\d\\d-\\d\\d)T(\\d\\d:\\d\\d)(:\\d\\d)?")));
+        QStringLiteral("(\\d{4}-\\d\\d-\\d\\d)T((?:[01]\\d|2[0-3]):\\d\\d)(:\\d\\d)?")));
     const QRegularExpressionMatch match = form.match(text);
     if (!match.hasMatch()) {
         return false;
@@ -126,8 +126,10 @@ bool parseLimit(const QString &text, QDateTime *time)
 
 QDateTime instant(const QDateTime &time)
 {
-    return QDateTime::fromSecsSinceEpoch(
-        QDateTime(time.date(), time.time(), Qt::LocalTime).toSecsSinceEpoch());
+    const qint64 seconds = QDateTime(time.date(), time.time(), Qt::LocalTime).toSecsSinceEpoch();
+    QDateTime shown = QDateTime::fromSecsSinceEpoch(seconds);
+    shown.setTimeSpec(Qt::UTC); // what the clocks show then: earlier if they leave out what is wanted
+    return QDateTime::fromSecsSinceEpoch(seconds + shown.secsTo(time));
 }
 
 QStringList expressions(const WireEvent &event)

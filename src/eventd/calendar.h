@@ -24,7 +24,7 @@ constexpr int lastYear = 2199;
 /// Whether @p text is empty or an ISO 8601 time; @p time is invalid if it is empty.
 [[nodiscard]] bool parseLimit(const QString &text, QDateTime *time);
 
-/// When a single event is due. A time that the clocks leave out comes as the one that they show instead.
+/// When a single event is due. A time that the clocks leave out comes as much later as they are put forward.
 QDateTime instant(const QDateTime &time);
 
 /// Values of `OnCalendar=` of an event, each the text of one line.
