@@ -6,6 +6,7 @@
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QRegularExpression>
 #include <QSaveFile>
 #include <QSet>
@@ -31,7 +32,7 @@ namespace {
 
 using Maemo::Timed::WireEvent;
 
-constexpr int lockTimeoutMs = 5000; // far more than what anybody does with the lock
+constexpr int lockTimeoutMs = 2000; // far more than what anybody does with the lock
 constexpr int lockIntervalMs = 10;
 
 Failure failure(const QString &what, const QString &path, const QString &reason)
@@ -83,8 +84,14 @@ private:
 
 Failure write(const QString &path, const QByteArray &content)
 {
+    if (QFileInfo(path).isSymLink()) {
+        QFile::remove(path); // what it points to is not ours
+    }
     QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size() || !file.commit()) {
+    // Without the flush, what a full disk does not take would be missing from a file that commit() finds
+    // good.
+    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size() || !file.flush()
+        || !file.commit()) {
         return failure(QStringLiteral("write"), path, file.errorString());
     }
     return Failure();

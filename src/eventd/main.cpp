@@ -1,5 +1,6 @@
 #include "event_store.h"
 #include "events_object.h"
+#include "idle_end.h"
 #include "trigger.h"
 #include "user_manager.h"
 
@@ -9,7 +10,6 @@
 #include <QDBusConnection>
 #include <QDBusError>
 #include <QDebug>
-#include <QTimer>
 
 #include <cstdio>
 
@@ -19,8 +19,6 @@
 
 namespace {
 
-constexpr int idleTimeoutMs = 60000; // without a call
-constexpr int lingerMs = 1000; // for calls that were on their way when the name was given back
 constexpr int usageStatus = 2;
 
 /// Ends the program when the bus goes: without it nobody can reach it.
@@ -30,43 +28,6 @@ class BusWatch : public QObject
 
 public slots:
     void onDisconnected() { QCoreApplication::exit(0); }
-};
-
-/// Ends the program once nobody has called for a while. The name goes first, so that the bus starts the
-/// program anew for later calls; those that came before it went are still answered.
-class IdleEnd : public QObject
-{
-public:
-    IdleEnd(const QDBusConnection &bus, const Eventd::EventsObject *events)
-        : m_bus(bus)
-        , m_events(events)
-    {
-        m_timer.setSingleShot(true);
-        connect(&m_timer, &QTimer::timeout, this, &IdleEnd::onTimeout);
-        connect(events, &Eventd::EventsObject::busyChanged, this, &IdleEnd::restart);
-        restart();
-    }
-
-private:
-    void restart() { m_timer.start(m_nameIsGone ? lingerMs : idleTimeoutMs); }
-
-    void onTimeout()
-    {
-        if (m_events->isBusy()) {
-            restart();
-        } else if (m_nameIsGone) {
-            QCoreApplication::quit();
-        } else {
-            m_nameIsGone = true;
-            m_bus.unregisterService(QString::fromLatin1(Maemo::Timed::wireService));
-            restart();
-        }
-    }
-
-    QDBusConnection m_bus;
-    const Eventd::EventsObject *const m_events;
-    QTimer m_timer;
-    bool m_nameIsGone = false;
 };
 
 int fire(const QDBusConnection &bus, Eventd::EventStore *store, Eventd::UserManager *manager,
@@ -99,11 +60,14 @@ int serve(QDBusConnection bus, Eventd::EventStore *store, Eventd::UserManager *m
         qCritical() << "Cannot register the object of the events";
         return 1;
     }
-    if (!bus.registerService(QString::fromLatin1(Maemo::Timed::wireService))) {
+    const QString name = QString::fromLatin1(Maemo::Timed::wireService);
+    if (!bus.registerService(name)) {
         qCritical() << "Cannot own the bus name of the events:" << bus.lastError().message();
         return 1;
     }
-    IdleEnd idleEnd(bus, &events);
+    Eventd::IdleEnd idleEnd(bus, name, [&events] { return events.isBusy(); });
+    QObject::connect(&events, &Eventd::EventsObject::busyChanged, &idleEnd, &Eventd::IdleEnd::restart);
+    QObject::connect(&idleEnd, &Eventd::IdleEnd::over, QCoreApplication::instance(), &QCoreApplication::quit);
     events.restore();
     return QCoreApplication::exec();
 }

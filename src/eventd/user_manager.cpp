@@ -24,10 +24,14 @@ constexpr int reloadTimeoutMs = 60000; // reads all units there are; nobody wait
 
 QString describe(const QDBusError &error)
 {
+    const auto absent = QStringLiteral("The systemd user manager is not on the session bus");
+    if (error.name() == QLatin1String("org.freedesktop.DBus.Error.NameHasNoOwner")) {
+        return absent;
+    }
     switch (error.type()) {
     case QDBusError::ServiceUnknown:
     case QDBusError::Disconnected:
-        return QStringLiteral("The systemd user manager is not on the session bus");
+        return absent;
     case QDBusError::NoReply:
     case QDBusError::Timeout:
     case QDBusError::TimedOut:
