@@ -19,7 +19,6 @@ namespace Eventd {
 
 namespace {
 
-constexpr int replyTimeoutMs = 10000; // below the 25 s for which our own callers wait
 constexpr int reloadTimeoutMs = 60000; // reads all units there are; nobody waits for it
 
 QString describe(const QDBusError &error)
@@ -56,18 +55,19 @@ QDBusMessage managerCall(const QString &method, const QVariantList &arguments)
 class UserManagerPrivate
 {
 public:
-    explicit UserManagerPrivate(const QDBusConnection &connection)
+    UserManagerPrivate(const QDBusConnection &connection, int limitMs)
         : bus(connection)
+        , timeoutMs(limitMs)
     {
     }
 
-    QDBusPendingCall ask(const QDBusMessage &call, int timeoutMs)
+    QDBusPendingCall ask(const QDBusMessage &call, int limitMs)
     {
         if (!bus.isConnected()) {
             // Left to itself, Qt makes a pending call of this that never finishes.
             return QDBusPendingCall::fromError(QDBusError(QDBusError::Disconnected, QString()));
         }
-        return bus.asyncCall(call, timeoutMs);
+        return bus.asyncCall(call, limitMs);
     }
 
     /// Answers the oldest start of @p unit, if any is out.
@@ -82,13 +82,14 @@ public:
     }
 
     QDBusConnection bus;
+    const int timeoutMs;
     QMultiHash<QString, UserManager::Callback> starts; ///< unit -> who waits; removed when its job has ended
     std::optional<bool> mayWake; ///< once known
 };
 
-UserManager::UserManager(const QDBusConnection &bus, QObject *parent)
+UserManager::UserManager(const QDBusConnection &bus, QObject *parent, int timeoutMs)
     : QObject(parent)
-    , d(std::make_unique<UserManagerPrivate>(bus))
+    , d(std::make_unique<UserManagerPrivate>(bus, timeoutMs))
 {
     d->bus.connect(QStringLiteral("org.freedesktop.systemd1"), QStringLiteral("/org/freedesktop/systemd1"),
                    QStringLiteral("org.freedesktop.systemd1.Manager"), QStringLiteral("JobRemoved"), this,
@@ -101,14 +102,14 @@ void UserManager::start(const QString &unit, const Callback &callback)
 {
     d->starts.insert(unit, callback);
     const QDBusMessage call = managerCall(QStringLiteral("StartUnit"), { unit, QStringLiteral("replace") });
-    auto *watcher = new QDBusPendingCallWatcher(d->ask(call, replyTimeoutMs), this);
+    auto *watcher = new QDBusPendingCallWatcher(d->ask(call, d->timeoutMs), this);
     connect(watcher, &QDBusPendingCallWatcher::finished, this, [this, unit](QDBusPendingCallWatcher *done) {
         done->deleteLater();
         if (done->isError()) {
             d->finish(unit, describe(done->error()));
             return;
         }
-        QTimer::singleShot(replyTimeoutMs, this, [this, unit] {
+        QTimer::singleShot(d->timeoutMs, this, [this, unit] {
             d->finish(unit, QStringLiteral("The systemd user manager does not start %1 in time").arg(unit));
         });
     });
@@ -117,7 +118,7 @@ void UserManager::start(const QString &unit, const Callback &callback)
 void UserManager::stop(const QString &unit, const Callback &callback)
 {
     const QDBusMessage call = managerCall(QStringLiteral("StopUnit"), { unit, QStringLiteral("replace") });
-    auto *watcher = new QDBusPendingCallWatcher(d->ask(call, replyTimeoutMs), this);
+    auto *watcher = new QDBusPendingCallWatcher(d->ask(call, d->timeoutMs), this);
     connect(watcher, &QDBusPendingCallWatcher::finished, this, [callback](QDBusPendingCallWatcher *done) {
         done->deleteLater();
         const bool isUnknown = done->error().name() == QLatin1String("org.freedesktop.systemd1.NoSuchUnit");
@@ -146,7 +147,7 @@ void UserManager::canWake(const std::function<void(bool)> &callback)
         QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
         QStringLiteral("org.freedesktop.DBus"), QStringLiteral("GetConnectionUnixProcessID"));
     call << QStringLiteral("org.freedesktop.systemd1");
-    auto *watcher = new QDBusPendingCallWatcher(d->ask(call, replyTimeoutMs), this);
+    auto *watcher = new QDBusPendingCallWatcher(d->ask(call, d->timeoutMs), this);
     connect(watcher, &QDBusPendingCallWatcher::finished, this,
             [this, callback](QDBusPendingCallWatcher *done) {
                 done->deleteLater();

@@ -26,7 +26,11 @@ public:
     /// An empty text, or what a person is told.
     using Callback = std::function<void(const QString &failure)>;
 
-    explicit UserManager(const QDBusConnection &bus, QObject *parent = nullptr);
+    static constexpr int defaultTimeoutMs = 10000; // below the 25 s for which our own callers wait
+
+    /// @p timeoutMs: for an answer, and again for the start of a unit.
+    explicit UserManager(const QDBusConnection &bus, QObject *parent = nullptr,
+                         int timeoutMs = defaultTimeoutMs);
     ~UserManager() override;
 
     /// Starts a unit. That of a timer has succeeded when the timer waits, or has elapsed.
