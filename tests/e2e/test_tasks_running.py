@@ -9,6 +9,7 @@ import dbus
 import pytest
 
 import tasker
+from stack.client import BusError
 from stack.process import descendants, is_running
 from stack.waiting import until
 from tasker import SAMPLE, Invoker, task_id
@@ -166,6 +167,40 @@ def test_time_of_workers_is_configured(stack, value, limited):
         # By then the worker would have ended.
         tasker.wait_ended(stack, "odd")
         assert tasker.is_running(stack)
+
+
+def report(process, progress):
+    """A notification that says how far the task is."""
+    hints = tasker.variant_map({"x-nemo-progress": dbus.Double(progress)})
+    process.call_service_with("org.kestrix.Procwarden /org/freedesktop/Notifications org.freedesktop.Notifications "
+                              "Notify", "", dbus.UInt32(0), "", "Working", "", dbus.Array([], signature="s"), hints,
+                              dbus.Int32(-1))
+
+
+@pytest.mark.parametrize("reports, extended", [
+    ([.1, .2, .3, .4, .5, .6, .7, .8, .9, .99], True), ([.1] * 10, False), ([1] * 10, False), ([-1] * 10, False),
+    ([.9, .8, .7, .6, .5, .4, .3, .2, .1, 0], False),
+])
+@pytest.mark.parametrize("name", ["work", "odd"])
+def test_rising_progress_extends_a_workers_time(tasks, name, reports, extended):
+    tasker.start(tasks, name, RunningTime=2, Priority=0)
+    tasker.start(tasks, "often", RunningTime=60)
+    process, clock = tasker.wait_running(tasks, name), tasker.wait_running(tasks, "often")
+    before = clock.ticks()
+
+    def work():
+        for count, progress in enumerate(reports, start=1):
+            report(process, progress)
+            until(lambda: clock.ticks() >= before + 20 * count, "time to pass") # 400 ms
+
+    if extended and name == "work":
+        work()
+        assert tasker.is_running(tasks, name)
+    else:
+        # It has ended before it could say all.
+        with pytest.raises(BusError):
+            work()
+        tasker.wait_ended(tasks, name)
 
 
 # --- the end ---

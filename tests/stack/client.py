@@ -1,5 +1,6 @@
 """Calls of the service's interfaces, with the types that they have on the bus."""
 
+import re
 import threading
 from dataclasses import dataclass
 
@@ -173,6 +174,13 @@ class SampleClient:
         """A call made by the application itself: target is "service path interface method"."""
         return self.call("Call", "sas", target, dbus.Array(arguments, signature="s"))
 
+    def call_service_with(self, target, *arguments):
+        """The same with arguments of other types than text. Raises BusError for an error reply."""
+        reply = self.call("CallWith", "sav", target, dbus.Array(arguments, signature="v"))
+        error = re.fullmatch(r"(?s)error ([\w.]+): (.*)", reply[0]) if reply else None
+        if error:
+            raise BusError(*error.groups())
+        return reply
 
     def run(self, *command, limit=LIMIT):
         """Runs a program as a part of the application; returns its exit code and all that it printed."""

@@ -105,14 +105,21 @@ QStringList Sample::OpenFiles() const
 
 QStringList Sample::Call(const QString &target, const QStringList &arguments)
 {
+    QVariantList values;
+    for (const QString &argument : arguments) {
+        values.append(argument);
+    }
+    return CallWith(target, values);
+}
+
+QStringList Sample::CallWith(const QString &target, const QVariantList &arguments)
+{
     const QStringList parts = target.split(QLatin1Char(' '));
     if (parts.size() != 4) {
         return { errorText(QStringLiteral("target"), target) };
     }
     QDBusMessage call = QDBusMessage::createMethodCall(parts.at(0), parts.at(1), parts.at(2), parts.at(3));
-    for (const QString &argument : arguments) {
-        call << argument;
-    }
+    call.setArguments(arguments);
     const QDBusMessage reply = QDBusConnection::sessionBus().call(call);
     if (reply.type() == QDBusMessage::ErrorMessage) {
         return { errorText(reply.errorName(), reply.errorMessage()) };

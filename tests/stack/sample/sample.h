@@ -51,6 +51,8 @@ public slots:
     /// Calls `method` (`service path interface method`) with string arguments, from this process.
     /// Returns the reply's arguments as text, or `error <name>: <message>` as the only element.
     QStringList Call(const QString &target, const QStringList &arguments);
+    /// The same with arguments of any type.
+    QStringList CallWith(const QString &target, const QVariantList &arguments);
     /// Starts a child that does nothing; in a group of its own if asked for. Returns its pid as seen here.
     int SpawnChild(bool ownGroup);
     /// Runs a program, path and arguments, as a child in this process's group. Answers when it has ended,
