@@ -197,9 +197,11 @@ bool TaskManagerPrivate::isAtLimit(const ApplicationTaskId &taskId) const
         return false;
     }
     const QString prefix = taskId.toString() + QStringLiteral(".task_");
-    return std::count_if(records.keyBegin(), records.keyEnd(),
-                         [&prefix](const QString &key) { return key.startsWith(prefix); })
-        >= limit;
+    int count = 0;
+    for (auto it = records.lowerBound(prefix); it != records.cend() && it.key().startsWith(prefix); ++it) {
+        ++count;
+    }
+    return count >= limit;
 }
 
 Error TaskManagerPrivate::makeRecord(const TaskRequest &request, const ApplicationInfo::TaskInfo &taskInfo,

@@ -10,7 +10,7 @@
 #include "Core/task_startup_info.h"
 #include "Core/user_settings.h"
 
-#include <QHash>
+#include <QMap>
 #include <QSharedPointer>
 #include <QTimer>
 
@@ -82,8 +82,9 @@ public:
 
     QObject *const q;
     const TaskProcesses processes;
-    QHash<QString, QSharedPointer<TaskRecord>> records; // whole id text -> record, removed by removeTask(),
-                                                        // a worker's also by onTaskTerminated()
+    // Whole id text -> record, removed by removeTask(), a worker's also by onTaskTerminated(). In order, so
+    // that the tasks of an application stand side by side.
+    QMap<QString, QSharedPointer<TaskRecord>> records;
     UserSettings settings;
     TaskConfig config;
     const qint32 workerMaxTime; // s
