@@ -72,6 +72,8 @@ private slots:
     void scheduleAndStartTimeBothHaveToFire();
 
     void removalCancelsTheEvent();
+    void removalFindsTheCookieOfAFile_data();
+    void removalFindsTheCookieOfAFile();
     void removalWithoutACookieIsSentToo();
     void removalBeforeTheAnswerCancelsWhatCameOfIt();
     void proxyOfTheProcessIsTheDefault();
@@ -450,6 +452,31 @@ void tst_ConditionSchedule::removalCancelsTheEvent()
     QTRY_COMPARE(calls(cancel).size(), 1);
     QCOMPARE(calls(cancel).first().signature(), QStringLiteral("u"));
     QCOMPARE(calls(cancel).first().arguments().first().toUInt(), 7U);
+}
+
+void tst_ConditionSchedule::removalFindsTheCookieOfAFile_data()
+{
+    QTest::addColumn<QVariant>("stored");
+    QTest::addColumn<quint32>("cancelled");
+
+    QTest::newRow("number of JSON") << QVariant(4000000000.0) << 4000000000U;
+    QTest::newRow("text") << QVariant(QStringLiteral("7")) << 7U;
+    QTest::newRow("nonsense") << QVariant(QStringLiteral("x")) << 0U;
+    QTest::newRow("map") << QVariant(QVariantMap()) << 0U;
+}
+
+void tst_ConditionSchedule::removalFindsTheCookieOfAFile()
+{
+    QFETCH(const QVariant, stored);
+    QFETCH(const quint32, cancelled);
+
+    answerWithCookie(8);
+    ConditionSchedule condition(task, QVariantMap(), nullptr, m_proxy.get());
+    condition.restoreConfig({ { QStringLiteral("cookieId"), stored } });
+    condition.taskRemoved();
+    QTRY_COMPARE(calls(cancel).size(), 1);
+    QCOMPARE(calls(cancel).first().arguments().first().toUInt(), cancelled);
+    QCOMPARE(calls(add).size(), 0);
 }
 
 void tst_ConditionSchedule::removalWithoutACookieIsSentToo()

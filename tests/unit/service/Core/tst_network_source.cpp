@@ -77,7 +77,7 @@ void tst_NetworkSource::interfaceThatComesUpIsEthernet()
     QVERIFY(ip("link set eth0 up"));
     QVERIFY(ip("link set peer0 up"));
     QTRY_VERIFY(source->isOnline());
-    QVERIFY(changes.size() > 0);
+    QVERIFY(!changes.isEmpty());
     QCOMPARE(NetworkSource::connectionType(source->bearerType()), 1);
     QVERIFY(ip("link delete eth0"));
     QTRY_VERIFY(!source->isOnline());
