@@ -34,7 +34,8 @@ public:
         : m_inotify(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC))
     {
         // With its opening, since two events that are alike would be one.
-        if (::inotify_add_watch(m_inotify, QFile::encodeName(path).constData(), IN_OPEN | IN_CLOSE_WRITE) < 0) {
+        if (::inotify_add_watch(m_inotify, QFile::encodeName(path).constData(), IN_OPEN | IN_CLOSE_WRITE)
+            < 0) {
             qFatal("no file to watch");
         }
     }
@@ -78,6 +79,7 @@ private slots:
     void unknownApplicationIsLeftAlone();
     void withoutTimeEachCallIsWarnedAbout_data();
     void withoutTimeEachCallIsWarnedAbout();
+    void thereIsNoTimeForAnotherReason();
 
 private:
     void makeController(int thawMs);
@@ -281,6 +283,16 @@ void tst_ClientThaw::withoutTimeEachCallIsWarnedAbout()
     letRun(frozen);
     letRun(QStringLiteral("org.example.Missing"));
     QCOMPARE(log.messages(), QStringList({ noTime, noTime, noTime }));
+    QCOMPARE(m_runtime->frozenState(frozen), QByteArrayLiteral("hidden"));
+}
+
+void tst_ClientThaw::thereIsNoTimeForAnotherReason()
+{
+    makeController(50);
+    start(frozen, ApplicationState::Hidden);
+    const LogCapture log;
+    m_controller->letClientRun(frozen, static_cast<UnfreezeReason>(1));
+    QCOMPARE(log.messages(), QStringList(noTime));
     QCOMPARE(m_runtime->frozenState(frozen), QByteArrayLiteral("hidden"));
 }
 

@@ -4,6 +4,10 @@
 
 #include "support/log_capture.h"
 
+#include <poll.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 using Core::ApplicationInstanceId;
 using Core::ApplicationState;
 using Core::MemoryLevel;
@@ -20,6 +24,16 @@ const QString frozenOne = QStringLiteral("policy.two.One");
 const QString frozenTwo = QStringLiteral("policy.two.Two");
 const QString withChildren = QStringLiteral("org.example.Parent"); // of two
 const QString family = QStringLiteral("org.example.Family"); // of seven
+
+/// Whether a process goes on running for longer than one takes to die that was killed before.
+bool staysAlive(pid_t pid)
+{
+    const int fd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+    pollfd waited = { fd, POLLIN, 0 };
+    const bool alive = fd >= 0 && ::poll(&waited, 1, 200) == 0;
+    ::close(fd);
+    return alive;
+}
 
 const QString nobodyLeft = QStringLiteral("No candidates for killing, early OOM aborted.");
 
@@ -300,7 +314,7 @@ void tst_EarlyOom::deathOfAnApplicationIsAnnouncedFirst()
     bool alive = false;
     ApplicationState state = ApplicationState::NotRunning;
     connect(m_controller, &RuntimeController::processSelectedByOom, m_controller, [&](const QString &id) {
-        alive = RuntimeFixture::isAlive(pid);
+        alive = staysAlive(pid);
         state = m_controller->state(id);
     });
     m_runtime->setLevel(MemoryLevel::Critical);
