@@ -263,6 +263,18 @@ public:
         }
     }
 
+    /// From now on it can only be killed, or told to continue. False if it does not come to that.
+    static bool stop(pid_t pid)
+    {
+        sendSignal(pid, SIGSTOP);
+        return QTest::qWaitFor(
+            [pid] {
+                QFile status(QStringLiteral("/proc/%1/status").arg(pid));
+                return status.open(QFile::ReadOnly) && status.readAll().contains("\nState:\tT");
+            },
+            20000);
+    }
+
     /// Ends an application with all of its children, as they would otherwise outlive the test.
     static void killGroup(pid_t leader)
     {

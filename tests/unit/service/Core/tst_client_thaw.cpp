@@ -20,12 +20,6 @@ const QString frozen = QStringLiteral("policy.two.App");
 
 const QString noTime = QStringLiteral("Notification unfreeze timeout is invalid!");
 
-bool isStopped(pid_t pid)
-{
-    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
-    return status.open(QFile::ReadOnly) && status.readAll().contains("\nState:\tT");
-}
-
 /// Counts how often a file has been written from now on, also when nobody looked in between.
 class Writes
 {
@@ -205,8 +199,7 @@ void tst_ClientThaw::stateThatHasNoSettingsIsLeftAlone()
     start(frozen, ApplicationState::Hidden);
     // So that it outlives the request, which would overtake a stop that is still under way.
     const pid_t pid = m_runtime->pidOf(frozen);
-    RuntimeFixture::sendSignal(pid, SIGSTOP);
-    QTRY_VERIFY(isStopped(pid));
+    QVERIFY(RuntimeFixture::stop(pid));
     letRun(frozen);
     setState(frozen, ApplicationState::Terminating);
     m_runtime->forgetFrozenState(frozen);

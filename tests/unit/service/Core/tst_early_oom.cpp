@@ -335,6 +335,7 @@ void tst_EarlyOom::volunteerDiesAlone()
     m_runtime->setGroup(withChildren, { leader, children.at(0), children.at(1) });
     m_runtime->setScores(children.at(0), 0);
     m_runtime->setScores(children.at(1), 300);
+    QVERIFY(RuntimeFixture::stop(children.at(1))); // it is not asked to end
 
     const LogCapture log;
     m_runtime->setLevel(MemoryLevel::Critical);
