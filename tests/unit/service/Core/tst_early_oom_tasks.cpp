@@ -4,7 +4,6 @@
 
 #include "support/log_capture.h"
 
-using Core::ApplicationInstanceId;
 using Core::ApplicationState;
 using Core::MemoryLevel;
 using Core::MemoryMonitor;
