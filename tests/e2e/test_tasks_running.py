@@ -312,3 +312,16 @@ def test_end_of_the_service_ends_every_task(tasks):
     processes = set().union(*({pid} | descendants(pid) for pid, _ in tasker.services(tasks).values()))
     assert tasks.service.stop() == 0
     until(lambda: not any(map(is_running, processes)), "the end of every process")
+
+
+def test_end_of_the_service_ends_a_task_that_was_started_frozen(tasks):
+    if not tasks.hierarchies.is_real("freezer"):
+        pytest.skip("no freezer on this machine")
+    # The process is frozen before it is released, so it never comes to be the sandbox.
+    pid = Invoker(tasks).start(CGroups=dbus.Dictionary({"freezer.state": dbus.ByteArray(b"FROZEN")}, signature="say"))
+    with open(os.path.join(tasks.group("freezer", SAMPLE, "task_work"), "freezer.state")) as file:
+        until(lambda: file.seek(0) == 0 and file.read() == "FROZEN\n", "the freezing")
+    tasker.stop(tasks)
+    assert is_running(pid)
+    assert tasks.service.stop() == 0
+    until(lambda: not is_running(pid), "the end of the process")
