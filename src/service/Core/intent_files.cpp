@@ -18,13 +18,18 @@ namespace IntentUtils {
 
 namespace {
 
-// A message can name each of its descriptors any number of times. One more than can be passed on is enough
-// for those to be refused who are asked to.
-QVector<FileDescriptor> readDescriptors(const QDBusArgument &argument)
+// A message can name each of its descriptors any number of times, in any number of hints. One more than can
+// be passed on is enough for a hint to be refused, and there are two hints that can be.
+constexpr int maximumPerHint = FileDescriptor::maximumPerMessage + 1;
+constexpr int maximumOfAll = 2 * maximumPerHint;
+
+// Takes what it reads from the budget.
+QVector<FileDescriptor> readDescriptors(const QDBusArgument &argument, int &budget)
 {
     QVector<FileDescriptor> descriptors;
     argument.beginArray();
-    while (!argument.atEnd() && descriptors.size() <= FileDescriptor::maximumPerMessage) {
+    while (!argument.atEnd() && descriptors.size() < maximumPerHint && budget > 0) {
+        --budget;
         QDBusUnixFileDescriptor descriptor;
         argument >> descriptor;
         descriptors.append(FileDescriptor(descriptor.fileDescriptor()));
@@ -144,6 +149,7 @@ void FileExporter::lower()
 
 QVariantMap cleanHints(const QVariantMap &hints)
 {
+    int budget = maximumOfAll;
     QVariantMap clean;
     for (auto it = hints.begin(); it != hints.end(); ++it) {
         if (it->userType() != qMetaTypeId<QDBusArgument>()) {
@@ -155,7 +161,7 @@ QVariantMap cleanHints(const QVariantMap &hints)
         if (signature == QLatin1String("as")) {
             clean.insert(it.key(), qdbus_cast<QStringList>(argument));
         } else if (signature == QLatin1String("ah")) {
-            clean.insert(it.key(), QVariant::fromValue(readDescriptors(argument)));
+            clean.insert(it.key(), QVariant::fromValue(readDescriptors(argument, budget)));
         } else {
             qWarning() << "Unexpected complex D-Bus type for hint" << it.key();
         }

@@ -3,23 +3,17 @@
 
 #include "support/bus_stand_in.h"
 #include "support/log_capture.h"
-#include "support/message_probe.h"
 #include "support/private_bus.h"
 
 #include <QDBusArgument>
 #include <QDBusMetaType>
-#include <QDBusObjectPath>
 #include <QDBusUnixFileDescriptor>
-#include <QDBusVariant>
-#include <QDBusVirtualObject>
 #include <QDir>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QTemporaryFile>
 #include <QUrl>
 #include <QtTest>
-
-#include <sys/stat.h>
 
 #include <memory>
 #include <vector>
@@ -51,21 +45,6 @@ int openDescriptors()
     return QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::AllEntries | QDir::System).size();
 }
 
-class Receiver : public QDBusVirtualObject
-{
-public:
-    QString introspect(const QString & /*path*/) const override { return QString(); }
-
-    bool handleMessage(const QDBusMessage &message, const QDBusConnection &connection) override
-    {
-        hints = qdbus_cast<QVariantMap>(message.arguments().value(0).value<QDBusArgument>());
-        connection.send(message.createReply());
-        return true;
-    }
-
-    QVariantMap hints;
-};
-
 } // namespace
 
 class tst_IntentFiles : public QObject
@@ -76,15 +55,6 @@ private slots:
     void initTestCase();
     void init();
     void cleanup();
-
-    void plainHintsAreCopied();
-    void listOfStringsBecomesOne();
-    void descriptorsAreDuplicated();
-    void complexHintIsDropped_data();
-    void complexHintIsDropped();
-    void oneDescriptorTooManyIsKept_data();
-    void oneDescriptorTooManyIsKept();
-    void cleanedHintsAreClean();
 
     void nothingToShareCompletesAtOnce_data();
     void nothingToShareCompletesAtOnce();
@@ -115,20 +85,17 @@ private:
         Error error;
     };
 
-    QVariantMap received(const QVariantMap &hints);
     QVariant files(int count = 1) const
     {
         return QVariant::fromValue(QVector<FileDescriptor>(count, FileDescriptor(m_file->handle())));
     }
     QVariantMap both(int reads, const QString &readFiles, int writes, const QString &writeFiles) const;
-    QVariantMap looped(const QVariantMap &hints);
     void reply(int call, const QStringList &ids);
     void refuse(int call, const QString &message);
     void share(const QByteArray &data, const QVariantMap &hints);
     void answerAll();
 
     PrivateBus m_bus;
-    std::unique_ptr<MessageProbe> m_probe;
     std::unique_ptr<BusStandIn> m_portal;
     std::unique_ptr<QTemporaryFile> m_file;
     std::vector<Outcome> m_outcomes;
@@ -138,8 +105,6 @@ void tst_IntentFiles::initTestCase()
 {
     m_bus.useAsSessionBus();
     qDBusRegisterMetaType<DescriptorList>();
-    qDBusRegisterMetaType<QList<QVariantMap>>();
-    m_probe = std::make_unique<MessageProbe>(m_bus);
 }
 
 void tst_IntentFiles::init()
@@ -153,28 +118,6 @@ void tst_IntentFiles::init()
 void tst_IntentFiles::cleanup()
 {
     m_portal.reset();
-}
-
-// Hints as the service gets them.
-QVariantMap tst_IntentFiles::received(const QVariantMap &hints)
-{
-    return qdbus_cast<QVariantMap>(m_probe->pass(hints).argument().value<QDBusArgument>());
-}
-
-// The same without the bus: a connection that calls itself keeps the message.
-QVariantMap tst_IntentFiles::looped(const QVariantMap &hints)
-{
-    Receiver receiver;
-    QDBusConnection connection = m_bus.connect();
-    connection.registerVirtualObject(QStringLiteral("/"), &receiver);
-    QDBusMessage call =
-        QDBusMessage::createMethodCall(connection.baseService(), QStringLiteral("/"),
-                                       QStringLiteral("org.example.Loop"), QStringLiteral("Pass"));
-    call.setArguments({ hints });
-    connection.call(call);
-    connection.unregisterObject(QStringLiteral("/"));
-    m_bus.disconnect(connection);
-    return receiver.hints;
 }
 
 QVariantMap tst_IntentFiles::both(int reads, const QString &readFiles, int writes,
@@ -218,139 +161,6 @@ void tst_IntentFiles::answerAll()
         connection.send(call.createReply(
             { ids, QVariantMap { { QStringLiteral("mountpoint"), QByteArray("/doc\0", 5) } } }));
     });
-}
-
-void tst_IntentFiles::plainHintsAreCopied()
-{
-    const QVariantMap hints { { QStringLiteral("text"), QStringLiteral("a") },
-                              { QStringLiteral("yes"), true },
-                              { QStringLiteral("number"), 5 },
-                              { QStringLiteral("double"), 1.5 },
-                              { QStringLiteral("path"),
-                                QVariant::fromValue(QDBusObjectPath(QStringLiteral("/a"))) },
-                              { QStringLiteral("bytes"), QByteArray("abc") } };
-    const LogCapture log;
-    const QVariantMap clean = IntentUtils::cleanHints(received(hints));
-    QCOMPARE(clean.keys(), hints.keys());
-    for (auto it = hints.begin(); it != hints.end(); ++it) {
-        QCOMPARE(clean.value(it.key()).userType(), it->userType());
-        QVERIFY(it.key() == QLatin1String("path") || clean.value(it.key()) == *it); // paths do not compare
-    }
-    QCOMPARE(IntentUtils::cleanHints({}), QVariantMap());
-    QCOMPARE(log.messages(), QStringList());
-}
-
-void tst_IntentFiles::listOfStringsBecomesOne()
-{
-    const QStringList list { QStringLiteral("a"), QString(), QStringLiteral("b") };
-    // Raw, as it is where a map was walked entry by entry.
-    QDBusArgument raw;
-    raw << list;
-    const QVariant argument =
-        m_probe->pass(QVariant::fromValue(QDBusVariant(QVariant::fromValue(raw)))).argument();
-    const LogCapture log;
-    const QVariantMap clean = IntentUtils::cleanHints(
-        { { QStringLiteral("a"), argument.value<QDBusVariant>().variant() }, { QStringLiteral("b"), list } });
-    QCOMPARE(clean.value(QStringLiteral("a")), QVariant(list));
-    QCOMPARE(clean.value(QStringLiteral("b")), QVariant(list));
-    QCOMPARE(log.messages(), QStringList());
-}
-
-void tst_IntentFiles::descriptorsAreDuplicated()
-{
-    const int before = openDescriptors();
-    {
-        const QVariantMap clean = IntentUtils::cleanHints(
-            received({ { QStringLiteral("readFds"),
-                         QVariant::fromValue(DescriptorList({ QDBusUnixFileDescriptor(m_file->handle()),
-                                                              QDBusUnixFileDescriptor(0) })) } }));
-        const auto descriptors = clean.value(QStringLiteral("readFds")).value<QVector<FileDescriptor>>();
-        QCOMPARE(descriptors.size(), 2);
-        struct stat sent
-        {
-        };
-        struct stat got
-        {
-        };
-        QCOMPARE(fstat(m_file->handle(), &sent), 0);
-        QCOMPARE(fstat(descriptors.at(0).fileDescriptor(), &got), 0);
-        QCOMPARE(got.st_ino, sent.st_ino);
-        QVERIFY(descriptors.at(1).isValid());
-    }
-    // The probe keeps the last message.
-    m_probe->pass(QString());
-    QTRY_COMPARE(openDescriptors(), before);
-}
-
-void tst_IntentFiles::complexHintIsDropped_data()
-{
-    QTest::addColumn<QVariant>("value");
-
-    QTest::newRow("map") << QVariant(QVariantMap { { QStringLiteral("a"), 1 } });
-    QTest::newRow("empty map") << QVariant(QVariantMap());
-    QTest::newRow("list of variants") << QVariant(QVariantList { 1, QStringLiteral("a") });
-    QTest::newRow("list of doubles") << QVariant::fromValue(QList<double> { 1 });
-    QTest::newRow("list of booleans") << QVariant::fromValue(QList<bool> { true });
-    QTest::newRow("list of maps") << QVariant::fromValue(QList<QVariantMap> { {} });
-    QTest::newRow("list of paths") << QVariant::fromValue(QList<QDBusObjectPath> {});
-    QTest::newRow("structure") << QVariant(QPoint(1, 2));
-}
-
-void tst_IntentFiles::complexHintIsDropped()
-{
-    QFETCH(QVariant, value);
-
-    const QVariantMap hints =
-        received({ { QStringLiteral("k"), value }, { QStringLiteral("other"), QStringLiteral("a") } });
-    QCOMPARE(hints.value(QStringLiteral("k")).userType(), qMetaTypeId<QDBusArgument>());
-    QTest::ignoreMessage(QtWarningMsg, "Unexpected complex D-Bus type for hint \"k\"");
-    QCOMPARE(IntentUtils::cleanHints(hints),
-             (QVariantMap { { QStringLiteral("other"), QStringLiteral("a") } }));
-}
-
-void tst_IntentFiles::oneDescriptorTooManyIsKept_data()
-{
-    QTest::addColumn<int>("sent");
-    QTest::addColumn<int>("kept");
-    QTest::newRow("none") << 0 << 0;
-    QTest::newRow("as many as can be passed on") << 16 << 16;
-    QTest::newRow("one more") << 17 << 17;
-    QTest::newRow("two more") << 18 << 17;
-    QTest::newRow("hundreds") << 200 << 17;
-}
-
-void tst_IntentFiles::oneDescriptorTooManyIsKept()
-{
-    QFETCH(int, sent);
-    QFETCH(int, kept);
-
-    // No more than 16 come through the bus, though each may be named several times: what does not leave the
-    // process can have as many.
-    const auto array = QVariant::fromValue(DescriptorList(
-        QVector<QDBusUnixFileDescriptor>(sent, QDBusUnixFileDescriptor(m_file->handle())).toList()));
-    const QVariantMap hints =
-        looped({ { QStringLiteral("readFds"), array }, { QStringLiteral("writeFds"), array } });
-    const int before = openDescriptors();
-    {
-        const QVariantMap clean = IntentUtils::cleanHints(hints);
-        for (const char *key : { "readFds", "writeFds" }) {
-            QCOMPARE(clean.value(QLatin1String(key)).value<QVector<FileDescriptor>>().size(), kept);
-        }
-        QCOMPARE(openDescriptors(), before + 2 * kept);
-    }
-    QCOMPARE(openDescriptors(), before);
-}
-
-void tst_IntentFiles::cleanedHintsAreClean()
-{
-    const QVariantMap clean = IntentUtils::cleanHints(
-        received({ { QStringLiteral("readFds"),
-                     QVariant::fromValue(DescriptorList { QDBusUnixFileDescriptor(m_file->handle()) }) },
-                   { QStringLiteral("readFiles"), QStringList { QStringLiteral("a") } } }));
-    const QVariantMap again = IntentUtils::cleanHints(clean);
-    QCOMPARE(again.keys(), clean.keys());
-    QCOMPARE(again.value(QStringLiteral("readFiles")), clean.value(QStringLiteral("readFiles")));
-    QCOMPARE(again.value(QStringLiteral("readFds")).value<QVector<FileDescriptor>>().size(), 1);
 }
 
 void tst_IntentFiles::nothingToShareCompletesAtOnce_data()
