@@ -453,7 +453,7 @@ void tst_DocumentPortal::emptyFunctionsAreAllowed()
     QTRY_COMPARE(m_results.size(), 1);
     QCOMPARE(m_daemon->calls().size(), 3);
     m_daemon->clearCalls(); // which hold what they got
-    QTRY_COMPARE(openDescriptors(), before);
+    QTRY_VERIFY(openDescriptors() <= before);
 }
 
 QTEST_GUILESS_MAIN(tst_DocumentPortal)

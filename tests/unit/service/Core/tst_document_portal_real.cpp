@@ -345,7 +345,7 @@ void tst_DocumentPortalReal::noDescriptorIsLeftOpen()
         const Outcome outcome = share(path, open.shared(), QIODevice::ReadOnly);
         QVERIFY(!outcome.error);
     }
-    QTRY_COMPARE(openDescriptors(), before);
+    QTRY_VERIFY(openDescriptors() <= before);
 }
 
 QTEST_GUILESS_MAIN(tst_DocumentPortalReal)

