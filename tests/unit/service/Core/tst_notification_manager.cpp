@@ -66,6 +66,9 @@ void TestNotificationManager::senderIsStamped_data()
         << notes << QVariant(mail.appId) << notesName << notesIcon << QVariant(notes.appId);
     QTest::newRow("application with a stamp of another type")
         << notes << QVariant(5) << notesName << notesIcon << QVariant(notes.appId);
+    QTest::newRow("no application, and not privileged")
+        << ClientInfo { false, QStringLiteral("nobody") } << QVariant(mail.appId) << ownName << ownIcon
+        << QVariant(QString());
     QTest::newRow("stranger") << stranger << QVariant() << ownName << ownIcon << QVariant();
     QTest::newRow("stranger that speaks for another")
         << stranger << QVariant(mail.appId) << ownName << ownIcon << QVariant(mail.appId);
