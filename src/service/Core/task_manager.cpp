@@ -42,12 +42,23 @@ CGroupController::Settings toSettings(const TaskCGroups &cgroups)
     return settings;
 }
 
+/// What a condition asks of the process, besides holding it back until it holds.
+void applyConditionHints(TaskStartupInfo &info, const ApplicationInfo::TaskInfo &taskInfo,
+                         const QVariantMap &hints)
+{
+    const QStringList conditions = taskInfo.conditions + hints.value(TaskHints::conditions).toStringList();
+    for (const QString &condition : conditions) {
+        if (condition.section(QLatin1Char(':'), 0, 0) == idleCondition) {
+            info.cgroups.insert(QByteArrayLiteral("cpu.shares"), sharesWhenIdle);
+        }
+    }
+}
+
 TaskStartupInfo startupInfoFor(const TaskRequest &request, const ApplicationInfo::TaskInfo &taskInfo)
 {
     const QVariantMap &hints = request.hints;
     TaskStartupInfo info;
-    info.command =
-        taskInfo.exec.split(QLatin1Char(' ')) + request.params; // no quotes: a file name has no blanks
+    info.command = taskInfo.exec.split(QLatin1Char(' ')) + request.params; // quotes mean nothing here
     info.environment = request.environment;
     info.permissions = hints.value(TaskHints::permissions, taskInfo.permissions + QStringList(basePermission))
                            .toStringList();
@@ -59,13 +70,7 @@ TaskStartupInfo startupInfoFor(const TaskRequest &request, const ApplicationInfo
         info.cpuLimit = hints.value(TaskHints::runningTime, -1).toInt();
     }
     info.createIpcSocket = hints.value(TaskHints::createIpcSocket).toBool();
-
-    const QStringList conditions = taskInfo.conditions + hints.value(TaskHints::conditions).toStringList();
-    for (const QString &condition : conditions) {
-        if (condition.section(QLatin1Char(':'), 0, 0) == idleCondition) {
-            info.cgroups.insert(QByteArrayLiteral("cpu.shares"), sharesWhenIdle);
-        }
-    }
+    applyConditionHints(info, taskInfo, hints);
     return info;
 }
 
@@ -185,7 +190,10 @@ Error TaskManagerPrivate::addTask(const TaskRequest &request, const ApplicationI
     records.insert(key, record);
     startWhenSatisfied(request.id, *record);
     if (autostartValue(request.hints) == 1) {
-        keepStored(request, *record);
+        const ConditionWatcher *watcher = &record->watcher;
+        saveAutostart(request, watcher->conditionData());
+        QObject::connect(watcher, &ConditionWatcher::conditionDataChanged, q,
+                         [this, request, watcher] { saveAutostart(request, watcher->conditionData()); });
     }
     return {};
 }
@@ -210,8 +218,7 @@ Error TaskManagerPrivate::makeRecord(const TaskRequest &request, const Applicati
     const TaskRules rules = TaskRules::forType(taskInfo.type, workerMaxTime);
     const qint32 runningTime = request.hints.value(TaskHints::runningTime, -1).toInt();
     if (rules.greatestLimit > 0 && runningTime > rules.greatestLimit) {
-        return Error(Error::InvalidArgs,
-                     QStringLiteral("RunningTime cannot be more than %1 seconds").arg(rules.greatestLimit));
+        return Error(Error::InvalidArgs, QStringLiteral("RunningTime cannot be more than 60 seconds"));
     }
 
     record = QSharedPointer<TaskRecord>::create();
@@ -226,7 +233,12 @@ Error TaskManagerPrivate::makeRecord(const TaskRequest &request, const Applicati
                      [this, fullTaskId = request.id.text()] { runningTimeExhausted(fullTaskId); });
 
     record->watcher.setConditionData(request.conditionData);
-    return ConditionBuilder::build(&record->watcher, taskInfo, request.hints);
+    const Error error = ConditionBuilder::build(&record->watcher, taskInfo, request.hints);
+    if (error) {
+        // A timed event may be on its way, and would set off an earlier request for the same task.
+        record->watcher.taskRemoved();
+    }
+    return error;
 }
 
 /// A start that fails is not reported to anybody: the controller has logged it, and the task waits until its
@@ -244,18 +256,14 @@ void TaskManagerPrivate::startWhenSatisfied(const ApplicationTaskId &taskId, Tas
                      });
 }
 
-/// Stores the request, and again whenever its conditions have something new to remember. A task that comes
-/// back from the settings does not get here, since what is stored does not ask for it: its entry stays.
-void TaskManagerPrivate::keepStored(const TaskRequest &request, const TaskRecord &record)
+/// A task that comes back from the settings does not get here, since what is stored does not ask for it: its
+/// entry stays as it was.
+void TaskManagerPrivate::saveAutostart(const TaskRequest &request, const QVariantMap &conditionData)
 {
-    const auto save = [this, request, watcher = &record.watcher] {
-        QVariantMap hints = request.hints;
-        hints.remove(TaskHints::autostart);
-        settings.setAutostartEntry(request.id.text(),
-                                   { request.params, request.environment, hints, watcher->conditionData() });
-    };
-    save();
-    QObject::connect(&record.watcher, &ConditionWatcher::conditionDataChanged, q, save);
+    QVariantMap hints = request.hints;
+    hints.remove(TaskHints::autostart);
+    settings.setAutostartEntry(request.id.text(),
+                               { request.params, request.environment, hints, conditionData });
 }
 
 Error TaskManagerPrivate::startNow(const ApplicationTaskId &taskId)

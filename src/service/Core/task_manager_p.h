@@ -72,7 +72,7 @@ public:
     Error makeRecord(const TaskRequest &request, const ApplicationInfo::TaskInfo &taskInfo,
                      QSharedPointer<TaskRecord> &record);
     void startWhenSatisfied(const ApplicationTaskId &taskId, TaskRecord &record);
-    void keepStored(const TaskRequest &request, const TaskRecord &record);
+    void saveAutostart(const TaskRequest &request, const QVariantMap &conditionData);
     Error startNow(const ApplicationTaskId &taskId);
     void removeTask(const ApplicationTaskId &taskId);
 

@@ -100,6 +100,8 @@ public:
         login = std::make_unique<TestSupport::LoginDaemon>(m_bus);
     }
 
+    TestSupport::PrivateBus &bus() { return m_bus; }
+
     /// The application "org.example.<name>" with tasks of all types, and "w1" to "w9", which are workers.
     void install(const QString &name) const
     {
