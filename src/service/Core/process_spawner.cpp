@@ -13,7 +13,8 @@
 //
 // Every piece (number or bytes) is one write and one read, and a short transfer is a failure on either
 // side. The child's limits keep a whole launch well below the pipe's capacity of 64 KiB, so that the
-// kernel takes and gives every piece whole.
+// kernel takes and gives every piece whole, and takes it at once. The service waits only for a child that
+// it sends more than that, and not for long.
 
 #include "Core/process_spawner.h"
 
@@ -29,6 +30,7 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 namespace Core {
@@ -38,6 +40,7 @@ namespace {
 constexpr size_t maxEnvironment = 128; // entries with the closing null pointer
 constexpr size_t maxArguments = 64; // entries with the closing null pointer
 constexpr size_t maxListBytes = 8192; // of all strings of one list with their NULs
+constexpr int fullPipeLimitMs = 500; // a child that reads empties the pipe much faster
 
 /// The write ends of all spawners. A later child inherits those of earlier ones and must close them, or
 /// an abandoned child would not see the end of its pipe while a later one still waits for its release.
@@ -48,9 +51,18 @@ std::vector<int> &openWriteEnds()
     return *fds;
 }
 
+/// A child that does not read, since it is stopped or frozen, is given up when the pipe has been full for a
+/// moment: the service must not stand still with it.
 bool writeWhole(int fd, const void *data, size_t length)
 {
-    return ::write(fd, data, length) == static_cast<ssize_t>(length);
+    ssize_t written = ::write(fd, data, length);
+    if (written == -1 && errno == EAGAIN) {
+        pollfd room = { fd, POLLOUT, 0 };
+        if (::poll(&room, 1, fullPipeLimitMs) == 1) {
+            written = ::write(fd, data, length);
+        }
+    }
+    return written == static_cast<ssize_t>(length);
 }
 
 void resetSignals(const sigset_t &mask)
@@ -139,6 +151,7 @@ pid_t ProcessSpawner::spawn(const SetupChildCb &setupChild)
         return -1;
     }
     const auto [readEnd, writeEnd] = fds;
+    ::fcntl(writeEnd, F_SETFL, O_NONBLOCK);
     auto &allWriteEnds = openWriteEnds(); // made here at the latest: the child must not allocate
 
     // Until the child has reset the dispositions it would run the service's handlers: a SIGTERM that is

@@ -52,7 +52,8 @@ public:
     [[nodiscard]] pid_t spawn(const SetupChildCb &setupChild);
 
     /// The messages that the SetupChildCb reads, in its order. Each returns false if the child did not
-    /// take it whole, mostly because it is dead; nothing is logged.
+    /// take it whole, mostly because it is dead; nothing is logged. A child that takes nothing at all, being
+    /// stopped or frozen, can hold up the caller for half a second when the pipe is full.
     [[nodiscard]] bool sendInt(qint32 value);
     [[nodiscard]] bool sendBytes(const char *data, quint64 length);
     [[nodiscard]] bool sendStringList(const QByteArrayList &list);

@@ -61,6 +61,7 @@ private slots:
     void groupThatCannotBeMadeFailsTheSetup();
     void settingThatCannotBeWrittenFailsTheSetup_data();
     void settingThatCannotBeWrittenFailsTheSetup();
+    void childThatTakesNoMoreFailsTheExec_data();
     void childThatTakesNoMoreFailsTheExec();
     void childOfAFailedLaunchEndsByItself();
     void refusedStepEndsTheChild_data();
@@ -406,15 +407,32 @@ void TestLaunchingTask::settingThatCannotBeWrittenFailsTheSetup()
         QByteArrayLiteral("64"));
 }
 
-// Nobody reads, and the pipe is too small for the environment.
+void TestLaunchingTask::childThatTakesNoMoreFailsTheExec_data()
+{
+    QTest::addColumn<int>("capacity");
+    QTest::addColumn<int>("size");
+
+    QTest::newRow("usual pipe") << 0x10000 << 0x20000;
+    QTest::newRow("small pipe") << 4096 << 8000;
+    QTest::newRow("small pipe, short entries") << 4096 << 0;
+}
+
+// It is stopped, and the service must not wait for it to go on.
 void TestLaunchingTask::childThatTakesNoMoreFailsTheExec()
 {
-    ParentHook::afterFork = [](pid_t pid) {
+    QFETCH(int, capacity);
+    QFETCH(int, size);
+    ParentHook::afterFork = [capacity](pid_t pid) {
         ::kill(pid, SIGSTOP);
-        ::fcntl(NewestPipe::writeEnd, F_SETFL, O_NONBLOCK);
-        ::fcntl(NewestPipe::writeEnd, F_SETPIPE_SZ, 4096);
+        ::fcntl(NewestPipe::writeEnd, F_SETPIPE_SZ, capacity);
     };
-    m_request.environment << QString(8000, QLatin1Char('x'));
+    if (size > 0) {
+        m_request.environment << QString(size, QLatin1Char('x'));
+    } else {
+        for (int i = 0; i < 100; ++i) {
+            m_request.environment << QString(40, QLatin1Char('x'));
+        }
+    }
     m_task = m_request.make(m_world->cgroups());
     verifyError(m_task->start(), Error::SpawnFailed, QStringLiteral("Failed to execute child process"));
     QCOMPARE(m_log->warnings(), QStringList());
