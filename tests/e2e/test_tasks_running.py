@@ -314,14 +314,46 @@ def test_end_of_the_service_ends_every_task(tasks):
     until(lambda: not any(map(is_running, processes)), "the end of every process")
 
 
-def test_end_of_the_service_ends_a_task_that_was_started_frozen(tasks):
+# --- frozen from the start: the process is so before it is released, and never comes to be the sandbox ---
+
+FROZEN = {"freezer.state": dbus.ByteArray(b"FROZEN")}
+
+
+def settings(**more):
+    return dbus.Dictionary({**FROZEN, **more}, signature="say")
+
+
+def freezer_reads(tasks, text):
+    with open(os.path.join(tasks.group("freezer", SAMPLE, "task_work"), "freezer.state")) as file:
+        return file.read() == text + "\n"
+
+
+@pytest.fixture
+def freezer(tasks):
     if not tasks.hierarchies.is_real("freezer"):
         pytest.skip("no freezer on this machine")
-    # The process is frozen before it is released, so it never comes to be the sandbox.
-    pid = Invoker(tasks).start(CGroups=dbus.Dictionary({"freezer.state": dbus.ByteArray(b"FROZEN")}, signature="say"))
-    with open(os.path.join(tasks.group("freezer", SAMPLE, "task_work"), "freezer.state")) as file:
-        until(lambda: file.seek(0) == 0 and file.read() == "FROZEN\n", "the freezing")
-    tasker.stop(tasks)
+    return tasks
+
+
+def test_end_of_the_service_ends_a_task_that_was_started_frozen(freezer):
+    pid = Invoker(freezer).start(CGroups=settings())
+    until(lambda: freezer_reads(freezer, "FROZEN"), "the freezing")
+    tasker.stop(freezer)
     assert is_running(pid)
-    assert tasks.service.stop() == 0
+    assert freezer.service.stop() == 0
     until(lambda: not is_running(pid), "the end of the process")
+
+
+def test_failed_start_leaves_nothing_frozen(freezer):
+    invoker = Invoker(freezer)
+    before = descendants(freezer.service.pid)
+    assert invoker.start(CGroups=settings(nonsense=dbus.ByteArray(b"1"))) == 0
+    until(lambda: descendants(freezer.service.pid) == before, "the end of the child")
+    assert freezer_reads(freezer, "THAWED")
+
+
+def test_frozen_process_does_not_hold_up_the_service(freezer):
+    # More than a pipe takes while nobody reads.
+    assert Invoker(freezer).start(environment=["LARGE=" + "x" * 200000], CGroups=settings()) == 0
+    assert tasker.services(freezer) == {}
+    until(lambda: not descendants(freezer.service.pid), "the end of the child")

@@ -337,9 +337,9 @@ void RuntimeController::killAll()
     for (Process *process : qAsConst(d->records)) {
         qDebug() << "Killing process" << process->id() << "with pid" << process->pid();
         process->kill();
-        // A frozen group would not die. A task's is frozen only where its start asked for that.
+        // A frozen group would not die.
         if (qobject_cast<const Task *>(process)) {
-            d->cgroups.applyState(ApplicationTaskId(process->id()), thawed);
+            d->thawTask(process->id());
         } else {
             d->cgroups.applyState(ApplicationInstanceId(process->id()), thawed);
         }

@@ -8,6 +8,7 @@
 #include "Core/candidate.h"
 #include "Core/memory_monitor.h"
 #include "Core/send_signal.h"
+#include "Core/task.h"
 
 #include <QDebug>
 #include <QTimer>
@@ -98,8 +99,11 @@ void RuntimeControllerPrivate::runOomKiller()
         process->setStopReason(StopReason::OomKilled);
         process->kill();
     }
-    // Thaws the group of a hidden application: frozen, it would not die.
+    // Thaws the group of a hidden application: frozen, it would not die, and be the victim of every pass.
     process->setState(ApplicationState::Inactive);
+    if (qobject_cast<const Task *>(process)) {
+        thawTask(process->id());
+    }
 }
 
 void RuntimeControllerPrivate::killSubprocess(const Candidate &victim)

@@ -48,6 +48,7 @@ public:
     // Tasks
     Error startTask(const ApplicationTaskId &taskId, const TaskStartupInfo &startupInfo,
                     const InvocationContext &context);
+    void thawTask(const QString &fullTaskId);
     void addTask(const ApplicationTaskId &taskId, pid_t pid, const InvocationContext &context, int socket);
 
     // When memory runs short

@@ -13,6 +13,12 @@
 
 namespace Core {
 
+namespace {
+
+const QByteArray freezerFile = QByteArrayLiteral("freezer.state");
+
+} // namespace
+
 Error RuntimeControllerPrivate::startTask(const ApplicationTaskId &taskId, const TaskStartupInfo &startupInfo,
                                           const InvocationContext &context)
 {
@@ -31,11 +37,21 @@ Error RuntimeControllerPrivate::startTask(const ApplicationTaskId &taskId, const
         &cgroups, taskId, startupInfo.command, startupInfo.environment, startupInfo.permissions, settings,
         startupInfo.weight, startupInfo.priority, startupInfo.cpuLimit, startupInfo.createIpcSocket);
     if (error) {
+        // The child that was made ends when it finds its pipe closed, which it cannot while it is frozen.
+        if (settings.contains(freezerFile)) {
+            thawTask(taskId.text());
+        }
         return error;
     }
     addTask(taskId, pid, context, socket);
     qDebug() << "Started task" << taskId.text() << "with PID" << pid;
     return Error();
+}
+
+/// Tasks have no states; the group of one is frozen only if the request for its start has asked for that.
+void RuntimeControllerPrivate::thawTask(const QString &fullTaskId)
+{
+    cgroups.applyState(ApplicationTaskId(fullTaskId), states.stateName(ApplicationState::Inactive));
 }
 
 void RuntimeControllerPrivate::addTask(const ApplicationTaskId &taskId, pid_t pid,

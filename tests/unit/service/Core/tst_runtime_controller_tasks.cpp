@@ -72,6 +72,7 @@ private slots:
     void requestsSettingsGoOverThoseOfTheState();
     void failedLaunchLeavesNothing_data();
     void failedLaunchLeavesNothing();
+    void failedLaunchOfAFrozenTaskIsThawed();
     void applicationAndItsTaskRunSideBySide();
 
     void exitIsReported_data();
@@ -315,6 +316,17 @@ void tst_RuntimeControllerTasks::failedLaunchLeavesNothing()
     QCOMPARE(m_started->count(), 0);
     QCOMPARE(m_terminated->count(), 0);
     QVERIFY(m_fixture->startTask(syncTask) > 1);
+}
+
+void tst_RuntimeControllerTasks::failedLaunchOfAFrozenTaskIsThawed()
+{
+    const LogCapture log;
+    TaskStartupInfo info = ControllerFixture::sleeper();
+    info.cgroups = { { "freezer.state", "FROZEN" }, { "nonsense", "1" } };
+    QVERIFY(m_controller->startTask(ApplicationTaskId(syncTask), info, {}));
+    QCOMPARE(m_fixture->readGroup(QStringLiteral("freezer"),
+                                  QStringLiteral("org.example.App/task_sync/freezer.state")),
+             QByteArrayLiteral("INACTIVE"));
 }
 
 void tst_RuntimeControllerTasks::applicationAndItsTaskRunSideBySide()
