@@ -8,9 +8,10 @@
 #include <QHash>
 #include <QTimer>
 
-#include <linux/capability.h>
-
+#include <ctime>
 #include <optional>
+
+#include <linux/capability.h>
 
 // A start is answered when it has been queued. How it went says the signal JobRemoved, which the manager
 // sends to whoever asked for the job, and which may be seen before the answer.
@@ -48,6 +49,13 @@ QDBusMessage managerCall(const QString &method, const QVariantList &arguments)
     call.setArguments(arguments);
     call.setAutoStartService(false); // it is there, or nothing can bring it up
     return call;
+}
+
+/// False on a machine without a clock that runs while it sleeps: a timer that wants to wake it fails there.
+bool hasWakingClock()
+{
+    timespec time {};
+    return ::clock_gettime(CLOCK_REALTIME_ALARM, &time) == 0;
 }
 
 } // namespace
@@ -157,7 +165,8 @@ void UserManager::canWake(const std::function<void(bool)> &callback)
                     return;
                 }
                 QFile status(QStringLiteral("/proc/%1/status").arg(reply.value()));
-                d->mayWake = status.open(QIODevice::ReadOnly) && hasWakeCapability(status.readAll());
+                d->mayWake = hasWakingClock() && status.open(QIODevice::ReadOnly)
+                    && hasWakeCapability(status.readAll());
                 callback(*d->mayWake);
             });
 }

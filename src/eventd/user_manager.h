@@ -40,8 +40,8 @@ public:
     /// Makes the manager read all units again.
     void reload(const Callback &callback);
 
-    /// Whether the manager has the capability for timers that wake the device; false if it cannot be found
-    /// out. The answer is kept.
+    /// Whether the manager has the capability for timers that wake the device, and the device a clock for
+    /// them; false if it cannot be found out. The answer is kept.
     void canWake(const std::function<void(bool)> &callback);
 
 private slots:

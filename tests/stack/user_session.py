@@ -75,6 +75,7 @@ class UserSession:
 
     def install_service(self):
         """The service itself, started by the bus on demand; log() is what it writes."""
+        self._write(self.log_path, "")
         self._install_program("procwarden", "org.kestrix.Procwarden",
                               f"StandardError=append:{self.log_path}\n")
 
@@ -91,11 +92,8 @@ class UserSession:
                         self.path(ACTIVATION, f"{name}.service"))
 
     def log(self):
-        try:
-            with open(self.log_path, errors="replace") as file:
-                return file.read()
-        except FileNotFoundError:
-            return ""
+        with open(self.log_path, errors="replace") as file:
+            return file.read()
 
     def start(self):
         self.manager = UserManager(self._stack, capabilities=self._capabilities)
