@@ -58,6 +58,7 @@ private slots:
     void swapOnZramIsToldByTheListOfSwaps_data();
     void swapOnZramIsToldByTheListOfSwaps();
     void swapIsLookedAtOnce();
+    void swapThatComesAndGoesCountsWhileItIsThere();
     void debugLineShowsTheFigures();
     void debugLineTakesAnyValueOfTheVariable();
 
@@ -372,6 +373,25 @@ void tst_OomController::swapIsLookedAtOnce()
     setMemory(memInfo(1000, 100000) + "SwapTotal: 10 kB\nSwapFree: 10 kB\n");
     controller.readMemoryLevel();
     QCOMPARE(controller.lastReading().availableKb, 1010);
+}
+
+void tst_OomController::swapThatComesAndGoesCountsWhileItIsThere()
+{
+    configure("LowMemoryTermMB=1\n");
+    const QByteArray memory = memInfo(1000, 100000);
+    const OomController controller;
+    for (int round = 0; round < 2; ++round) {
+        setMemory(memory);
+        QCOMPARE(controller.readMemoryLevel(), MemoryLevel::Low);
+        QCOMPARE(controller.lastReading().totalKb, 100000);
+        setMemory(memory + "SwapTotal: 50000 kB\nSwapFree: 50000 kB\n");
+        QCOMPARE(controller.readMemoryLevel(), MemoryLevel::Normal);
+        QCOMPARE(controller.lastReading().availableKb, 51000);
+        QCOMPARE(controller.lastReading().totalKb, 150000);
+        setMemory(memory + "SwapTotal: 0 kB\nSwapFree: 0 kB\n");
+        QCOMPARE(controller.readMemoryLevel(), MemoryLevel::Low);
+        QCOMPARE(controller.lastReading().availableKb, 1000);
+    }
 }
 
 void tst_OomController::debugLineShowsTheFigures()
