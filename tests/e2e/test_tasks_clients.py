@@ -78,7 +78,7 @@ def test_own_tasks_are_the_applications(pair):
 
 def test_numbers_of_an_applications_hints_may_be_of_any_type(pair):
     stack, sample, _ = pair
-    sample.start("often", "{'Interval': <900.0>, 'Priority': <byte 7>, 'RunningTime': <int64 30>}")
+    sample.start("often", "{'Interval': <900.0>, 'Priority': <byte 15>, 'RunningTime': <int64 30>}")
     process = tasker.wait_running(stack, "often")
     assert process.ticks() > 0
 

@@ -40,11 +40,11 @@ def wait_stored(stack, *names):
 
 
 def test_stored_task_runs_again_with_all_that_it_was_given(tasks):
-    hints = {"Interval": 900, "Autostart": True, "Priority": 3, "RunningTime": 50}
+    hints = {"Interval": 900, "Autostart": True, "Priority": 15, "RunningTime": 50}
     tasker.start(tasks, "often", params=["--flood", "1"], **hints)
     wait_stored(tasks, "often")
     assert tasker.stored(tasks)[task_id("often")] == entry(
-        ["--flood", "1"], hints={"Interval": 900, "Priority": 3, "RunningTime": 50}, conditions={"Interval": None})
+        ["--flood", "1"], hints={"Interval": 900, "Priority": 15, "RunningTime": 50}, conditions={"Interval": None})
     first = tasker.services(tasks)[task_id("often")][0]
     tasks.restart_service()
     sample = tasker.wait_running(tasks, "often")
@@ -52,7 +52,7 @@ def test_stored_task_runs_again_with_all_that_it_was_given(tasks):
     pid, reason = tasker.services(tasks)[task_id("often")]
     assert pid != first
     assert reason == 2 # it has been started by itself
-    assert os.getpriority(os.PRIO_PROCESS, pid) == 3
+    assert os.getpriority(os.PRIO_PROCESS, pid) == 15
     # And again: it is still stored as it was.
     tasks.restart_service()
     tasker.wait_running(tasks, "often")
