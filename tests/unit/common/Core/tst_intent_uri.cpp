@@ -204,7 +204,6 @@ void tst_IntentUri::uriIsRead_data()
     QTest::addColumn<QByteArray>("hints");
     QTest::addColumn<QByteArray>("params");
 
-    const QByteArray none("{}");
     const auto row = [](const char *title, const char *uri, const char *name, const char *hints,
                         const char *params) {
         QTest::newRow(title) << QString::fromUtf8(uri) << QString::fromUtf8(name) << QByteArray(hints)

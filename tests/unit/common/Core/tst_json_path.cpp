@@ -38,7 +38,7 @@ QString randomKey(QRandomGenerator &random)
     static const QStringList keys {
         QStringLiteral("a"),    QStringLiteral("b"),   QStringLiteral("files"), QStringLiteral("a]"),
         QStringLiteral("é ü"),  QStringLiteral("**"),  QStringLiteral("0"),     QStringLiteral("-1"),
-        QStringLiteral("a.b"),  QStringLiteral("[0]"), QStringLiteral("*"),     QStringLiteral(""),
+        QStringLiteral("a.b"),  QStringLiteral("[0]"), QStringLiteral("*"),     QLatin1String(""),
         QStringLiteral("a[*]"), QStringLiteral("."),
     };
     // The last ones have no form in a path.
@@ -379,8 +379,8 @@ void tst_JsonPath::pathsAreExpanded_data()
                              << (paths.isNull() ? QStringList() : paths.split(QLatin1Char(' ')));
     };
     const QString nothing;
-    row("empty path", R"({"a":1})", "", QStringLiteral(""));
-    row("only dots", R"({"a":1})", "..", QStringLiteral(""));
+    row("empty path", R"({"a":1})", "", QLatin1String(""));
+    row("only dots", R"({"a":1})", "..", QLatin1String(""));
     row("key", R"({"a":1})", "a", QStringLiteral("a"));
     row("missing key", R"({"a":[1,2]})", "b", nothing);
     row("null is there", R"({"a":null})", "a", QStringLiteral("a"));
