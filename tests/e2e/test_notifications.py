@@ -10,7 +10,7 @@ import raw
 from notifier import NAME, PATH, by_the_other_name, call, notify, start_application
 from stack.bus import ServedConnection
 from stack.client import BusError
-from stack.notification_server import CAPABILITIES, INFORMATION, RECORDS, NotificationServer
+from stack.notification_server import CAPABILITIES, INFORMATION, RECORDS
 from stack.service import SESSION_NAME
 from stack.waiting import until
 
@@ -375,43 +375,3 @@ def test_malformed_call_is_refused(running, arguments, signature):
         call(running, "Notify", *arguments, signature=signature)
     assert raised.value.name == "org.freedesktop.DBus.Error.UnknownMethod"
     assert running.notification_server.shown == []
-
-
-def test_texts_and_hints_pass_as_they_are(running):
-    text = "".join(chr(code) for code in (*range(1, 32), *range(127, 160), 0x200f, 0x202e, 0xfeff, 0x1f600))
-    image = dbus.Struct((64, 64, 256, True, 8, 4, dbus.ByteArray(b"\xff\x00" * 8192)), signature="iiibiiay")
-    hints = dbus.Dictionary({
-        "text": text, text: "key", "image-data": image, "bytes": dbus.ByteArray(b"\x00" * 2 ** 20),
-        "none": dbus.Array([], signature="v"), "map": dbus.Dictionary({}, signature="ua{s(iv)}"),
-        "nested": dbus.Array([dbus.Array([dbus.String("a", variant_level=3)], signature="v")], signature="av"),
-        "path": dbus.ObjectPath("/a/b"), "type": dbus.Signature("a{sv}"), "byte": dbus.Byte(255),
-        "short": dbus.Int16(-1), "long": dbus.UInt64(2 ** 64 - 1), "no": dbus.Boolean(False),
-        "wrapped": dbus.UInt32(7, variant_level=4),
-        # As deep as the bus takes it.
-        "deep": dbus.String("a", variant_level=62),
-        "structure": dbus.Struct((dbus.Struct((dbus.Byte(1), dbus.Struct((True,)))), "s")),
-        "infinite": dbus.Double("inf"),
-        "by byte": dbus.Dictionary({dbus.Byte(1): dbus.Array([], signature="(iiibiiay)")}),
-    }, signature="sv")
-    for summary, name in (("Through the service", NAME), ("Straight", NotificationServer.SERVICE)):
-        call(running, "Notify", text, 0, text, summary, text, [text, ""], hints, -2 ** 31,
-             signature="susssasa{sv}i", name=name)
-    passed = running.notification_server.wait_for("Through the service")
-    straight = running.notification_server.wait_for("Straight")
-    assert (passed.app_name, passed.icon, passed.body, passed.actions, passed.timeout) == (
-        text, text, text, [text, ""], -2 ** 31)
-    assert len(passed.raw_hints) == len(hints)
-    for key, value in straight.raw_hints.items():
-        assert described(passed.raw_hints[key]) == described(value), key
-
-
-def described(value):
-    """A value with all of its types, to the innermost one."""
-    level = getattr(value, "variant_level", 0)
-    if isinstance(value, (dbus.Dictionary, dbus.Array, dbus.Struct)):
-        content = value.items() if isinstance(value, dbus.Dictionary) else value
-        signature = None if isinstance(value, dbus.Struct) else str(value.signature)
-        return (type(value), level, signature, [described(element) for element in content])
-    if isinstance(value, tuple):
-        return tuple(described(element) for element in value)
-    return (type(value), level, value)
