@@ -12,7 +12,7 @@ namespace Core {
 
 namespace {
 
-constexpr qint64 bytesPerCall = 4096; // of memory, however small the message is
+constexpr qint64 bytesPerCall = 4096; // of memory, however small the message is; a larger one counts as large
 
 /// Runs the callback with what the answer holds, or with the default: an answer of another type counts as an
 /// error.
@@ -77,7 +77,8 @@ void NotificationProxyPrivate::ask(const QString &method, const QVariantList &ar
                                    const NotificationAnswer::Handle &handle)
 {
     const qint64 size = estimatedMessageSize(arguments);
-    const bool isTooLarge = size > maximumMessageSize || m_waiting + bytesPerCall + size > m_mayWait;
+    const qint64 mayWait = size > bytesPerCall ? m_mayWait / 2 : m_mayWait;
+    const bool isTooLarge = size > maximumMessageSize || m_waiting + bytesPerCall + size > mayWait;
     const qint64 waits = isTooLarge ? 0 : bytesPerCall + size;
     m_waiting += waits;
     auto *answer = new NotificationAnswer(

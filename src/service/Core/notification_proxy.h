@@ -29,9 +29,10 @@ public:
     using InformationCallback = std::function<void(const QString &name, const QString &vendor,
                                                    const QString &version, const QString &specVersion)>;
 
-    /// What may wait for the server, by an estimate in bytes; it takes some two times as much memory. Enough
-    /// for more than 20,000 notifications, or more than a hundred with a large picture each.
-    static constexpr qint64 maximumWaiting = 128 * 1024 * 1024;
+    /// What may wait for the server, by an estimate in bytes; it takes some two times as much memory. Large
+    /// calls get one half of it, more than a hundred pictures that fill a small screen; the other half is for
+    /// small ones alone, 30,000 of them, so that nobody's close is lost to somebody else's pictures.
+    static constexpr qint64 maximumWaiting = 256 * 1024 * 1024;
 
     explicit NotificationProxy(QObject *parent = nullptr, qint64 mayWait = maximumWaiting);
     ~NotificationProxy() override;

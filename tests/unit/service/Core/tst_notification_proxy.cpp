@@ -342,7 +342,7 @@ void TestNotificationProxy::emptyCallbacksAreAllowed()
 // A server that has stopped, and clients that have not.
 void TestNotificationProxy::whatWaitsIsBounded()
 {
-    m_proxy = std::make_unique<NotificationProxy>(nullptr, 1024 * 1024);
+    m_proxy = std::make_unique<NotificationProxy>(nullptr, 2 * 1024 * 1024);
     const QVariantMap large { { QStringLiteral("data"), QByteArray(400'000, 'x') } };
     for (int i = 0; i < 5; ++i) {
         notify(large);
@@ -352,19 +352,29 @@ void TestNotificationProxy::whatWaitsIsBounded()
                  (QStringList { QStringLiteral("id 0"), QStringLiteral("id 0"), QStringLiteral("id 0") }));
     QTRY_COMPARE(m_server->calls().size(), 2);
 
-    // A small one still fits, and an answer makes room.
+    // Small ones still fit, in room that is theirs alone.
     notify();
     QTRY_COMPARE(m_server->calls().size(), 3);
+    for (int i = 0; i < 50; ++i) {
+        m_proxy->closeNotification(7);
+    }
+    QTRY_COMPARE(m_server->calls().size(), 53);
+    for (int i = 3; i < 53; ++i) {
+        QCOMPARE(m_server->calls().at(i).member(), QStringLiteral("CloseNotification"));
+        m_server->send(m_server->calls().at(i).createReply());
+    }
+
+    // An answer makes room.
     m_server->send(m_server->calls().at(0).createReply(1U));
     QTRY_COMPARE(m_results.last(), QStringLiteral("id 1"));
     notify(large);
-    QTRY_COMPARE(m_server->calls().size(), 4);
+    QTRY_COMPARE(m_server->calls().size(), 54);
     notify(large);
     QTRY_COMPARE(m_results.size(), 5);
     QCOMPARE(m_results.last(), QStringLiteral("id 0"));
 
     // So does an error. In the end nothing waits.
-    for (int i = 1; i < 4; ++i) {
+    for (const int i : { 1, 2, 53 }) {
         m_server->send(m_server->calls().at(i).createErrorReply(QDBusError::Failed, QStringLiteral("no")));
     }
     QTRY_COMPARE(m_results.size(), 8);
