@@ -14,6 +14,7 @@
 #include "Core/application_registry.h"
 #include "Core/cgroup_controller.h"
 #include "Core/child_ipc.h"
+#include "Core/chronicle.h"
 #include "Core/command_line.h"
 #include "Core/dbus_name_watcher.h"
 #include "Core/error.h"
@@ -78,6 +79,7 @@ pid_t LaunchingApplication::start()
         qWarning() << "Failed to start child process";
         return -1;
     }
+    passed(LaunchStep::Spawned);
     pid = child;
     instanceId = ApplicationInstanceId(appId, launchData.singleInstance ? 0 : pid);
     QMetaObject::invokeMethod(this, "setupAndExec", Qt::QueuedConnection);
@@ -112,7 +114,12 @@ void LaunchingApplication::postExec()
 void LaunchingApplication::promptPermissions(const std::function<void(const QStringList &)> &granted)
 {
     ++pendingSteps;
-    sailjail.promptLaunchPermissions(packageName, granted, [this](const QString &message) {
+    passed(LaunchStep::Prompted);
+    const auto onGranted = [this, granted](const QStringList &permissions) {
+        passed(LaunchStep::Granted);
+        granted(permissions);
+    };
+    sailjail.promptLaunchPermissions(packageName, onGranted, [this](const QString &message) {
         qWarning() << "Permissions request failed:" << message;
         qWarning() << "Perhaps the user has declined to grant permissions";
         fail(Error(Error::AccessDenied, message));
@@ -161,8 +168,14 @@ void LaunchingApplication::checkAllowed()
             fail(Error(Error::AccessDenied, QStringLiteral("Application not allowed by sailjaild")));
             return;
         }
+        passed(LaunchStep::Allowed);
         stepDone();
     });
+}
+
+void LaunchingApplication::passed(LaunchStep step) const
+{
+    Chronicle::instance()->launchStep(appId.toString(), step);
 }
 
 bool LaunchingApplication::setupCGroup()
@@ -171,23 +184,31 @@ bool LaunchingApplication::setupCGroup()
         qWarning() << "Could not setup cgroup";
         return false;
     }
+    passed(LaunchStep::Grouped);
     return true;
 }
 
 bool LaunchingApplication::setupEnvironment()
 {
+    spawner.setEnvironment(environmentFor(appId, instanceId, packageName, debugParams));
+    return true;
+}
+
+QByteArrayList LaunchingApplication::environmentFor(const ApplicationId &application,
+                                                    const ApplicationInstanceId &instance,
+                                                    const QString &package, const DebugParams &params)
+{
     QByteArrayList environment;
     for (char **entry = environ; entry && *entry; ++entry) {
         environment << QByteArray(*entry);
     }
-    environment << "SOLVANE_APP_ID=" + appId.toString().toUtf8()
-                << "SOLVANE_APP_INSTANCE_ID=" + instanceId.text().toUtf8()
-                << "SOLVANE_PACKAGE_NAME=" + packageName.toUtf8();
-    for (const QString &entry : debugParams.environment) {
+    environment << "SOLVANE_APP_ID=" + application.toString().toUtf8()
+                << "SOLVANE_APP_INSTANCE_ID=" + instance.text().toUtf8()
+                << "SOLVANE_PACKAGE_NAME=" + package.toUtf8();
+    for (const QString &entry : params.environment) {
         environment << entry.toUtf8();
     }
-    spawner.setEnvironment(environment);
-    return true;
+    return environment;
 }
 
 bool LaunchingApplication::exec()
@@ -196,6 +217,7 @@ bool LaunchingApplication::exec()
         qWarning() << "Error starting child program";
         return false;
     }
+    passed(LaunchStep::Released);
     postExec();
     return true;
 }

@@ -19,6 +19,8 @@
 
 namespace Core {
 
+enum class LaunchStep;
+
 class CGroupController;
 class Error;
 class MaemoDBusInvoker;
@@ -61,6 +63,11 @@ public:
 
     /// Gets the result of the launch, see Launcher::Callback: once, from the event loop. May be empty.
     void setCallback(const Callback &function) { callback = function; }
+
+    /// What a program finds in its environment: the service's own, and who it is.
+    static QByteArrayList environmentFor(const ApplicationId &application,
+                                         const ApplicationInstanceId &instance, const QString &package,
+                                         const DebugParams &params);
 
     /// For tests, which do not have the time.
     void setActivationLimitMs(int limit) { m_activationLimitMs = limit; }
@@ -122,6 +129,7 @@ protected:
 
 private:
     void checkAllowed();
+    void passed(LaunchStep step) const;
     bool setupCGroup();
     bool setupEnvironment();
     bool exec();

@@ -14,6 +14,20 @@ constexpr qint64 maximumKb = qint64(1) << 48;
 
 } // namespace
 
+int wireMemoryLevel(MemoryLevel level)
+{
+    switch (level) {
+    case MemoryLevel::Unknown:
+    case MemoryLevel::Normal:
+        return 0;
+    case MemoryLevel::Low:
+        return 100;
+    case MemoryLevel::Critical:
+        return 200;
+    }
+    return 0;
+}
+
 const char *memoryLevelName(MemoryLevel level)
 {
     switch (level) {

@@ -17,6 +17,9 @@ enum class MemoryLevel : qint32 {
 /// "Unknown", "Normal", "Low" or "Critical".
 const char *memoryLevelName(MemoryLevel level);
 
+/// The number that stands for @p level on the bus: 0, 100 for low, 200 for critical.
+int wireMemoryLevel(MemoryLevel level);
+
 /// The figures of /proc/meminfo that count, in kB; -1 where the file does not say. See proc(5).
 struct MemoryInfo
 {

@@ -37,9 +37,10 @@ namespace Core {
 
 namespace {
 
-constexpr size_t maxEnvironment = 128; // entries with the closing null pointer
-constexpr size_t maxArguments = 64; // entries with the closing null pointer
-constexpr size_t maxListBytes = 8192; // of all strings of one list with their NULs
+// With the closing null pointers.
+constexpr size_t maxEnvironment = ProcessSpawner::maximumEnvironment + 1;
+constexpr size_t maxArguments = ProcessSpawner::maximumArguments + 1;
+constexpr size_t maxListBytes = ProcessSpawner::maximumListBytes;
 constexpr int fullPipeLimitMs = 500; // a child that reads empties the pipe much faster
 
 /// The write ends of all spawners. A later child inherits those of earlier ones and must close them, or

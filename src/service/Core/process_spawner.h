@@ -26,6 +26,11 @@ class ProcessSpawnerPrivate;
 class ProcessSpawner
 {
 public:
+    // What a child has room for: a list that is longer ends it.
+    static constexpr size_t maximumEnvironment = 127; ///< entries
+    static constexpr size_t maximumArguments = 63;
+    static constexpr size_t maximumListBytes = 8192; ///< of all strings of one list with their NULs
+
     /// Runs in the child before the lists are read; it reads what the service sends meanwhile.
     ///
     /// The process was forked from a threaded one: the function must not allocate, lock, log or call

@@ -20,8 +20,6 @@ protected:
     bool prepare() override;
 
 private:
-    QByteArrayList commandLine() const;
-    void fillFirejail(const QByteArray &program);
     void onPermissionsGranted(const QStringList &granted);
 
     QByteArrayList argv; ///< the program's own, before firejail

@@ -14,6 +14,7 @@
 #include "Core/application.h"
 #include "Core/application_launch_data.h"
 #include "Core/application_registry.h"
+#include "Core/chronicle.h"
 #include "Core/memory_monitor.h"
 #include "Core/process_id.h"
 #include "Core/resource_configuration.h"
@@ -228,6 +229,9 @@ Error RuntimeControllerPrivate::terminate(const QString &id, StopReason reason)
         return notRunning(id);
     }
     process->setStopReason(reason);
+    if (reason == StopReason::Requested) {
+        Chronicle::instance()->decide(id, Decision::Requested);
+    }
     const bool signalled = process->terminate(killTimeoutMs);
     // The state is `Terminating` here, so a hidden process keeps its group frozen and gets its signals when
     // something else thaws it. Thawing it now would let it run on for as long as it ignores SIGTERM.
@@ -270,9 +274,12 @@ void RuntimeController::startApplication(const ApplicationId &appId, const Debug
     }
 
     d->launching.append(appId.text());
+    Chronicle::instance()->launchAsked(appId.toString());
     const auto launched = [this, appId, uris, context, callback](const ApplicationInstanceId &instanceId,
                                                                  pid_t pid, const Error &error) {
-        if (!error) {
+        if (error) {
+            Chronicle::instance()->launchFailed(appId.toString(), error);
+        } else {
             d->addApplication(instanceId, pid, context, uris);
         }
         callback(instanceId, error);
@@ -368,6 +375,7 @@ Error RuntimeController::updateWindowStatus(const ApplicationInstanceId &instanc
     if (const auto state = stateForWindows(active, inactive, hidden, policy, usesResource)) {
         application->setState(*state);
     } else {
+        Chronicle::instance()->decide(instanceId.text(), Decision::Closed);
         application->terminate(d->killTimeoutMs);
     }
     return Error();
@@ -395,6 +403,21 @@ QVector<ApplicationRecord> RuntimeController::runningApplications() const
         }
     }
     return running;
+}
+
+bool RuntimeController::isLaunching(const ApplicationId &appId) const
+{
+    return d->launching.contains(appId.text());
+}
+
+bool RuntimeController::isBlocked(const ApplicationId &appId) const
+{
+    return d->blocked.contains(appId);
+}
+
+const OomController &RuntimeController::oomController() const
+{
+    return d->oomController;
 }
 
 void RuntimeController::letClientRun(const QString &appId, UnfreezeReason reason)

@@ -17,8 +17,17 @@
 
 namespace Core {
 
+class OomController;
 class RuntimeControllerPrivate;
 struct TaskStartupInfo;
+
+/// One who would be killed if memory ran short.
+struct OomVictim
+{
+    QString id;
+    pid_t pid = -1; ///< the process that would go first
+    QString rule; ///< what puts it before the next one; empty for the last
+};
 
 /// Why a frozen application may run for a while.
 enum class UnfreezeReason {
@@ -103,6 +112,14 @@ public:
     /// In the order of the ids.
     QVector<ApplicationRecord> runningApplications() const;
     QVector<RunningTask> runningTasks() const;
+
+    bool isLaunching(const ApplicationId &appId) const;
+    bool isBlocked(const ApplicationId &appId) const;
+
+    /// Everything that runs in the order in which it would be killed. Reads the scores of all of it.
+    QVector<OomVictim> oomVictims() const;
+    /// What memory is judged by.
+    const OomController &oomController() const;
 
     /// Lets a hidden, thus frozen, application run for a while so that it can act on what it is told, without
     /// a change of state or a signal. Any other application, and one that does not run, is left alone.

@@ -6,6 +6,7 @@
 
 #include "Core/application.h"
 #include "Core/candidate.h"
+#include "Core/chronicle.h"
 #include "Core/memory_monitor.h"
 #include "Core/send_signal.h"
 #include "Core/task.h"
@@ -106,6 +107,21 @@ void RuntimeControllerPrivate::runOomKiller()
     }
 }
 
+QVector<OomVictim> RuntimeController::oomVictims() const
+{
+    const QVector<Candidate> order = victimOrder(d->oomCandidates());
+    QVector<OomVictim> victims;
+    victims.reserve(order.size());
+    for (int i = 0; i < order.size(); ++i) {
+        const Candidate &candidate = order.at(i);
+        const QString rule = i + 1 < order.size()
+            ? QString::fromLatin1(victimRuleName(decidingRule(candidate, order.at(i + 1))))
+            : QString();
+        victims.append({ candidate.process->id(), candidate.killPid, rule });
+    }
+    return victims;
+}
+
 void RuntimeControllerPrivate::killSubprocess(const Candidate &victim)
 {
     qDebug() << "Early OOM: killing process" << victim.killPid << "of" << victim.process->id();
@@ -124,12 +140,18 @@ void RuntimeControllerPrivate::logVictim(const Candidate &victim, VictimRule rul
     const MemoryReading &memory =
         isKnown ? oomController.lastReading() : MemoryMonitor::instance()->reading();
     const Process *process = victim.process;
+    QString reason;
+    QDebug(&reason).nospace() << "memory is " << memoryLevelName(memory.level) << ", " << memory.availableKb
+                              << " kB of " << memory.totalKb << " kB available; oom_score_adj "
+                              << victim.oomScoreAdj << ", oom_score " << victim.oomScore << ", chosen by "
+                              << victimRuleName(rule);
     qWarning().nospace() << "Early OOM: killing " << process->id() << ", pid "
                          << (onlySubprocess ? victim.killPid : process->pid())
-                         << (onlySubprocess ? " (one process of it)" : " (all of it)") << ": memory is "
-                         << memoryLevelName(memory.level) << ", " << memory.availableKb << " kB of "
-                         << memory.totalKb << " kB available; oom_score_adj " << victim.oomScoreAdj
-                         << ", oom_score " << victim.oomScore << ", chosen by " << victimRuleName(rule);
+                         << (onlySubprocess ? " (one process of it)" : " (all of it)") << ": "
+                         << qUtf8Printable(reason);
+    if (!onlySubprocess) {
+        Chronicle::instance()->decide(process->id(), Decision::EarlyOom, reason);
+    }
 }
 
 void RuntimeControllerPrivate::letClientRun(const QString &appId, UnfreezeReason reason)

@@ -1,6 +1,7 @@
 #include "Core/task_manager.h"
 
 #include "Core/application_registry.h"
+#include "Core/chronicle.h"
 #include "Core/condition_builder.h"
 #include "Core/notification_manager.h"
 #include "Core/process_id.h"
@@ -133,6 +134,8 @@ Error TaskManagerPrivate::stop(const ApplicationTaskId &taskId, bool mustDisable
     if (isOtherApplication(taskId, clientInfo)) {
         return Error(Error::AccessDenied, QStringLiteral("Cannot stop another app's tasks"));
     }
+    Chronicle::instance()->decide(taskId.text(), Decision::Stopped);
+    Chronicle::instance()->requestedBy(taskId.text(), clientInfo.appId);
     const Error error = processes.terminate(taskId, StopReason::None);
     if (error && error.code() != Error::NotRunning) {
         return error;
@@ -301,6 +304,7 @@ void TaskManagerPrivate::removeTask(const ApplicationTaskId &taskId)
 void TaskManagerPrivate::runningTimeExhausted(const QString &fullTaskId)
 {
     qDebug() << "Running time exhausted for task" << fullTaskId;
+    Chronicle::instance()->decide(fullTaskId, Decision::TimeLimit);
     const Error error = processes.terminate(ApplicationTaskId(fullTaskId), StopReason::None);
     if (error) {
         qWarning() << "Error stopping task:" << error;

@@ -1,5 +1,6 @@
 #include "DBus/control.h"
 
+#include "Core/chronicle.h"
 #include "Core/runtime_controller.h"
 #include "DBus/keys.h"
 
@@ -146,7 +147,9 @@ void Control::Terminate(const QString &appInstanceId)
         ApplicationInstanceId(appInstanceId), StopReason::Requested);
     if (error) {
         sendError(error);
+        return;
     }
+    Core::Chronicle::instance()->requestedBy(appInstanceId, clientInfo().appId);
 }
 
 void Control::GetRunningApplications(QVector<Procwarden::RunningApplication> &apps,

@@ -19,20 +19,6 @@ namespace DBus {
 
 namespace {
 
-int wireLevel(MemoryLevel level)
-{
-    switch (level) {
-    case MemoryLevel::Unknown:
-    case MemoryLevel::Normal:
-        return 0;
-    case MemoryLevel::Low:
-        return 100;
-    case MemoryLevel::Critical:
-        return 200;
-    }
-    return 0;
-}
-
 void tellLevel(const QString &busName, const QVariantMap &changed)
 {
     auto signal = QDBusMessage::createTargetedSignal(
@@ -54,7 +40,7 @@ public:
 
 void MemoryPressurePrivate::onLevelChanged(MemoryLevel level)
 {
-    const QVariantMap changed = { { QStringLiteral("Level"), wireLevel(level) } };
+    const QVariantMap changed = { { QStringLiteral("Level"), Core::wireMemoryLevel(level) } };
     const QStringList clients = subscribers.values();
     for (const QString &client : clients) {
         const QString busName = ClientRegistry::instance()->busName(client);
@@ -84,7 +70,7 @@ MemoryPressure::~MemoryPressure() = default;
 
 int MemoryPressure::level() const
 {
-    return wireLevel(MemoryMonitor::instance()->level());
+    return Core::wireMemoryLevel(MemoryMonitor::instance()->level());
 }
 
 void MemoryPressure::Subscribe()

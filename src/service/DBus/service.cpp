@@ -5,6 +5,7 @@
 #include "Core/timed_proxy.h"
 #include "DBus/control.h"
 #include "DBus/intents.h"
+#include "DBus/introspect.h"
 #include "DBus/lifecycle.h"
 #include "DBus/memory_pressure.h"
 #include "DBus/notifications.h"
@@ -100,6 +101,7 @@ public:
     SystemControl systemControl;
     TaskInvoker taskInvoker;
     Tasks tasks;
+    Introspect introspect;
 };
 
 Service::Service(QObject *parent)
@@ -166,6 +168,8 @@ bool Service::registerObjects()
                           slotsAndSignals, "couldn't register Tasks object")
         && registerObject(session, QLatin1String("/org/kestrix/Procwarden/MemoryPressure1"),
                           &d->memoryPressure, everything, "couldn't register MemoryPressure object")
+        && registerObject(session, QLatin1String("/org/kestrix/Procwarden/Introspect1"), &d->introspect,
+                          slotsOnly, "couldn't register Introspect object")
         && registerNotificationName(session)
         && registerName(session, QLatin1String("org.kestrix.Procwarden"), "couldn't register service");
 }

@@ -342,6 +342,11 @@ void InstalledDataTest::interfacesAreDocumented_data()
     QTest::newRow("org.kestrix.Procwarden.Events1")
         << "method add_event in:(a{ss}bsa(aiaiaiaiaiaiss)a(ssssbb)) out:u\n"
            "method cancel in:u";
+    QTest::newRow("org.kestrix.Procwarden.Introspect1") << "method ListRunning out:aa{sv}\n"
+                                                           "method GetStatus in:s out:a{sv}\n"
+                                                           "method GetHistory in:s in:u out:aa{sv}\n"
+                                                           "method GetMemory out:a{sv}\n"
+                                                           "method Explain in:s out:a{sv}";
     QTest::newRow("org.kestrix.PKD.Hooks") << "method OnRemove in:s";
     QTest::newRow("org.freedesktop.Notifications")
         << "method GetCapabilities out:as\n"
