@@ -5,6 +5,7 @@ import pytest
 
 import raw
 import tasker
+from notifier import start_privileged_application
 from stack.client import BusError
 from tasker import ACCESS_DENIED, INVALID_ARGS, OTHER, SAMPLE, TASKS, TYPES, Application, Invoker, task_id
 
@@ -119,6 +120,25 @@ def test_stranger_works_with_all_tasks(pair):
     for app in (SAMPLE, OTHER):
         tasker.stop(stack, app_id=app)
         tasker.wait_ended(stack, app_id=app)
+
+
+def test_privileged_application_works_with_all_tasks(pair):
+    stack, _, _ = pair
+    settings = start_privileged_application(stack, "org.example.Settings")
+
+    def call(member, *arguments):
+        code, text = settings.run("/usr/bin/gdbus", "call", "--session", "--dest", "org.kestrix.Procwarden",
+                                  "--object-path", PATH, "--method", f"{TASKS}.{member}", *arguments)
+        assert code == 0, text
+        return text
+
+    for app in (SAMPLE, OTHER):
+        assert call("Start", task_id("odd", app), "@as []", "{}") == "()\n"
+        tasker.wait_running(stack, "odd", app)
+        assert call("Stop", task_id("odd", app), "true") == "()\n"
+        tasker.wait_ended(stack, "odd", app)
+    # It is an application all the same, and declares none.
+    assert "'odd'" not in call("GetAll")
 
 
 def test_in_a_session_an_application_has_its_own_tasks_only(pair):
