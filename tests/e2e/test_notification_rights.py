@@ -5,9 +5,12 @@ import threading
 import dbus
 import pytest
 
+import tasker
 from notifier import NAME, PATH, Application, call, notify, start_application, start_privileged_application
+from stack.client import BusError
 from stack.notification_server import RECORDS
 from stack.waiting import until
+from tasker import SAMPLE
 
 NOTES = "org.example.Notes"
 MAIL = "org.example.Mail"
@@ -141,6 +144,61 @@ def test_instances_of_an_application_are_one_owner(running, instances):
     # The event goes to the application, whichever instance has its name.
     closed = monitor.wait_for("NotificationClosed", number)
     assert [signal.destination for signal in closed if signal.interface == NAME and signal.destination] == [NOTES]
+
+
+def notify_itself(sample, summary, replaces=0):
+    """By the sample program itself, which is all that there is in its sandbox. Returns the number as text."""
+    return sample.call_service_with(
+        f"{NAME} {PATH} {NAME} Notify", "Own name", dbus.UInt32(replaces), "own-icon", summary, "",
+        dbus.Array([], signature="s"), dbus.Dictionary({}, signature="sv"), dbus.Int32(-1))
+
+
+def test_application_in_the_sandbox(running, mail):
+    """Its calls come from the sandbox's own process on the bus, and events pass that one, too."""
+    program = running.applications.install_program(SAMPLE)
+    running.install_sample(SAMPLE, exec_line=f"{program} --name {SAMPLE} --no-lifecycle --notifications")
+    running.control.reload()
+    started = running.control.start(SAMPLE)
+    sample = running.sample(SAMPLE, SAMPLE)
+    assert running.sandbox_command(started.pid)
+    others = mail.notify("Another's")
+    assert notify_itself(sample, "In the sandbox") == ["2"]
+    server = running.notification_server
+    shown = server.wait_for("In the sandbox")
+    assert (shown.app_name, shown.hints) == ("Sample", {"x-solvane-application-id": SAMPLE})
+    with pytest.raises(BusError) as refused:
+        notify_itself(sample, "Stolen", replaces=others)
+    assert (refused.value.name, refused.value.message) == INVALID_ID
+    assert mail.refusal("CloseNotification", str(shown.id)) == INVALID_ID
+
+    for number in (others, shown.id):
+        server.invoke(number, "reply")
+        server.enter(number, "typed")
+        server.dismiss(number, 2)
+    until(lambda: "closed 2 2" in running.sample_files.diary(), "the last event")
+    heard = running.sample_files.diary()
+    assert heard[heard.index("listening") + 1:] == ["action 2 reply", "input 2 typed", "closed 2 2"]
+
+
+def test_task_of_an_application_is_the_same_owner(running):
+    """It runs in the sandbox, and is another process with an id of its own."""
+    tasker.install(running)
+    tasker.start(running)
+    task = tasker.wait_running(running)
+
+    server = running.notification_server
+    notify_itself(task, "Of the task")
+    shown = server.wait_for("Of the task")
+    assert (shown.app_name, shown.icon) == ("Sample", "icon-sample")
+    assert shown.hints == {"x-solvane-application-id": SAMPLE}
+    running.control.start(SAMPLE)
+    application = Application(running.sample(SAMPLE), SAMPLE)
+    assert application.list("GetNotifications", "Sample") == [shown.id]
+    assert application.notify("Of the application", replaces=shown.id) == shown.id
+    notify_itself(task, "Of the task again", replaces=shown.id)
+    server.wait_for("Of the task again")
+    assert application.gdbus("CloseNotification", str(shown.id)) == (0, "()\n")
+    until(lambda: server.closed == [shown.id], "it to be closed")
 
 
 def test_remote_actions_of_an_instance(running, instances):

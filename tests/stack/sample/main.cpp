@@ -101,13 +101,15 @@ int main(int argc, char **argv)
     const QCommandLineOption flood = option("flood", "Prints so many lines first.", "lines");
     const QCommandLineOption noLifecycle = option("no-lifecycle", "Never asks for its state.");
     const QCommandLineOption memoryPressure = option("memory-pressure", "Subscribes to the memory level.");
+    const QCommandLineOption notifications =
+        option("notifications", "Listens to the events of notifications.");
     const QCommandLineOption hold = option("hold", "Keeps so much memory in use.", "megabytes");
     const QCommandLineOption intents = option("intents", "Handles intents, in this way.", "behaviour");
     const QCommandLineOption noIntentName = option("no-intent-name", "Never owns its id as a name.");
     QCommandLineParser parser;
     parser.addOptions(
         { name, directory, ignoreTerm, exitWith, daemonise, flood, noLifecycle, memoryPressure, hold });
-    parser.addOptions({ intents, noIntentName });
+    parser.addOptions({ notifications, intents, noIntentName });
     parser.addPositionalArgument(QStringLiteral("uris"), QStringLiteral("What to open."));
     if (!parser.parse(app.arguments())) {
         std::fprintf(stderr, "%s\n", qPrintable(parser.errorText()));
@@ -138,6 +140,7 @@ int main(int argc, char **argv)
     options.arguments = app.arguments();
     options.lifecycle = !parser.isSet(noLifecycle);
     options.memoryPressure = parser.isSet(memoryPressure);
+    options.notifications = parser.isSet(notifications);
     if (options.directory.isEmpty()) {
         options.directory = QDir::homePath() + QStringLiteral("/.cache/org.example/Sample");
     }

@@ -69,6 +69,9 @@ bool Sample::start()
     if (m_options.memoryPressure) {
         subscribeToMemoryLevel();
     }
+    if (m_options.notifications) {
+        listenToNotifications();
+    }
     return true;
 }
 
@@ -224,4 +227,32 @@ void Sample::subscribeToMemoryLevel()
     note(reply.isValid()
              ? QStringLiteral("subscribed")
              : QStringLiteral("subscribe ") + errorText(reply.error().name(), reply.error().message()));
+}
+
+void Sample::listenToNotifications()
+{
+    const QString name = QStringLiteral("org.freedesktop.Notifications");
+    const QString path = QStringLiteral("/org/freedesktop/Notifications");
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    bus.connect(name, path, name, QStringLiteral("ActionInvoked"), this,
+                SLOT(onActionInvoked(uint, QString)));
+    bus.connect(name, path, name, QStringLiteral("InputTextSet"), this, SLOT(onInputTextSet(uint, QString)));
+    bus.connect(name, path, name, QStringLiteral("NotificationClosed"), this,
+                SLOT(onNotificationClosed(uint, uint)));
+    note(QStringLiteral("listening"));
+}
+
+void Sample::onActionInvoked(uint id, const QString &actionKey)
+{
+    note(QStringLiteral("action %1 %2").arg(id).arg(actionKey));
+}
+
+void Sample::onInputTextSet(uint id, const QString &input)
+{
+    note(QStringLiteral("input %1 %2").arg(id).arg(input));
+}
+
+void Sample::onNotificationClosed(uint id, uint reason)
+{
+    note(QStringLiteral("closed %1 %2").arg(id).arg(reason));
 }

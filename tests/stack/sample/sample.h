@@ -15,6 +15,7 @@ struct SampleOptions
     QStringList arguments; ///< the whole command line, as it arrived
     bool lifecycle = true; ///< ask for the own state at the start, and listen to its changes
     bool memoryPressure = false; ///< subscribe to the memory level at the start
+    bool notifications = false; ///< note the events of notifications
     int tickMs = 20;
 };
 
@@ -64,11 +65,15 @@ private slots:
     void onStateChanged(const QString &appId, uint state);
     void onPropertiesChanged(const QString &interface, const QVariantMap &changed,
                              const QStringList &invalidated);
+    void onActionInvoked(uint id, const QString &actionKey);
+    void onInputTextSet(uint id, const QString &input);
+    void onNotificationClosed(uint id, uint reason);
 
 private:
     void tick();
     void askForState();
     void subscribeToMemoryLevel();
+    void listenToNotifications();
 
     const SampleOptions m_options;
     QFile m_diary;
