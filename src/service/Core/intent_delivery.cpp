@@ -144,8 +144,9 @@ void IntentsPrivate::retryStartAfterTermination(const ApplicationId &appId, cons
                      Qt::QueuedConnection);
 }
 
-// The bus may tell later than the kernel that a process is gone. Until then its name would pass for that of the
-// next process. What else holds the name, a child that was left behind for one, does not keep the start waiting.
+// The bus may tell later than the kernel that a process is gone. Until then its name would pass for that of
+// the next process. What else holds the name, a child that was left behind for one, does not keep the start
+// waiting.
 void IntentsPrivate::afterNameRelease(const QString &name, const std::function<void()> &function)
 {
     Timeout *const wait = startWait(q, nameReleaseMs, function);

@@ -1,0 +1,295 @@
+#include "Core/chronicle.h"
+
+#include "Core/error.h"
+#include "Core/runtime_controller.h"
+#include "support/private_bus.h"
+
+#include <QtTest>
+
+#include <csignal>
+
+using namespace Core;
+using namespace TestSupport;
+
+namespace {
+
+constexpr int pid = 4711;
+const QString sample = QStringLiteral("org.example.Sample");
+
+constexpr int exited(int status)
+{
+    return status << 8; // as in the status word of waitpid(2)
+}
+
+} // namespace
+
+// What is remembered of launches and ends. The controller's signals are emitted by hand.
+class TestChronicle : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+
+    void namesAreThoseOnTheBus();
+    void stepsAreTakenOnce();
+    void failedLaunchIsAnEnd();
+    void failureOfAnUnknownLaunchIsNone();
+    void verdictStands_data();
+    void verdictStands();
+    void verdictGoesWithTheEnd();
+    void whatDoesNotRunCannotBeDecided();
+    void requestorNeedsADecision();
+    void whoIsAskedAbout_data();
+    void whoIsAskedAbout();
+    void onlyTheLastOnesAreKept();
+    void oldLaunchesAreForgotten();
+
+private:
+    void start(const QString &id)
+    {
+        if (id.contains(QLatin1String(".task_"))) {
+            emit m_controller->taskStarted(id, pid, InvocationContext());
+            return;
+        }
+        ApplicationRecord record;
+        record.id = id;
+        record.pid = pid;
+        emit m_controller->applicationStarted(record);
+    }
+    void end(const QString &id, int status, StopReason reason = StopReason::None)
+    {
+        if (id.contains(QLatin1String(".task_"))) {
+            emit m_controller->taskTerminated(id, pid, status, reason);
+        } else {
+            emit m_controller->applicationTerminated(id, pid, status, reason);
+        }
+    }
+
+    PrivateBus m_bus;
+    RuntimeController *m_controller = nullptr;
+    std::unique_ptr<Chronicle> m_chronicle;
+};
+
+void TestChronicle::initTestCase()
+{
+    m_bus.useAsSessionBus();
+    m_bus.useAsSystemBus();
+    m_controller = RuntimeController::instance();
+}
+
+void TestChronicle::init()
+{
+    m_chronicle = std::make_unique<Chronicle>();
+    m_chronicle->follow(m_controller, nullptr);
+}
+
+void TestChronicle::namesAreThoseOnTheBus()
+{
+    QStringList steps;
+    for (int step = 0; step <= int(LaunchStep::FirstWindow); ++step) {
+        steps.append(launchStepName(LaunchStep(step)));
+    }
+    QCOMPARE(steps.join(QLatin1Char(' ')),
+             QStringLiteral("Allowed Prompted Granted Spawned Grouped Released NameSeen FirstWindow"));
+    QStringList decisions;
+    for (int decision = 0; decision <= int(Decision::LaunchFailed); ++decision) {
+        decisions.append(decisionName(Decision(decision)));
+    }
+    QCOMPARE(decisions.join(QLatin1Char(' ')),
+             QStringLiteral("exited crashed requested closed early-oom time-limit stopped launch-failed"));
+}
+
+void TestChronicle::stepsAreTakenOnce()
+{
+    m_chronicle->launchStep(sample, LaunchStep::Spawned); // of no launch
+    QVERIFY(m_chronicle->lastLaunch(sample).asked.isNull());
+
+    m_chronicle->launchAsked(sample);
+    m_chronicle->launchStep(sample, LaunchStep::Spawned);
+    const LaunchAccount first = m_chronicle->lastLaunch(sample);
+    QCOMPARE(first.stepsMs.keys(), QList<LaunchStep> { LaunchStep::Spawned });
+    m_chronicle->launchStep(sample, LaunchStep::Spawned);
+    QCOMPARE(m_chronicle->lastLaunch(sample).stepsMs, first.stepsMs);
+
+    m_chronicle->launchAsked(sample);
+    QVERIFY(m_chronicle->lastLaunch(sample).stepsMs.isEmpty());
+}
+
+void TestChronicle::failedLaunchIsAnEnd()
+{
+    m_chronicle->launchAsked(sample);
+    m_chronicle->launchFailed(sample, Error(Error::AccessDenied, QStringLiteral("no")));
+    QCOMPARE(m_chronicle->lastLaunch(sample).failedAt, QStringLiteral("Asked"));
+
+    m_chronicle->launchAsked(sample);
+    m_chronicle->launchStep(sample, LaunchStep::Grouped);
+    m_chronicle->launchStep(sample, LaunchStep::Allowed);
+    m_chronicle->launchFailed(sample, Error(Error::Failed, QStringLiteral("broken")));
+    const LaunchAccount launch = m_chronicle->lastLaunch(sample);
+    QCOMPARE(launch.failedAt, QStringLiteral("Grouped"));
+    QCOMPARE(launch.error, QStringLiteral("broken"));
+
+    const auto endings = m_chronicle->endings(sample);
+    QCOMPARE(endings.size(), 2);
+    QCOMPARE(endings.first().decision, Decision::LaunchFailed);
+    QCOMPARE(endings.first().detail, QStringLiteral("after \"Grouped\": broken"));
+    QVERIFY(endings.first().pid < 0);
+}
+
+void TestChronicle::failureOfAnUnknownLaunchIsNone()
+{
+    m_chronicle->launchFailed(sample, Error(Error::Failed, QStringLiteral("broken")));
+    QVERIFY(m_chronicle->endings().isEmpty());
+}
+
+void TestChronicle::verdictStands_data()
+{
+    QTest::addColumn<QList<int>>("decisions");
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QString>("decided");
+    QTest::addColumn<QString>("detail");
+
+    const auto list = [](std::initializer_list<Decision> decisions) {
+        QList<int> numbers;
+        for (const Decision decision : decisions) {
+            numbers.append(int(decision));
+        }
+        return numbers;
+    };
+    QTest::newRow("by itself") << list({}) << exited(0) << "exited"
+                               << "exit status 0";
+    QTest::newRow("with a failure") << list({}) << exited(9) << "exited"
+                                    << "exit status 9";
+    QTest::newRow("crash") << list({}) << SIGSEGV << "crashed"
+                           << "signal 11 (SIGSEGV)";
+    QTest::newRow("crash with a core") << list({}) << (SIGABRT | 0x80) << "crashed"
+                                       << "signal 6 (SIGABRT)";
+    QTest::newRow("requested") << list({ Decision::Requested }) << SIGTERM << "requested"
+                               << "why 2; signal 15 (SIGTERM)";
+    QTest::newRow("the first stands")
+        << list({ Decision::Closed, Decision::Requested }) << SIGKILL << "closed"
+        << "why 3; signal 9 (SIGKILL)";
+    QTest::newRow("a kill goes before")
+        << list({ Decision::Closed, Decision::EarlyOom }) << SIGKILL << "early-oom"
+        << "why 4; signal 9 (SIGKILL)";
+}
+
+void TestChronicle::verdictStands()
+{
+    QFETCH(QList<int>, decisions);
+    QFETCH(int, status);
+    QFETCH(QString, decided);
+    QFETCH(QString, detail);
+
+    start(sample);
+    for (const int decision : decisions) {
+        m_chronicle->decide(sample, Decision(decision), QStringLiteral("why %1").arg(decision));
+    }
+    end(sample, status, StopReason::Requested);
+    const Ending ending = m_chronicle->endings().value(0);
+    QCOMPARE(ending.id, sample);
+    QCOMPARE(decisionName(ending.decision), decided);
+    QCOMPARE(ending.detail, detail);
+    QCOMPARE(ending.pid, pid);
+    QCOMPARE(ending.exitStatus, status);
+    QCOMPARE(ending.stopReason, StopReason::Requested);
+    QVERIFY(ending.started <= ending.ended);
+}
+
+void TestChronicle::verdictGoesWithTheEnd()
+{
+    start(sample);
+    QVERIFY(!m_chronicle->runsSince(sample).isNull());
+    m_chronicle->decide(sample, Decision::Requested);
+    end(sample, exited(0));
+    QVERIFY(m_chronicle->runsSince(sample).isNull());
+    start(sample);
+    end(sample, exited(0));
+    QCOMPARE(m_chronicle->endings().first().decision, Decision::Exited);
+}
+
+void TestChronicle::whatDoesNotRunCannotBeDecided()
+{
+    m_chronicle->decide(sample, Decision::Requested);
+    start(sample);
+    end(sample, exited(0));
+    QCOMPARE(m_chronicle->endings().first().decision, Decision::Exited);
+}
+
+void TestChronicle::requestorNeedsADecision()
+{
+    start(sample);
+    m_chronicle->requestedBy(sample, QStringLiteral("org.example.Early"));
+    m_chronicle->decide(sample, Decision::Requested);
+    m_chronicle->requestedBy(sample, QStringLiteral("org.example.First"));
+    m_chronicle->requestedBy(sample, QStringLiteral("org.example.Second"));
+    end(sample, exited(0));
+    QCOMPARE(m_chronicle->endings().first().requestor, QStringLiteral("org.example.First"));
+}
+
+void TestChronicle::whoIsAskedAbout_data()
+{
+    QTest::addColumn<QString>("id");
+    QTest::addColumn<int>("limit");
+    QTest::addColumn<QString>("found");
+
+    QTest::newRow("all") << "" << 0 << "o s2 t s1 s";
+    QTest::newRow("all, limited") << "" << 2 << "o s2";
+    QTest::newRow("application") << sample << 0 << "s2 t s1 s";
+    QTest::newRow("application, limited") << sample << 3 << "s2 t s1";
+    QTest::newRow("instance") << sample + QStringLiteral(".instance_1") << 0 << "s1";
+    QTest::newRow("task") << sample + QStringLiteral(".task_sync") << 0 << "t";
+    QTest::newRow("prefix") << "org.example.Sam" << 0 << "";
+}
+
+void TestChronicle::whoIsAskedAbout()
+{
+    QFETCH(QString, id);
+    QFETCH(int, limit);
+    const QMap<QString, QString> names {
+        { sample, QStringLiteral("s") },
+        { sample + QStringLiteral(".instance_1"), QStringLiteral("s1") },
+        { sample + QStringLiteral(".task_sync"), QStringLiteral("t") },
+        { sample + QStringLiteral(".instance_2"), QStringLiteral("s2") },
+        { QStringLiteral("org.example.Sample2"), QStringLiteral("o") },
+    };
+    for (const char *name : { "s", "s1", "t", "s2", "o" }) {
+        const QString full = names.key(QLatin1String(name));
+        start(full);
+        end(full, exited(0));
+    }
+    QStringList found;
+    for (const Ending &ending : m_chronicle->endings(id, limit)) {
+        found.append(names.value(ending.id));
+        QCOMPARE(ending.isTask, names.value(ending.id) == QLatin1String("t"));
+    }
+    QTEST(found.join(QLatin1Char(' ')), "found");
+}
+
+void TestChronicle::onlyTheLastOnesAreKept()
+{
+    for (int number = 0; number < Chronicle::maximumEndings + 5; ++number) {
+        start(sample);
+        end(sample, exited(number & 0x7f));
+    }
+    const auto endings = m_chronicle->endings();
+    QCOMPARE(endings.size(), 200);
+    QCOMPARE(endings.first().exitStatus, exited((Chronicle::maximumEndings + 4) & 0x7f));
+    QCOMPARE(endings.last().exitStatus, exited(5));
+}
+
+void TestChronicle::oldLaunchesAreForgotten()
+{
+    m_chronicle->launchAsked(sample);
+    for (int number = 0; number < 600; ++number) {
+        m_chronicle->launchAsked(QStringLiteral("org.example.App%1").arg(number));
+    }
+    QVERIFY(m_chronicle->lastLaunch(sample).asked.isNull());
+    QVERIFY(!m_chronicle->lastLaunch(QStringLiteral("org.example.App599")).asked.isNull());
+    QVERIFY(!m_chronicle->lastLaunch(QStringLiteral("org.example.App100")).asked.isNull());
+}
+
+QTEST_GUILESS_MAIN(TestChronicle)
+#include "tst_chronicle.moc"
