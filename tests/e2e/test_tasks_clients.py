@@ -264,6 +264,25 @@ def test_a_stranger_that_asked_is_told_nothing(pair):
     assert state_signals(monitor.take()) == []
 
 
+def test_one_of_several_instances_is_told_nothing(service):
+    """It is remembered under the instance's id, and looked for under the application's."""
+    tasker.install(service)
+    service.install_sample(SAMPLE, sandbox=tasker.UNSANDBOXED, main={"X-Nemo-Single-Instance": "no"},
+                           arguments="--no-lifecycle", groups={"X-Task work": tasker.task(service)})
+    service.control.reload()
+    instance = service.control.start(SAMPLE).instance_id
+    assert ".instance_" in instance
+    sample = service.sample(instance)
+    get_all = f"org.kestrix.Procwarden {PATH} {TASKS} GetAll"
+    sample.call_service_with(get_all)
+    monitor = service.monitor()
+    # Its application's tasks are its own all the same.
+    sample.call_service_with(get_all.replace("GetAll", "Start"), task_id("work"), dbus.Array([], signature="s"),
+                             tasker.variant_map({}))
+    tasker.wait_running(service)
+    assert state_signals(monitor.take()) == []
+
+
 def test_a_task_that_is_being_stopped_is_not_active(pair):
     stack, sample, _ = pair
     tasker.start(stack, params=["--ignore-term"])
