@@ -21,15 +21,16 @@ private:
     void onTimer();
     void onRunning();
 
-    QTimer m_timer;
+    QTimer m_timer { this };
     int m_remaining = 0; ///< seconds to count after those that the timer counts now
     bool m_fired = false; ///< the timer came first: a wake-up that is still on its way means nothing
-    BackgroundActivity m_activity;
+    BackgroundActivity m_activity { this };
     WakeupTimer *const q;
 };
 
 WakeupTimerPrivate::WakeupTimerPrivate(WakeupTimer *timer)
-    : q(timer)
+    : QObject(timer)
+    , q(timer)
 {
     m_timer.setSingleShot(true);
     m_timer.setTimerType(Qt::VeryCoarseTimer);

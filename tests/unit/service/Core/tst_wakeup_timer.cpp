@@ -5,6 +5,8 @@
 #include "support/bus_stand_in.h"
 #include "support/private_bus.h"
 
+#include <backgroundactivity.h>
+
 #include <QElapsedTimer>
 #include <QProcess>
 #include <QSignalSpy>
@@ -62,6 +64,8 @@ private slots:
     void timesOutOnceInTime();
     void wakeUpIsDroppedOnceTheTimerHasFired();
     void whoeverIsFirstDecides();
+    void suspendedDeviceIsWokenAndKeptAwake();
+    void lateWakeUpOnlyLetsTheDeviceSuspend();
     void startBeforeTheTimeoutBeginsAnew();
     void startWithinTheTimeoutBeginsAnew();
     void destructionDeliversNothing();
@@ -149,6 +153,50 @@ void tst_WakeupTimer::whoeverIsFirstDecides()
         QVERIFY(!timeouts.wait(100));
         QCOMPARE(timeouts.size(), 1);
     }
+}
+
+void tst_WakeupTimer::suspendedDeviceIsWokenAndKeptAwake()
+{
+    for (const bool startAgain : { true, false }) {
+        m_logind->clearCalls();
+        auto timer = std::make_unique<WakeupTimer>();
+        QSignalSpy timeouts(timer.get(), &WakeupTimer::timeout);
+        timer->start(0);
+        // While the device is suspended, the ordinary timer stands still.
+        auto *ordinary = timer->findChild<QTimer *>();
+        QVERIFY(ordinary);
+        QCOMPARE(ordinary->timerType(), Qt::VeryCoarseTimer);
+        QVERIFY(ordinary->isSingleShot());
+        ordinary->setInterval(10000);
+        QVERIFY(timeouts.wait());
+        QVERIFY(!ordinary->isActive());
+        auto *activity = timer->findChild<BackgroundActivity *>();
+        QVERIFY(activity->isRunning()); // for what the timeout sets in motion
+        QTRY_COMPARE(m_logind->calls().size(), 1);
+        QVERIFY(!timeouts.wait(1500));
+        QCOMPARE(timeouts.size(), 1);
+        QVERIFY(activity->isRunning());
+        if (startAgain) {
+            timer->start(1000);
+            QVERIFY(!activity->isRunning());
+        }
+    }
+}
+
+void tst_WakeupTimer::lateWakeUpOnlyLetsTheDeviceSuspend()
+{
+    WakeupTimer timer;
+    QSignalSpy timeouts(&timer, &WakeupTimer::timeout);
+    timer.start(0);
+    QVERIFY(timeouts.wait());
+    auto *activity = timer.findChild<BackgroundActivity *>();
+    activity->run(); // one that could not be dropped any more
+    emit activity->running();
+    QVERIFY(!activity->isRunning());
+    QCOMPARE(timeouts.size(), 1);
+    timer.start(1); // and the next one counts again
+    QVERIFY(timeouts.wait());
+    QCOMPARE(timeouts.size(), 2);
 }
 
 void tst_WakeupTimer::startBeforeTheTimeoutBeginsAnew()
