@@ -8,6 +8,7 @@ import dbus
 import pytest
 
 import tasker
+from stack.mocks import CHARGING, Battery
 from stack.waiting import until
 from tasker import OTHER, SAMPLE, Invoker, task_id
 
@@ -158,6 +159,29 @@ def test_the_number_is_configured(stack, limit, running):
             assert error.message == f"Maximum number of tasks reached for {SAMPLE}"
     assert running is None or started == running
     assert stack.service.status is None
+
+
+def test_a_thousand_stored_tasks(stack):
+    names = [f"t{number}" for number in range(1000)]
+    tasker.install(stack, **{name: tasker.task(stack, conditions=["charging"]) for name in names})
+    stack.root.write("etc/procwarden/tasks.cfg", "MaxTasksPerApp=-1\n")
+    write_settings(stack, {"autostartedTasks": {
+        task_id(name): entry(conditions={"battery": None}) for name in names}})
+    before = os.stat(tasker.settings_file(stack)).st_mtime_ns
+    stack.start()
+    with Battery(stack, 50) as battery:
+        stack.service.wait_for_log(f'Starting autostarted task "{task_id("t999")}"')
+        battery.ping()
+        stack.system_control.running()
+        assert tasker.services(stack) == {}
+        # Nothing has changed, so nothing is written; each is there, and goes when it is told to.
+        assert os.stat(tasker.settings_file(stack)).st_mtime_ns == before
+        for name in names[1:]:
+            tasker.stop(stack, name)
+        wait_stored(stack, "t0")
+        assert "Task already removed:" not in stack.service.log()
+        battery.set(50, CHARGING)
+        tasker.wait_running(stack, "t0")
 
 
 NOT_SETTINGS = {
