@@ -216,7 +216,7 @@ void read(const std::string &path)
     ::close(file);
 }
 
-/// What no such search can do without: the group, its members, how each offers itself, the leader's scores.
+/// What no such search can do without: the group, its members, how each offers itself, the leader's score.
 void readOnly(const std::vector<Record> &records)
 {
     int number = 0;
@@ -228,7 +228,6 @@ void readOnly(const std::vector<Record> &records)
             read("/proc/" + std::to_string(pid) + "/oom_score_adj");
         }
         read(leader + "/oom_score");
-        read(leader + "/oom_score_adj");
     }
 }
 

@@ -52,8 +52,8 @@ QString processFile(pid_t pid, const char *name)
 
 /// The process of the control group of @p leader that has offered itself most clearly; the leader if all have
 /// the same to say. Only a value above 0 is an offer. A group that the leader is no longer in is not its own:
-/// it is about to end.
-pid_t volunteer(pid_t leader)
+/// it is about to end. What the leader says is left in @p leaderSays, if it was read on the way.
+pid_t volunteer(pid_t leader, std::optional<int> *leaderSays)
 {
     const QSet<int> members = CGroupController::processesInSameGroup(leader);
     if (!members.contains(leader)) {
@@ -78,6 +78,9 @@ pid_t volunteer(pid_t leader)
             KernelFile(root % "/proc/" % QByteArray::number(pid) % "/oom_score_adj").number();
         if (!value) {
             continue; // it has ended meanwhile
+        }
+        if (pid == leader) {
+            *leaderSays = value;
         }
         smallest = std::min(smallest, *value);
         if (*value > largest) {
@@ -209,9 +212,16 @@ int OomController::notificationUnfreezeMsec() const
 
 bool OomController::readProcessScore(pid_t pid, Candidate *candidate) const
 {
-    candidate->killPid = volunteer(pid);
-    return readIntFromFile(processFile(pid, "oom_score"), &candidate->oomScore)
-        && readIntFromFile(processFile(pid, "oom_score_adj"), &candidate->oomScoreAdj);
+    std::optional<int> adjustment;
+    candidate->killPid = volunteer(pid, &adjustment);
+    if (!readIntFromFile(processFile(pid, "oom_score"), &candidate->oomScore)) {
+        return false;
+    }
+    if (adjustment) {
+        candidate->oomScoreAdj = *adjustment;
+        return true;
+    }
+    return readIntFromFile(processFile(pid, "oom_score_adj"), &candidate->oomScoreAdj);
 }
 
 int OomController::oomScoreForStart(int flags)
