@@ -1,0 +1,81 @@
+#include "command.h"
+#include "exit_status.h"
+#include "output.h"
+#include "session.h"
+
+#include <QCoreApplication>
+
+#include <algorithm>
+
+namespace {
+
+QString helpText()
+{
+    QString text = QStringLiteral("Usage: procwardenctl COMMAND [ARGUMENT...]\n"
+                                  "Works with the applications and tasks that procwarden runs.\n\n"
+                                  "Commands:\n");
+    const auto &commands = Ctl::commands();
+    for (const Ctl::Command &command : commands) {
+        text += QStringLiteral("  %1  %2\n")
+                    .arg(QLatin1String(command.name), -13)
+                    .arg(QLatin1String(command.summary));
+    }
+    return text
+        + QStringLiteral(
+               "\nOptions:\n"
+               "  -h, --help       Show this help, or that of a command\n"
+               "  --version        Show the version\n"
+               "  --json           Print JSON, with every command\n"
+               "  --list-commands  Print the names of the commands, for the completion of shells\n\n"
+               "Exit status: 0 done, 1 refused, 2 wrong usage, 3 the service is not running,\n"
+               "4 no such id, 5 time is up.\n");
+}
+
+/// @p words: what follows the program's name.
+int run(QStringList words)
+{
+    // Before the command, too.
+    QStringList before;
+    while (!words.isEmpty() && words.first() == QLatin1String("--json")) {
+        before.append(words.takeFirst());
+    }
+    if (words.isEmpty()) {
+        Ctl::Output::error(QStringLiteral("No command"));
+        Ctl::Output::hint(QStringLiteral("Try \"procwardenctl --help\"."));
+        return Ctl::WrongUsage;
+    }
+    const QString name = words.takeFirst();
+    if (name == QLatin1String("--version")) {
+        Ctl::Output::print(QStringLiteral("procwardenctl %1\n").arg(QCoreApplication::applicationVersion()));
+        return Ctl::Done;
+    }
+    if (name == QLatin1String("--help") || name == QLatin1String("-h") || name == QLatin1String("help")) {
+        Ctl::Output::print(helpText());
+        return Ctl::Done;
+    }
+    if (name == QLatin1String("--list-commands")) {
+        const auto &commands = Ctl::commands();
+        for (const Ctl::Command &command : commands) {
+            Ctl::Output::print(QLatin1String(command.name) + QLatin1Char('\n'));
+        }
+        return Ctl::Done;
+    }
+    const Ctl::Command *command = Ctl::findCommand(name);
+    if (!command) {
+        Ctl::Output::error(QStringLiteral("No such command: %1").arg(name));
+        Ctl::Output::hint(QStringLiteral("Try \"procwardenctl --help\"."));
+        return Ctl::WrongUsage;
+    }
+    Ctl::Session session(*command, before + words);
+    return command->run(session);
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    const QCoreApplication application(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("procwardenctl"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(PROCWARDEN_VERSION));
+    return run(QCoreApplication::arguments().mid(1));
+}

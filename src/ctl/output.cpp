@@ -1,0 +1,133 @@
+#include "output.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <algorithm>
+#include <cstdio>
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace Ctl {
+
+namespace {
+
+void write(FILE *file, const QString &text)
+{
+    const QByteArray bytes = text.toUtf8();
+    std::fwrite(bytes.constData(), 1, size_t(bytes.size()), file);
+    std::fflush(file);
+}
+
+int widthOfTerminal()
+{
+    if (qEnvironmentVariableIsSet("COLUMNS")) {
+        return std::max(qEnvironmentVariableIntValue("COLUMNS"), 0);
+    }
+    winsize size = {};
+    return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+}
+
+} // namespace
+
+Output::Output()
+{
+    if (isatty(STDOUT_FILENO)) {
+        m_isColoured = qEnvironmentVariableIsEmpty("NO_COLOR") && qgetenv("TERM") != "dumb";
+        m_width = widthOfTerminal();
+    }
+}
+
+void Output::rows(const QVariantList &entries, const QVector<Column> &columns, const QString &whenEmpty) const
+{
+    if (m_isJson) {
+        print(QString::fromUtf8(QJsonDocument(QJsonArray::fromVariantList(entries)).toJson()));
+    } else if (entries.isEmpty()) {
+        print(whenEmpty + QLatin1Char('\n'));
+    } else {
+        print(tableText(entries, columns));
+    }
+}
+
+void Output::record(const QVariantMap &data, const QString &text) const
+{
+    print(m_isJson ? QString::fromUtf8(QJsonDocument(QJsonObject::fromVariantMap(data)).toJson()) : text);
+}
+
+void Output::event(const QVariantMap &data, const QString &text) const
+{
+    const QJsonDocument document(QJsonObject::fromVariantMap(data));
+    print((m_isJson ? QString::fromUtf8(document.toJson(QJsonDocument::Compact)) : text) + QLatin1Char('\n'));
+}
+
+QString Output::tableText(const QVariantList &entries, const QVector<Column> &columns) const
+{
+    QVector<Table::Column> heads;
+    for (const Column &column : columns) {
+        heads.append(column.head);
+    }
+    Table table(heads);
+    for (const QVariant &entry : entries) {
+        const QVariantMap map = entry.toMap();
+        QVector<Table::Cell> cells;
+        for (const Column &column : columns) {
+            cells.append(column.cell(map));
+        }
+        table.addRow(cells);
+    }
+    return table.render(m_width, m_isColoured);
+}
+
+QString Output::highlighted(const QString &text, Style style) const
+{
+    return m_isColoured ? styled(printable(text), style) : printable(text);
+}
+
+void Output::print(const QString &text)
+{
+    write(stdout, text);
+}
+
+void Output::error(const QString &text)
+{
+    write(stderr, QStringLiteral("procwardenctl: %1\n").arg(printable(text)));
+}
+
+void Output::hint(const QString &text)
+{
+    write(stderr, text + QLatin1Char('\n'));
+}
+
+Output::Column keyColumn(const QString &title, const QString &key, bool shrinks)
+{
+    return { { title, Table::Align::Left, shrinks }, [key](const QVariantMap &entry) {
+                return Table::Cell { entry.value(key).toString() };
+            } };
+}
+
+void Sheet::add(const QString &label, const QString &value)
+{
+    if (!value.isEmpty()) {
+        m_lines.append({ label, value });
+    }
+}
+
+QString Sheet::text() const
+{
+    int width = 0;
+    for (const auto &line : m_lines) {
+        width = std::max(width, displayWidth(line.first));
+    }
+    QString result;
+    for (const auto &line : m_lines) {
+        QString value = line.second;
+        value.replace(QLatin1Char('\n'), QLatin1Char('\n') + QString(width + 2, QLatin1Char(' ')));
+        result += QString(width - displayWidth(line.first), QLatin1Char(' ')) + line.first
+            + QStringLiteral(": ") + value + QLatin1Char('\n');
+    }
+    return result;
+}
+
+} // namespace Ctl
