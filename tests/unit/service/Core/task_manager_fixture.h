@@ -2,6 +2,7 @@
 
 #include "Core/application_registry.h"
 #include "Core/condition.h"
+#include "Core/keepalive.h"
 #include "Core/task_hints.h"
 #include "Core/task_manager_p.h"
 
@@ -99,6 +100,16 @@ public:
         qputenv("XDG_RUNTIME_DIR", QFile::encodeName(catalogue.path(QStringLiteral("run"))));
         login = std::make_unique<TestSupport::LoginDaemon>(m_bus);
     }
+
+    ~TaskManagerFixture()
+    {
+        // What the last test asked the login daemon for has been answered when this is: nothing is left that
+        // a search for leaks would find.
+        Core::KeepaliveSwitch last;
+        last.on();
+        QTRY_COMPARE(login->held(), 1);
+    }
+    Q_DISABLE_COPY(TaskManagerFixture)
 
     TestSupport::PrivateBus &bus() { return m_bus; }
 
