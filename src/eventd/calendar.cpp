@@ -13,6 +13,8 @@ namespace {
 using Maemo::Timed::WireEvent;
 using Maemo::Timed::WireRecurrence;
 
+constexpr int maximumTimeLength = 64; // of any that makes sense; a fraction could have any number of digits
+
 const char *const dayNames[] = { "Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat" };
 
 /// What a field holds, or `*` if that is everything.
@@ -120,7 +122,8 @@ bool parseTime(const QString &text, QDateTime *time)
 
 bool parseLimit(const QString &text, QDateTime *time)
 {
-    *time = text.isEmpty() ? QDateTime() : QDateTime::fromString(text, Qt::ISODate);
+    const bool isSet = !text.isEmpty() && text.size() <= maximumTimeLength;
+    *time = isSet ? QDateTime::fromString(text, Qt::ISODate) : QDateTime();
     return text.isEmpty() || time->isValid();
 }
 

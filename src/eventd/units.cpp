@@ -59,7 +59,8 @@ QByteArray timer(Cookie cookie, const WireEvent &event, bool wake)
 {
     QString text = QString::fromLatin1(head);
     text += QStringLiteral("[Unit]\nDescription=Timed event %1\n\n[Timer]\n").arg(cookie);
-    for (const QString &expression : Calendar::expressions(event)) {
+    const QStringList expressions = Calendar::expressions(event);
+    for (const QString &expression : expressions) {
         text += QStringLiteral("OnCalendar=%1\n").arg(expression);
     }
     text += QLatin1String("AccuracySec=1s\n"

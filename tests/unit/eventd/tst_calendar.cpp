@@ -117,6 +117,8 @@ void TestCalendar::limitIsRead_data()
     QTest::newRow("with an offset") << "2027-01-02T03:04:05+05:30" << true << "2027-01-01T21:34:05Z";
     QTest::newRow("date only") << "2027-01-02" << true << "2027-01-01T23:00:00Z";
     QTest::newRow("nonsense") << "tomorrow" << false << none;
+    QTest::newRow("endless") << QStringLiteral("2027-01-02T03:04:05.%1Z").arg(QString(100, QLatin1Char('0')))
+                             << false << none;
     QTest::newRow("no such day") << "2027-02-30T00:00:00Z" << false << none;
 }
 
