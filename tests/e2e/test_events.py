@@ -180,7 +180,7 @@ def test_recurrent_event_comes_until_it_is_cancelled(session, listener):
 def test_start_and_end_are_honoured(session, listener):
     """Each second, from some seconds ahead to some more: nothing before, nothing after, and then it is gone."""
     now = datetime.datetime.now().astimezone().replace(microsecond=0)
-    start, end = now + datetime.timedelta(seconds=4), now + datetime.timedelta(seconds=6)
+    start, end = now + datetime.timedelta(seconds=6), now + datetime.timedelta(seconds=8)
     listener.add({"which": "limited"}, recurrences=[recurrence(seconds=range(60), start=start.isoformat(),
                                                                end=end.isoformat())])
     times = []
@@ -203,7 +203,7 @@ def test_event_that_was_due_while_everything_was_off_is_fired_once(stack, sessio
     stack.start_helper()
     session.install_service()
     connection, events = owner(session)
-    moment = ahead(3)
+    moment = ahead(5)
     events.add(SERVICE_ACTION, {"eventId": ""}, time=moment)
     connection.close()
     switched_off_until(session, moment)
@@ -220,7 +220,7 @@ def test_event_that_was_due_while_everything_was_off_is_fired_once(stack, sessio
 def test_recurrent_event_survives_and_what_it_missed_comes_once(session):
     listener = Listener(session.bus)
     now = datetime.datetime.now()
-    moment = now + datetime.timedelta(seconds=3)
+    moment = now + datetime.timedelta(seconds=5)
     # At three seconds of this minute or the next; all of them pass while everything is off.
     missed = [moment + datetime.timedelta(seconds=extra) for extra in range(3)]
     cookie = listener.add({"which": "daily"}, recurrences=[
