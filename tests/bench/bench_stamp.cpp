@@ -1,5 +1,5 @@
-// What is started when a start is measured: tells when it began to run, through the FIFO that its last argument
-// names. The ones before it are ignored, so that it can be started in the place of the sandbox.
+// What is started when a start is measured: tells when it began to run, through the FIFO that its last
+// argument names. The ones before it are ignored, so that it can be started in the place of the sandbox.
 
 #include <cstdint>
 #include <ctime>
