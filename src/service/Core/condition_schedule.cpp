@@ -75,6 +75,11 @@ QList<int> ConditionSchedule::numbers(const QVariant &list)
 
 void ConditionSchedule::conditionDataLoaded()
 {
+    setupTimed();
+}
+
+void ConditionSchedule::setupTimed()
+{
     connect(d->proxy, &TimedProxy::eventTriggered, this, [this](const QString &eventId) {
         if (eventId == d->eventId) {
             setSatisfied(true);
@@ -107,7 +112,8 @@ void ConditionSchedule::addEvent()
 void ConditionSchedule::eventAdded(quint32 cookie, const Error &error)
 {
     if (error) {
-        qWarning() << "Could not create timed event for" << d->eventId << error;
+        qWarning() << "Could not create timed event for" << d->eventId;
+        qDebug() << "Timed event refused:" << error;
         return;
     }
     QVariantMap changed = config();

@@ -44,6 +44,7 @@ public:
     void taskRemoved() override;
 
 private:
+    void setupTimed();
     void addEvent();
     void eventAdded(quint32 cookie, const Error &error);
 

@@ -52,6 +52,7 @@ int NetworkSource::connectionType(int bearerType)
         return 3;
     case QNetworkConfiguration::BearerBluetooth:
         return 4;
+    case QNetworkConfiguration::BearerUnknown:
     default:
         return 0;
     }
