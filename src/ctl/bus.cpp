@@ -21,6 +21,7 @@ bool meansNobody(const QString &name)
         QStringLiteral("org.freedesktop.DBus.Error.NameHasNoOwner"),
         QStringLiteral("org.freedesktop.DBus.Error.Disconnected"),
         QStringLiteral("org.freedesktop.DBus.Error.NoServer"),
+        QStringLiteral("org.freedesktop.DBus.Error.TimedOut"), // the bus has tried to start it
     };
     return names.contains(name) || name.startsWith(QLatin1String("org.freedesktop.DBus.Error.Spawn."));
 }

@@ -74,6 +74,9 @@ QVariant plainValue(const QVariant &value)
     if (type == qMetaTypeId<QDBusUnixFileDescriptor>()) {
         return QStringLiteral("fd");
     }
+    if (type == QMetaType::UChar || type == QMetaType::Short || type == QMetaType::UShort) {
+        return value.toInt(); // JSON would have them as texts
+    }
     if (type == QMetaType::QVariantMap) {
         QVariantMap map = value.toMap();
         for (auto entry = map.begin(); entry != map.end(); ++entry) {

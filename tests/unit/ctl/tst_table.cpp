@@ -1,0 +1,110 @@
+#include "table.h"
+
+#include <QTest>
+
+using Ctl::Style;
+using Ctl::Table;
+
+/// Aligned columns.
+class TableTest : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void columnsAreAsWideAsTheirWidestText();
+    void emptyCellsLeaveTheirPlace();
+    void missingCellsAreEmpty();
+    void widestColumnThatMayShrinkIsCut();
+    void columnsAreNotCutBeyondUse();
+    void coloursDoNotCountAsWidth();
+    void charactersCountAndNotCodeUnits();
+    void controlCharactersAreNotObeyed();
+};
+
+namespace {
+
+QString lines(const QStringList &texts)
+{
+    return texts.join(QLatin1Char('\n')) + QLatin1Char('\n');
+}
+
+Table sample()
+{
+    Table table({ { QStringLiteral("ID"), Table::Align::Left, true },
+                  { QStringLiteral("PID"), Table::Align::Right },
+                  { QStringLiteral("GROUP"), Table::Align::Left, true } });
+    table.addRow(
+        { { QStringLiteral("org.example.Notes") }, { QStringLiteral("7") }, { QStringLiteral("a/b") } });
+    table.addRow({ { QStringLiteral("x") }, { QStringLiteral("12345") }, { QStringLiteral("c") } });
+    return table;
+}
+
+} // namespace
+
+void TableTest::columnsAreAsWideAsTheirWidestText()
+{
+    QCOMPARE(sample().render(0, false),
+             lines({ QStringLiteral("ID                   PID  GROUP"),
+                     QStringLiteral("org.example.Notes      7  a/b"),
+                     QStringLiteral("x                  12345  c") }));
+}
+
+void TableTest::emptyCellsLeaveTheirPlace()
+{
+    Table table(
+        { { QStringLiteral("A") }, { QStringLiteral("B"), Table::Align::Right }, { QStringLiteral("C") } });
+    table.addRow({ { QStringLiteral("1") }, {}, { QStringLiteral("3") } });
+    table.addRow({ {}, { QStringLiteral("2") }, {} });
+    QCOMPARE(table.render(0, false),
+             lines({ QStringLiteral("A  B  C"), QStringLiteral("1     3"), QStringLiteral("   2") }));
+}
+
+void TableTest::missingCellsAreEmpty()
+{
+    Table table({ { QStringLiteral("A") }, { QStringLiteral("B") } });
+    table.addRow({ { QStringLiteral("1") } });
+    QCOMPARE(table.render(0, false), lines({ QStringLiteral("A  B"), QStringLiteral("1") }));
+}
+
+void TableTest::widestColumnThatMayShrinkIsCut()
+{
+    const QString ellipsis(QChar(0x2026));
+    QCOMPARE(sample().render(26, false),
+             lines({ QStringLiteral("ID              PID  GROUP"),
+                     QStringLiteral("org.example") + ellipsis + QStringLiteral("      7  a/b"),
+                     QStringLiteral("x             12345  c") }));
+}
+
+void TableTest::columnsAreNotCutBeyondUse()
+{
+    const QString rendered = sample().render(3, false);
+    QVERIFY(rendered.contains(QStringLiteral("org.exa") + QChar(0x2026)));
+    QVERIFY(rendered.contains(QStringLiteral("12345  c")));
+}
+
+void TableTest::coloursDoNotCountAsWidth()
+{
+    Table table({ { QStringLiteral("A") }, { QStringLiteral("B") } });
+    table.addRow({ { QStringLiteral("bad"), Style::Bad }, { QStringLiteral("x") } });
+    QCOMPARE(table.render(0, true),
+             lines({ QStringLiteral("\033[1mA\033[0m    \033[1mB\033[0m"),
+                     QStringLiteral("\033[31mbad\033[0m  x") }));
+}
+
+void TableTest::charactersCountAndNotCodeUnits()
+{
+    Table table({ { QStringLiteral("A") }, { QStringLiteral("B") } });
+    table.addRow({ { QString::fromUtf8("\xf0\x9f\x8c\x8d") }, { QStringLiteral("x") } });
+    QCOMPARE(table.render(0, false), QString::fromUtf8("A  B\n\xf0\x9f\x8c\x8d  x\n"));
+}
+
+void TableTest::controlCharactersAreNotObeyed()
+{
+    Table table({ { QStringLiteral("A") } });
+    table.addRow({ { QStringLiteral("a\033[2Jb\nc") } });
+    QCOMPARE(table.render(0, false), lines({ QStringLiteral("A"), QStringLiteral("a?[2Jb?c") }));
+}
+
+QTEST_APPLESS_MAIN(TableTest)
+
+#include "tst_table.moc"
