@@ -244,7 +244,12 @@ void ApplicationRegistryPrivate::writeDefaultHandlersToMimeappsList() const
             file.write(QStringLiteral("%1=%2\n").arg(it.key(), name).toUtf8());
         }
     }
-    if (!file.commit()) {
+    // commit() would take a disk that is full at this point for a success, and the cut file would stand.
+    const bool isWhole = file.flush();
+    if (!isWhole) {
+        file.cancelWriting();
+    }
+    if (!file.commit() || !isWhole) {
         qWarning() << "Failed to write file" << path << file.errorString();
     }
 }

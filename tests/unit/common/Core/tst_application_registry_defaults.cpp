@@ -1,6 +1,7 @@
 #include "Core/application_instance_id.h"
 #include "Core/application_registry.h"
 #include "common/Core/catalogue_fixture.h"
+#include "support/file_size_limit.h"
 #include "support/log_capture.h"
 
 #include <QUrl>
@@ -9,6 +10,7 @@
 #include <sys/stat.h>
 
 using namespace Core;
+using TestSupport::FileSizeLimit;
 using TestSupport::LogCapture;
 
 // The user's default handlers and the file that holds them.
@@ -32,6 +34,7 @@ private slots:
     void writerMakesTheDirectory();
     void writerReportsWhatItCannotDo();
     void changeThatCannotBeWrittenLastsUntilTheNextScan();
+    void fullDiskLeavesTheFileAsItWas();
     void defaultsOfAnApplicationAreCleared();
     void fileSurvivesAReload();
 
@@ -247,6 +250,22 @@ void TestApplicationRegistryDefaults::changeThatCannotBeWrittenLastsUntilTheNext
     QCOMPARE(defaultFor(registry, "x.png"), QStringLiteral("org.kestrix.a"));
     registry.reload();
     QCOMPARE(defaultFor(registry, "x.png"), QString());
+}
+
+void TestApplicationRegistryDefaults::fullDiskLeavesTheFileAsItWas()
+{
+    install("a", "MimeType=text/plain;image/png\n");
+    const QByteArray before = "[Default Applications]\ntext/plain=a.desktop\n";
+    writeList(before);
+    ApplicationRegistry registry;
+    const LogCapture log;
+    {
+        const FileSizeLimit limit(before.size()); // the new file needs more
+        registry.setDefaultHandlerForUri(url("file:///a.png"), appId("org.kestrix.a"));
+    }
+    QCOMPARE(listContent(), before);
+    QCOMPARE(log.warnings().size(), 1);
+    QVERIFY(log.warnings().first().startsWith(QLatin1String("Failed to write file")));
 }
 
 void TestApplicationRegistryDefaults::defaultsOfAnApplicationAreCleared()

@@ -1,6 +1,7 @@
 #include "Core/user_settings.h"
 
 #include "settings_fixture.h"
+#include "support/file_size_limit.h"
 #include "support/log_capture.h"
 
 #include <QCoreApplication>
@@ -21,6 +22,7 @@
 
 using Core::AutostartEntry;
 using Core::UserSettings;
+using TestSupport::FileSizeLimit;
 using TestSupport::LogCapture;
 
 namespace {
@@ -51,30 +53,6 @@ int inChild(const std::function<int()> &work)
     int status = 0;
     return waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
-
-/// Files cannot grow beyond some size while this exists: a write fails as on a full disk.
-class FileSizeLimit
-{
-public:
-    explicit FileSizeLimit(rlim_t bytes)
-    {
-        m_handler = std::signal(SIGXFSZ, SIG_IGN);
-        getrlimit(RLIMIT_FSIZE, &m_previous);
-        rlimit limit = m_previous;
-        limit.rlim_cur = bytes;
-        setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    ~FileSizeLimit()
-    {
-        setrlimit(RLIMIT_FSIZE, &m_previous);
-        std::signal(SIGXFSZ, m_handler);
-    }
-    Q_DISABLE_COPY(FileSizeLimit)
-
-private:
-    rlimit m_previous {};
-    void (*m_handler)(int) = SIG_DFL;
-};
 
 /// Mounts a file system of 16 kB, seen by this process only.
 bool mountTinyDisk(const QByteArray &directory)
