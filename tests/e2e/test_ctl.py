@@ -9,7 +9,8 @@ import pytest
 
 import ctl
 import tasker
-from invoker import install_handler
+from invoker import HANDLER, install_handler
+from stack.document_portal import DocumentPortal, cannot_run
 from stack.process import state
 from stack.waiting import until
 
@@ -248,6 +249,8 @@ def test_start_with_uris(stack):
     assert ctl.run_json(stack, "start", handler, "--uri", "test:three") == {"Id": handler}
     (app,), _ = stack.control.running()
     assert app[0] == handler
+    heard = [line for line in stack.sample_files.diary(handler) if line.startswith("intent ")]
+    assert [json.loads(line.split(" ", 2)[2])["uri"] for line in heard] == ["test:one", "test:two", "test:three"], heard
 
 
 def test_debug(sample):
@@ -332,6 +335,44 @@ def test_intent(stack):
     started = ctl.run_json(stack, "intent", "Start", "--hint", "preferredHandler=org.example.Handler",
                            "-H", "startDBus=true")
     assert started == {"instanceId": "org.example.Handler"}
+
+
+@pytest.mark.skipif(bool(cannot_run()), reason=cannot_run())
+def test_files_of_an_intent(stack):
+    portal = DocumentPortal(stack)
+    stack.start()
+    install_handler(stack, behaviour="echo")
+    paths = {}
+    for name in ("one", "two", "three"):
+        paths[name] = os.path.join(stack.user.home, f"{name}.txt")
+        with open(paths[name], "w") as file:
+            file.write(name)
+        os.chown(paths[name], stack.user.uid, stack.user.gid)
+    answer = ctl.run_json(stack, "intent", "X-do", "--file", f"files[]={paths['one']}", "-f",
+                          f"files[]=file://{paths['two']}", "--write-file", f"target={paths['three']}")
+    shared = [*answer["files"], answer["target"]]
+    names = [os.path.basename(path) for path in shared]
+    assert names == ["one.txt", "two.txt", "three.txt"], answer
+    assert all(f"/by-app/{HANDLER}/" in path for path in shared), answer
+    assert ctl.run_json(stack, "intent", "X-do", "-F", f"target={paths['one']}")["target"].endswith("/one.txt")
+    portal.close()
+
+
+def test_application_learns_of_itself_only(sample):
+    sample.install_sample(OTHER, sandbox=UNSANDBOXED)
+    sample.control.reload()
+    start(sample, OTHER)
+    application = start(sample)
+    # Where the user can reach it.
+    program = sample.applications.install_program("procwardenctl", os.path.join(sample.bin_dir, "procwardenctl"))
+    code, text = application.run(program, "list", "--json")
+    assert (code, [process["Id"] for process in json.loads(text)]) == (0, [SAMPLE])
+    assert application.run(program, "status", OTHER) == (
+        ctl.REFUSED, "procwardenctl: org.freedesktop.DBus.Error.AccessDenied: "
+                     f"Not allowed to ask about {OTHER}\n")
+    code, text = application.run(program, "memory")
+    assert (code, text.partition(": ")[2]) == (
+        ctl.REFUSED, "org.freedesktop.DBus.Error.AccessDenied: Not allowed to ask about the memory\n")
 
 
 def test_tasks(sample):
