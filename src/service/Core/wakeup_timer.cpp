@@ -62,6 +62,7 @@ void WakeupTimerPrivate::onTimer()
         startTimer();
         return;
     }
+    // The signal comes last: it may lead to the next start(), whose wake-up is not to be dropped.
     m_fired = true;
     m_activity.stop();
     emit q->timeout();

@@ -16,7 +16,11 @@
 #include <csignal>
 #include <limits>
 #include <memory>
+
+#include <sys/syscall.h>
+#include <sys/time.h>
 #include <time.h>
+#include <unistd.h>
 
 using Core::ConditionDelay;
 using Core::ConditionInterval;
@@ -25,6 +29,9 @@ using TestSupport::BusStandIn;
 using TestSupport::PrivateBus;
 
 namespace {
+
+/// What the clock on the wall has been set forth by; the kernel's clocks that cannot be set stay as they are.
+time_t clockOffset = 0;
 
 /// Blocks for so long that both clocks are due when the event loop goes on.
 void sleepFor(int milliseconds)
@@ -50,6 +57,25 @@ int countTimeouts()
 
 } // namespace
 
+// In the place of the C library's.
+extern "C" int clock_gettime(clockid_t clock, timespec *time) noexcept
+{
+    const auto result = static_cast<int>(::syscall(SYS_clock_gettime, clock, time));
+    if (result == 0 && (clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE)) {
+        time->tv_sec += clockOffset;
+    }
+    return result;
+}
+
+extern "C" int gettimeofday(timeval *time, void *zone) noexcept
+{
+    const auto result = static_cast<int>(::syscall(SYS_gettimeofday, time, zone));
+    if (result == 0) {
+        time->tv_sec += clockOffset;
+    }
+    return result;
+}
+
 /// The timer, and the two conditions that are little more than one.
 class tst_WakeupTimer : public QObject
 {
@@ -68,10 +94,14 @@ private slots:
     void lateWakeUpOnlyLetsTheDeviceSuspend();
     void startBeforeTheTimeoutBeginsAnew();
     void startWithinTheTimeoutBeginsAnew();
+    void startWithinTheTimeoutHasBothClocks_data();
+    void startWithinTheTimeoutHasBothClocks();
     void destructionDeliversNothing();
     void destructionWithinTheTimeout();
     void longestTimesAreNoOverflow_data();
     void longestTimesAreNoOverflow();
+    void clockThatIsSetDoesNotMatter_data();
+    void clockThatIsSetDoesNotMatter();
     void stoppedProcessTimesOutOnce();
 
     void delayTurnsTrueOnce();
@@ -225,6 +255,48 @@ void tst_WakeupTimer::startWithinTheTimeoutBeginsAnew()
     QVERIFY(!timeouts.wait(1500));
 }
 
+void tst_WakeupTimer::startWithinTheTimeoutHasBothClocks_data()
+{
+    QTest::addColumn<bool>("wokenFirst");
+    QTest::addColumn<bool>("wokenThen");
+
+    QTest::newRow("awake, then suspended") << false << true;
+    QTest::newRow("suspended, then awake") << true << false;
+    QTest::newRow("suspended both times") << true << true;
+}
+
+// A task that is due again and again is started, and with it the next wait, by the timeout of the last one.
+void tst_WakeupTimer::startWithinTheTimeoutHasBothClocks()
+{
+    QFETCH(const bool, wokenFirst);
+    QFETCH(const bool, wokenThen);
+
+    WakeupTimer timer;
+    auto *ordinary = timer.findChild<QTimer *>();
+    auto *activity = timer.findChild<BackgroundActivity *>();
+    const auto leaveOnly = [=](bool wakeUp) {
+        if (wakeUp) {
+            ordinary->stop(); // as it stands still while the device is suspended
+        } else {
+            activity->stop();
+        }
+    };
+    int timeouts = 0;
+    connect(&timer, &WakeupTimer::timeout, this, [&] {
+        if (++timeouts == 1) {
+            timer.start(1);
+        }
+    });
+    timer.start(0);
+    leaveOnly(wokenFirst);
+    QTRY_COMPARE(timeouts, 1);
+    QVERIFY(ordinary->isActive());
+    QVERIFY(!activity->isRunning()); // the device may suspend until then
+    leaveOnly(wokenThen);
+    QTRY_COMPARE(timeouts, 2);
+    QCOMPARE(activity->isRunning(), wokenThen);
+}
+
 void tst_WakeupTimer::destructionDeliversNothing()
 {
     int count = 0;
@@ -270,6 +342,46 @@ void tst_WakeupTimer::longestTimesAreNoOverflow()
     QSignalSpy timeouts(&timer, &WakeupTimer::timeout);
     timer.start(seconds);
     QVERIFY(!timeouts.wait(500));
+}
+
+void tst_WakeupTimer::clockThatIsSetDoesNotMatter_data()
+{
+    QTest::addColumn<int>("offset");
+    QTest::addColumn<bool>("woken");
+
+    for (const bool woken : { false, true }) {
+        const char *const by = woken ? "wake-up" : "timer";
+        QTest::addRow("back, %s", by) << -7 * 24 * 3600 << woken;
+        QTest::addRow("forth, %s", by) << 7 * 24 * 3600 << woken;
+    }
+}
+
+void tst_WakeupTimer::clockThatIsSetDoesNotMatter()
+{
+    QFETCH(const int, offset);
+    QFETCH(const bool, woken);
+
+    const QDateTime before = QDateTime::currentDateTimeUtc();
+    WakeupTimer timer;
+    QSignalSpy timeouts(&timer, &WakeupTimer::timeout);
+    QElapsedTimer time;
+    time.start();
+    timer.start(2);
+    if (woken) {
+        timer.findChild<QTimer *>()->stop();
+    } else {
+        timer.findChild<BackgroundActivity *>()->stop();
+    }
+    clockOffset = offset;
+    const qint64 seen = before.secsTo(QDateTime::currentDateTimeUtc());
+    const bool early = timeouts.wait(1000);
+    clockOffset = -offset;
+    const bool inTime = timeouts.wait(3000);
+    clockOffset = 0;
+    QVERIFY(qAbs(seen - offset) < 10); // it has been seen to be set
+    QVERIFY(!early);
+    QVERIFY(inTime);
+    QVERIFY2(time.elapsed() < 3900, qPrintable(QString::number(time.elapsed())));
 }
 
 void tst_WakeupTimer::stoppedProcessTimesOutOnce()
