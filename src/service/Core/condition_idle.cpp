@@ -4,6 +4,12 @@
 
 namespace Core {
 
+namespace {
+
+constexpr int displayOff = 1; // the platform's number
+
+} // namespace
+
 class ConditionIdlePrivate
 {
 public:
@@ -15,8 +21,8 @@ ConditionIdle::ConditionIdle(QObject *parent)
     , d(new ConditionIdlePrivate)
 {
     const auto update = [this] {
-        setSatisfied(d->display.status() == 1);
-    }; // switched off
+        setSatisfied(d->display.status() == displayOff);
+    };
     connect(&d->display, &DisplayBlanking::statusChanged, this, update);
     update();
 }
