@@ -86,6 +86,7 @@ private slots:
     void failureEndsTheLaunchBeforeTheFork_data();
     void failureEndsTheLaunchBeforeTheFork();
     void refusedDirectoryEndsTheLaunchBeforeTheFork();
+    void socketComesBeforeTheCommandLine();
     void descriptorOfAFailedLaunchIsClosed();
 
 private:
@@ -317,6 +318,16 @@ void TestTaskSocket::refusedDirectoryEndsTheLaunchBeforeTheFork()
     QCOMPARE(m_log->warnings(),
              QStringList { QStringLiteral("Socket bind failed, errno = %1").arg(ENOTDIR) });
     QFile::remove(m_world->path(QStringLiteral("runtime/applications")));
+}
+
+void TestTaskSocket::socketComesBeforeTheCommandLine()
+{
+    m_request.command = QStringList { QStringLiteral("missing") };
+    QDir().mkpath(socketPath());
+    const auto task = m_request.make(m_world->cgroups());
+    const Error error = task->start();
+    QCOMPARE(error.code(), Error::SpawnFailed);
+    QCOMPARE(error.message(), failedSocket);
 }
 
 void TestTaskSocket::descriptorOfAFailedLaunchIsClosed()
