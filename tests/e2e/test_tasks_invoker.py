@@ -1,6 +1,7 @@
 """Task invokers: registration, a session's properties and the signals of their changes, start and stop."""
 
 import os
+import re
 
 import dbus
 import pytest
@@ -88,6 +89,16 @@ def test_any_other_type_is_served(tasks, kind):
     assert invoker.active() == {}
 
 
+def test_calls_are_logged(tasks):
+    invoker = Invoker(tasks)
+    invoker.start(StartDelay=100_000)
+    invoker.stop()
+    for function, rest in (("TaskInvoker::RegisterInvoker", '"worker"'),
+                           ("TaskInvokerSession::Start", f'"{task_id("work")}"'),
+                           ("TaskInvokerSession::Stop", f'"{task_id("work")}"')):
+        assert re.search(rf"DBus::{function}\(.*\) {re.escape(rest)}$", tasks.service.log(), re.MULTILINE), function
+
+
 # --- properties ---
 
 def test_properties_are_read_only(tasks):
@@ -165,6 +176,18 @@ def test_tasks_that_come_and_go_with_their_application_are_told(tasks):
     (path, changed), *_ = changes(monitor.wait_for("PropertiesChanged"))
     assert (path, changed) == (invoker.path, {"AvailableTasks": [task_id("work")]})
     assert invoker.available() == [task_id("work")]
+
+
+def test_any_change_of_what_is_installed_is_told(tasks):
+    """Also one that leaves the list as it is: nothing says before it is read whose tasks have changed."""
+    invoker = Invoker(tasks)
+    monitor = tasks.monitor()
+    same = invoker.path, {"AvailableTasks": [task_id("work")]}
+    tasker.install(tasks, OTHER, reload=False, new=tasker.task(tasks, "periodic", app_id=OTHER))
+    assert changes(monitor.wait_for("PropertiesChanged"))[0] == same
+    monitor.take()
+    tasks.applications.remove(OTHER)
+    assert changes(monitor.wait_for("PropertiesChanged"))[0] == same
 
 
 def test_application_that_goes_takes_its_running_task_from_the_list(tasks):

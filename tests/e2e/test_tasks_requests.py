@@ -3,6 +3,8 @@
 All rows share one stack, in which nothing of a row is left.
 """
 
+import re
+
 import dbus
 import pytest
 
@@ -52,6 +54,16 @@ def test_interface(stack):
 def test_interface_is_not_on_the_system_bus(stack):
     name, _ = tasker.error_of(raw.call, stack.system_bus, "org.kestrix.Procwarden.User", "Tasks1", "GetAll")
     assert name == "org.freedesktop.DBus.Error.UnknownObject"
+
+
+def test_calls_are_logged(stack):
+    tasker.start(stack, "work", **NEVER)
+    tasker.stop(stack, "work", disable=False)
+    tasker.stop(stack, "work")
+    for function, rest in (("Start", f'"{task_id("work")}"'), ("Stop", f'"{task_id("work")}" false'),
+                           ("Stop", f'"{task_id("work")}" true')):
+        line = rf"DBus::Tasks::{function}\(.*\) {re.escape(rest)}$"
+        assert re.search(line, stack.service.log(), re.MULTILINE), line
 
 
 # --- hints that are not for applications ---
