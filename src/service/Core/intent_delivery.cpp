@@ -162,18 +162,18 @@ void IntentsPrivate::dispatchOpenURI(const QString &handler, const QUrl &url, co
     const ApplicationId appId(handler);
     const ApplicationRegistry *registry = ApplicationRegistry::instance();
     const ApplicationLaunchData launchData = registry->launchData(appId);
-    const bool handlesOpenUri = registry->handlesIntent(appId, IntentHints::openUri);
+    const bool handlesOpenURI = registry->handlesIntent(appId, IntentHints::openUri);
     // Who doesn't declare the intent finds the URI on its command line.
-    const QList<QUrl> uris = handlesOpenUri ? QList<QUrl>() : QList<QUrl> { url };
+    const QList<QUrl> uris = handlesOpenURI ? QList<QUrl>() : QList<QUrl> { url };
 
-    const auto started = [this, launchData, handlesOpenUri, url,
+    const auto started = [this, launchData, handlesOpenURI, url,
                           callback](const ApplicationInstanceId &instanceId, bool alreadyRunning,
                                     const Error &error) {
         if (error) {
             callback(QJsonObject(), error);
         } else if (isMaemoService(launchData) && alreadyRunning) {
             activateMaemoService(launchData, url.toString(), instanceId, callback);
-        } else if (!handlesOpenUri && !alreadyRunning) {
+        } else if (!handlesOpenURI && !alreadyRunning) {
             callback(instanceAnswer(instanceId.text()), Error());
         } else {
             const QString handlerName = instanceId.text();

@@ -114,11 +114,11 @@ void FileExporter::shareFiles(const QStringList &jsonPaths, const QVector<FileDe
     if (!m_portal) {
         m_portal = std::make_unique<DocumentPortal>();
     }
+    const auto batchCompletion = [this, places](const QStringList &documentPaths, const Error &error) {
+        finishBatch(places, documentPaths, error);
+    };
     ++m_pending;
-    m_portal->shareFiles(names, fds, m_target, mode,
-                         [this, places](const QStringList &documentPaths, const Error &error) {
-                             finishBatch(places, documentPaths, error);
-                         });
+    m_portal->shareFiles(names, fds, m_target, mode, batchCompletion);
 }
 
 void FileExporter::finishBatch(const QStringList &places, const QStringList &documentPaths,
