@@ -95,6 +95,9 @@ private slots:
     void choiceBecomesTheDefaultOfUrisOnly();
     void answerIsPassedOn_data();
     void answerIsPassedOn();
+    void requestorIsTheApplicationOfTheInstance();
+    void runningHandlerGetsTheUri_data();
+    void runningHandlerGetsTheUri();
 
 private:
     void install(const QString &appId, const QByteArray &mimeTypes, const QByteArray &intents)
@@ -462,6 +465,81 @@ void tst_Intents::answerIsPassedOn()
                  QStringLiteral("local.Lipstick.WindowModel launchProcess"));
         QCOMPARE(call.arguments(), QVariantList { raised.at(i) });
     }
+}
+
+void tst_Intents::requestorIsTheApplicationOfTheInstance()
+{
+    const BusStandIn handler(m_fixture.bus(), handlerId, QStringLiteral("/"));
+    BusStandIn windowModel(m_fixture.bus(), QStringLiteral("org.nemomobile.lipstick"),
+                           QStringLiteral("/WindowModel"));
+    Intents intents;
+    IntentsPrivate d(&intents);
+    d.handlerCall = [](const QString &, const QString &, const QJsonObject &,
+                       const Intents::HandlerReply &reply) {
+        reply({}, {}, Error());
+    };
+    Outcome outcome;
+    d.invokeIntent(
+        generic,
+        { { QStringLiteral("preferredHandler"), handlerId }, { QStringLiteral("refocusOnReturn"), true } },
+        {}, { false, clientId + QStringLiteral(".instance_7") }, outcome.callback());
+    QTRY_COMPARE(outcome.count, 1);
+    QVERIFY(!outcome.error);
+    QTRY_COMPARE(windowModel.calls().size(), 2);
+    QCOMPARE(windowModel.calls().last().arguments(), QVariantList { clientId });
+}
+
+void tst_Intents::runningHandlerGetsTheUri_data()
+{
+    QTest::addColumn<QByteArray>("lines");
+    QTest::addColumn<bool>("isLegacy");
+
+    const QByteArray service = "X-Maemo-Service=org.example.legacy\n";
+    const QByteArray objectPath = "X-Maemo-Object-Path=/org/example/legacy\n";
+    const QByteArray method = "X-Maemo-Method=org.example.legacy.Ui.open\n";
+    const QByteArray declares = "Intents=OpenURI\n";
+    QTest::newRow("who declares it") << declares << false;
+    QTest::newRow("who does not declare it") << QByteArray() << false;
+    QTest::newRow("legacy service") << service + objectPath + method << true;
+    QTest::newRow("legacy service that declares it") << service + objectPath + method + declares << true;
+    QTest::newRow("no service") << objectPath + method << false;
+    QTest::newRow("no method") << service + objectPath << false;
+}
+
+void tst_Intents::runningHandlerGetsTheUri()
+{
+    QFETCH(QByteArray, lines);
+    QFETCH(bool, isLegacy);
+    // What its desktop file says now; its process is the one from before.
+    const int intentsAt = lines.indexOf("Intents=");
+    const QByteArray intentsLine = intentsAt < 0 ? QByteArray() : lines.mid(intentsAt);
+    m_fixture.tree().write(QStringLiteral("usr/share/applications/%1.desktop").arg(handlerId),
+                           "[Desktop Entry]\nType=Application\nName=App\nExec=/bin/true\n"
+                               + lines.left(lines.size() - intentsLine.size())
+                               + "[X-Application]\nSandboxing=Disabled\nOrganizationName=org.example\n"
+                                 "ApplicationName=Handler\n"
+                               + intentsLine);
+    ApplicationRegistry::instance()->reload();
+
+    const BusStandIn handler(m_fixture.bus(), handlerId, QStringLiteral("/"));
+    BusStandIn legacyService(m_fixture.bus(), QStringLiteral("org.example.legacy"),
+                             QStringLiteral("/org/example/legacy"));
+    legacyService.answerWith({});
+    Intents intents;
+    IntentsPrivate d(&intents);
+    int handled = 0;
+    d.handlerCall = [&handled](const QString &, const QString &, const QJsonObject &,
+                               const Intents::HandlerReply &reply) {
+        ++handled;
+        reply({}, {}, Error());
+    };
+    Outcome outcome;
+    d.dispatchOpenURI(handlerId, QUrl(QStringLiteral("file:///a.txt")), clientId, outcome.callback());
+    QTRY_COMPARE(outcome.count, 1);
+    QVERIFY(!outcome.error);
+    QCOMPARE(outcome.data, QJsonObject({ { QStringLiteral("instanceId"), handlerId } }));
+    QCOMPARE(handled, isLegacy ? 0 : 1);
+    QCOMPARE(legacyService.calls().size(), isLegacy ? 1 : 0);
 }
 
 QTEST_GUILESS_MAIN(tst_Intents)
