@@ -15,6 +15,8 @@ namespace {
 
 constexpr int defaultIntervalMs =
     1000; // memory levels cannot be listened to without taking an application's place
+constexpr uint lookedThrough =
+    20; // ends, for the one that a signal tells of: the latest but for a slow reader
 constexpr int eventWidth = 10;
 constexpr int idWidth = 32;
 
@@ -129,14 +131,19 @@ void Monitor::onTerminated(const QString &id, const QVariantMap &details)
     Style style = Style::Plain;
     // The signal does not tell why. Who may not ask sees what it tells.
     const Reply history =
-        m_session.bus.ask(QStringLiteral("Introspect1"), QStringLiteral("GetHistory"), { id, 1U });
-    const QVariantMap end = history.value().toList().value(0).toMap();
-    if (!end.isEmpty() && end.value(QStringLiteral("Pid")).toInt() == pid) {
+        m_session.bus.ask(QStringLiteral("Introspect1"), QStringLiteral("GetHistory"), { id, lookedThrough });
+    const QVariantList ends = history.value().toList();
+    for (const QVariant &entry : ends) {
+        const QVariantMap end = entry.toMap();
+        if (end.value(QStringLiteral("Pid")).toInt() != pid) {
+            continue; // it has been started and ended again since
+        }
         const QString decision = end.value(QStringLiteral("Decision")).toString();
         style = decisionStyle(decision);
         text = QStringLiteral("pid %1, %2").arg(pid).arg(decisionText(end));
         plain.insert(QStringLiteral("Decision"), decision);
         plain.insert(QStringLiteral("Detail"), end.value(QStringLiteral("Detail")));
+        break;
     }
     print(QStringLiteral("ended"), style, id, text, plain);
 }

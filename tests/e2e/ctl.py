@@ -1,5 +1,6 @@
 """Runs procwardenctl beside the service, and compares what it prints with golden files."""
 
+import difflib
 import json
 import os
 import re
@@ -106,4 +107,5 @@ def golden(name, text):
         with open(path, "w") as file:
             file.write(text)
     with open(path) as file:
-        assert text == file.read()
+        expected = file.read()
+    assert text == expected, "\n".join(difflib.unified_diff(expected.splitlines(), text.splitlines(), lineterm=""))
