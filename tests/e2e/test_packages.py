@@ -1,0 +1,105 @@
+"""The Debian packages: what each says of itself, and what goes where. Run by ./dev package, which makes them."""
+
+import gzip
+import os
+import subprocess
+
+import pytest
+from installed import PACKAGES, control_fields, package_files, run
+
+pytestmark = pytest.mark.skipif(not PACKAGES, reason="PROCWARDEN_PACKAGES names no packages")
+
+NAMES = ["procwarden", "procwarden-dev", "procwarden-helper", "procwarden-tools"]
+
+
+@pytest.fixture(scope="module")
+def packages():
+    """Name -> file."""
+    return {control_fields(package)["Package"]: package for package in package_files()}
+
+
+def contents(package, directory):
+    """Unpacks one package; its files, as paths on the machine."""
+    run("dpkg-deb", "-x", package, str(directory))
+    return {os.path.join("/", os.path.relpath(os.path.join(parent, name), directory))
+            for parent, _, names in os.walk(directory) for name in names}
+
+
+def test_there_is_one_package_for_each_purpose(packages):
+    assert sorted(packages) == NAMES
+    assert len(package_files()) == len(NAMES)
+    assert len({control_fields(package)["Version"] for package in packages.values()}) == 1
+
+
+@pytest.mark.parametrize("name, paths", [
+    ("procwarden", ["/usr/bin/procwarden", "/usr/libexec/procwarden-eventd",
+                    "/usr/share/procwarden/states/hidden.config",
+                    "/usr/share/procwarden/intents/OpenURI.intent", "/usr/lib/systemd/system/procwarden@.service",
+                    "/usr/lib/systemd/user/procwarden.service", "/usr/lib/systemd/user/procwarden-eventd.service",
+                    "/usr/share/dbus-1/services/org.kestrix.Procwarden.service",
+                    "/usr/share/dbus-1/system.d/org.kestrix.Procwarden.User.conf", "/etc/procwarden/oom.cfg"]),
+    ("procwarden-helper", ["/usr/libexec/procwarden-helper", "/usr/share/man/man8/procwarden-helper.8.gz",
+                           "/usr/lib/systemd/system/procwarden-helper.service",
+                           "/usr/share/dbus-1/system.d/org.kestrix.Procwarden.Helper.conf",
+                           "/usr/share/dbus-1/system-services/org.kestrix.Procwarden.Helper.service"]),
+    ("procwarden-tools", ["/usr/bin/procwardenctl", "/usr/share/man/man1/procwardenctl.1.gz",
+                          "/usr/share/bash-completion/completions/procwardenctl",
+                          "/usr/share/zsh/vendor-completions/_procwardenctl"]),
+    ("procwarden-dev", ["/usr/share/dbus-1/interfaces/org.kestrix.Procwarden.Control1.xml"]),
+])
+def test_files_lie_where_debian_expects_them(packages, tmp_path, name, paths):
+    files = contents(packages[name], tmp_path)
+    documents = [f"/usr/share/doc/{name}/{file}" for file in ("changelog.gz", "changelog.Debian.gz", "copyright")]
+    assert set(paths + documents) <= files
+
+
+def test_no_file_is_in_two_packages(packages, tmp_path):
+    found = {}
+    for name, package in packages.items():
+        for path in contents(package, tmp_path / name):
+            found.setdefault(path, []).append(name)
+    assert {path: owners for path, owners in found.items() if len(owners) > 1} == {}
+
+
+def test_everything_belongs_to_root_and_nothing_is_writable_for_others(packages):
+    for package in packages.values():
+        for line in run("dpkg-deb", "-c", package).splitlines():
+            mode, owner = line.split()[:2]
+            assert owner == "root/root" and mode[5] == mode[8] == "-" and "s" not in mode.lower(), line
+
+
+def test_configuration_is_kept_over_an_upgrade(packages, tmp_path):
+    files = contents(packages["procwarden"], tmp_path)
+    listed = run("dpkg-deb", "-I", packages["procwarden"], "conffiles").split()
+    assert set(listed) == {path for path in files if path.startswith("/etc/")}
+
+
+def test_dependencies_are_said(packages):
+    service = control_fields(packages["procwarden"])
+    for needed in ("libc6 ", "libqt5core5a ", "libsystemd0", "firejail", "dbus",
+                   f"procwarden-helper (= {service['Version']})"):
+        assert needed in service["Depends"], needed
+    assert "libqt5dbus5 " in control_fields(packages["procwarden-helper"])["Depends"]
+    assert "libqt5dbus5 " in control_fields(packages["procwarden-tools"])["Depends"]
+    development = control_fields(packages["procwarden-dev"])
+    assert development["Architecture"] == "all" and "Depends" not in development
+
+
+def test_changelog_is_of_the_version(packages, tmp_path):
+    contents(packages["procwarden"], tmp_path)
+    with gzip.open(tmp_path / "usr/share/doc/procwarden/changelog.Debian.gz", "rt") as file:
+        first = file.readline()
+    assert first.startswith(f"procwarden ({control_fields(packages['procwarden'])['Version']}) ")
+
+
+def test_scripts_do_nothing_where_no_system_manager_runs(packages, tmp_path):
+    for name, package in packages.items():
+        control = tmp_path / name
+        run("dpkg-deb", "-e", package, str(control))
+        for script in ("postinst", "prerm", "postrm"):
+            if not (control / script).exists():
+                continue
+            for arguments in (["configure", ""], ["configure", "0.0.1"], ["remove"], ["purge"], ["upgrade", "9"]):
+                # Its own empty /run: what manager the machine has is not asked.
+                subprocess.run(["unshare", "-m", "sh", "-ec", 'mount -t tmpfs none /run; exec "$@"', "sh",
+                                str(control / script), *arguments], check=True)
