@@ -14,6 +14,7 @@
 #include "support/private_bus.h"
 #include "timed/wire.h"
 
+#include <QDBusPendingCallWatcher>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -72,6 +73,7 @@ class tst_ConditionBuilder : public QObject
 
 private slots:
     void initTestCase();
+    void cleanupTestCase();
 
     void hintsGoWithTheirType_data();
     void hintsGoWithTheirType();
@@ -114,6 +116,17 @@ void tst_ConditionBuilder::initTestCase()
     m_bus->useAsSystemBus();
     m_timed = std::make_unique<BusStandIn>(*m_bus, QLatin1String(Maemo::Timed::wireService),
                                            QLatin1String(Maemo::Timed::wirePath));
+    m_timed->answerWith({ 1U });
+}
+
+void tst_ConditionBuilder::cleanupTestCase()
+{
+    // A call that is under way when the program ends counts as lost memory. This one is answered behind all
+    // others.
+    const QDBusPendingCallWatcher last(QDBusConnection::sessionBus().asyncCall(QDBusMessage::createMethodCall(
+        QLatin1String(Maemo::Timed::wireService), QLatin1String(Maemo::Timed::wirePath),
+        QStringLiteral("org.example.Test"), QStringLiteral("Last"))));
+    QTRY_VERIFY(last.isFinished());
 }
 
 void tst_ConditionBuilder::hintsGoWithTheirType_data()
