@@ -1,10 +1,14 @@
 """Intents: what the kinds do, who is asked, whom a client reaches, and what comes back."""
 
+import itertools
+import os
+
 import dbus
 import pytest
 
 import raw
 from invoker import HANDLER, Application, install_handler, invoke, invoke_later, refusal, strings, variants
+from stack.client import BusError
 from stack.waiting import until
 
 INVALID_ARGS = "org.freedesktop.DBus.Error.InvalidArgs"
@@ -240,7 +244,75 @@ def test_default_is_set_by_open_uri_only(running):
     assert [asked.hints for asked in running.intent_resolver.asked] == [{}, {}]
 
 
+# --- legacy services ---
+
+
+@pytest.fixture
+def legacy(running):
+    """A service of the older kind, whose one method runs what it is given: here, it writes the URI down."""
+    notes = os.path.join(running.user.home, "opened")
+    running.install_sample(HANDLER, main={
+        "MimeType": "text/plain", "X-Maemo-Service": f"{HANDLER}.Main", "X-Maemo-Object-Path": "/",
+        "X-Maemo-Method": "org.example.Sample1.Run", "X-Maemo-Fixed-Args": f"/bin/sh;-c;echo $0 >>{notes}"},
+        sandbox={"Sandboxing": "Disabled", "ExecDBus": running.applications.program(HANDLER)})
+    running.control.reload()
+
+    def opened():
+        if not os.path.exists(notes):
+            return []
+        with open(notes) as file:
+            return file.read().splitlines()
+
+    running.opened = opened
+    return running
+
+
+def test_legacy_service_gets_the_uri_with_its_launch_and_by_its_method_later(legacy):
+    answer = {"instanceId": HANDLER}
+    assert invoke(legacy, "OpenURI", {}, {"uri": "file:///a.txt"}) == answer
+    until(lambda: legacy.opened() == ["/a.txt"], "the first URI", detail=legacy.opened)
+    assert invoke(legacy, "OpenURI", {}, {"uri": "file:///b.txt"}) == answer
+    assert legacy.opened() == ["/a.txt", "file:///b.txt"]
+
+
 # --- while the handler comes and goes ---
+
+
+def test_delivery_tells_who_asked(running):
+    install_handler(running)
+    client = Application(running, "org.example.Client")
+    monitor = running.monitor()
+    assert client.invoke("X-do", {}, {"a": "b"}) == {"a": "b"}
+    started = monitor.wait_for("Started", HANDLER)[-1].arguments[1]
+    assert (started["StartReason"], started["RequestorId"]) == (3, "org.example.Client")
+
+
+@pytest.mark.parametrize("order", list(itertools.permutations(("start", "stop", "intent"))))
+@pytest.mark.parametrize("runs", [False, True])
+def test_start_stop_and_intent_in_every_order(running, runs, order):
+    """Sent one after the other without waiting: each is answered, and the intent reaches the handler."""
+    install_handler(running)
+    if runs:
+        running.control.start(HANDLER)
+        running.sample(HANDLER)
+    calls = {"start": lambda: running.control.start_later(HANDLER),
+             "stop": lambda: running.control.call_later("Control1", "Terminate", "s", HANDLER),
+             "intent": lambda: invoke_later(running, "X-do", {}, {"a": "b"})}
+    pending = {name: calls[name]() for name in order}
+
+    def outcome(name):
+        try:
+            return pending[name].result()
+        except BusError as error:
+            return error.name
+
+    refused = "org.kestrix.Procwarden.Error.Application"
+    assert outcome("start")[0] == HANDLER or outcome("start") in (
+        refused + "AlreadyRunning", refused + "AlreadyLaunching", refused + "Terminating")
+    assert outcome("stop") in (None, "org.freedesktop.DBus.Error.Failed")
+    # One that is stopped under its intent has not answered.
+    assert outcome("intent") in ({"a": "b"}, HANDLER_FAILED)
+    assert invoke(running, "X-do", {}, {"c": "d"}) == {"c": "d"}
 
 
 def test_handler_that_is_launching_is_waited_for(running):
