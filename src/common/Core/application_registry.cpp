@@ -324,6 +324,11 @@ void ApplicationRegistry::reload()
     emit manifestsChanged();
 }
 
+QStringList ApplicationRegistry::applicationIds() const
+{
+    return d->applications.keys();
+}
+
 QString ApplicationRegistry::desktopFile(const Identifier &appId) const
 {
     return d->find(appId).desktopFile();

@@ -43,6 +43,9 @@ public:
     /// Scans again; done when it returns.
     void reload();
 
+    /// Ids of all applications, in their order.
+    [[nodiscard]] QStringList applicationIds() const;
+
     // One application. Unknown ids give empty or default-made values.
 
     /// Path of its desktop file.
