@@ -114,6 +114,16 @@ def test_handler_that_dies_is_not_noticed(running):
     assert failure(intent, 30) == (ERROR + "HandlerFailed", "Application not ready within 10 seconds")
 
 
+def test_handler_that_never_comes_up(running):
+    """Its child ends before the program runs, or the program at once: nobody tells the intent."""
+    install_handler(running, NAMELESS, exec_line="/nonexistent/program")
+    install_handler(running, OTHER, arguments="--exit 7")
+    waits = [invoke_later(running, "X-do", {"preferredHandler": app_id}) for app_id in (NAMELESS, OTHER)]
+    for wait in waits:
+        assert failure(wait, 30) == (ERROR + "HandlerFailed", "Application not ready within 10 seconds")
+    assert running.control.running()[0] == []
+
+
 def test_handler_under_attack_of_starts_and_stops(running):
     """Starts, stops and intents for one application, all at once: each gets its answer."""
     app_id = install_handler(running, "org.example.Busy", behaviour="echo")

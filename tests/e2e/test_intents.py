@@ -195,6 +195,7 @@ def test_unknown_intent(running):
 @pytest.mark.parametrize("behaviour, answer", [
     ("error", (HANDLER_FAILED, "I would rather not")),
     ("quit", (HANDLER_FAILED, None)),
+    ("vanish", (HANDLER_FAILED, None)),
 ])
 def test_handler_that_fails(running, behaviour, answer):
     install_handler(running, behaviour=behaviour)

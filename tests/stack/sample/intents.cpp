@@ -103,9 +103,13 @@ SampleIntents::SampleIntents(const QString &behaviour, const QString &directory,
 bool SampleIntents::start(const QString &name)
 {
     QDBusConnection bus = QDBusConnection::sessionBus();
-    return bus.registerObject(QStringLiteral("/org/kestrix/Procwarden/IntentHandler1"), this,
-                              QDBusConnection::ExportAllSlots)
+    const bool started = bus.registerObject(QStringLiteral("/org/kestrix/Procwarden/IntentHandler1"), this,
+                                            QDBusConnection::ExportAllSlots)
         && (name.isEmpty() || bus.registerService(name));
+    if (m_behaviour == QLatin1String("vanish")) {
+        _exit(7);
+    }
+    return started;
 }
 
 QVariantMap SampleIntents::HandleIntent(const QString &intentName, const QVariantMap &data,

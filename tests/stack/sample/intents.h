@@ -18,11 +18,16 @@ class SampleIntents : public QObject, protected QDBusContext
     Q_CLASSINFO("D-Bus Interface", "org.kestrix.Procwarden.IntentHandler1")
 
 public:
-    /// @param behaviour "echo": answers the data; "error": with an error; "silent": never; "quit": ends
-    /// instead;
-    ///        "text": answers a string; "files": answers the data and a file of its own, whose name stands at
-    ///        "file"; "write": writes a line into each file and answers the data; "nested": answers with
-    ///        hints that nobody knows
+    /// @param behaviour
+    ///        "echo": answers the data;
+    ///        "error": with an error;
+    ///        "silent": never;
+    ///        "quit": ends instead;
+    ///        "vanish": ends once it has its name;
+    ///        "text": answers a string;
+    ///        "files": answers the data and a file of its own, whose name stands at "file";
+    ///        "write": writes a line into each file and answers the data;
+    ///        "nested": answers with hints that nobody knows
     SampleIntents(const QString &behaviour, const QString &directory,
                   const std::function<void(const QString &)> &note, QObject *parent = nullptr);
 
