@@ -37,6 +37,8 @@ Error RuntimeControllerPrivate::startTask(const ApplicationTaskId &taskId, const
         &cgroups, taskId, startupInfo.command, startupInfo.environment, startupInfo.permissions, settings,
         startupInfo.weight, startupInfo.priority, startupInfo.cpuLimit, startupInfo.createIpcSocket);
     if (error) {
+        // Started by its conditions, a task has nobody else who would hear of it.
+        qWarning() << "Could not start task" << taskId.text() << error;
         // The child that was made ends when it finds its pipe closed, which it cannot while it is frozen.
         if (settings.contains(freezerFile)) {
             thawTask(taskId.text());

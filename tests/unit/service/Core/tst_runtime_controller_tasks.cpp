@@ -307,6 +307,9 @@ void tst_RuntimeControllerTasks::failedLaunchLeavesNothing()
     const Error error = m_controller->startTask(ApplicationTaskId(syncTask), info, {});
     QCOMPARE(int(error.code()), code);
     QCOMPARE(error.message(), message);
+    QCOMPARE(
+        log.warnings().last(),
+        QStringLiteral("Could not start task \"%1\" Error(%2, \"%3\")").arg(syncTask).arg(code).arg(message));
     QFile::remove(m_fixture->path(QStringLiteral("runtime/applications")));
 
     QCOMPARE(m_controller->state(syncTask), ApplicationState::NotRunning);

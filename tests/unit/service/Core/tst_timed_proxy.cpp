@@ -3,9 +3,9 @@
 #include "support/bus_stand_in.h"
 #include "support/private_bus.h"
 #include "timed/wire.h"
+#include "timed_trigger.h"
 
 #include <QDBusError>
-#include <QDBusPendingCallWatcher>
 #include <QDBusVariant>
 #include <QtTest>
 
@@ -19,8 +19,6 @@ namespace {
 
 const QString daemonService = QStringLiteral("org.kestrix.Procwarden.Events");
 const QString daemonPath = QStringLiteral("/org/kestrix/Procwarden/Events1");
-const QString ownPath = QStringLiteral("/org/kestrix/Procwarden/Timed");
-const QString ownInterface = QStringLiteral("org.kestrix.Procwarden.Timed");
 const QString taskId = QStringLiteral("org.example.Notes.task_sync");
 
 QList<int> range(int first, int last)
@@ -78,20 +76,9 @@ private slots:
     void refusedCancelIsLogged();
     void absentDaemonAtCancelIsLogged();
 
-    void triggerReachesTheListener();
-    void triggersBeforeReadyComeInOrderAndOnce();
-    void secondMarkReadyHasNoEffect();
-    void triggerWithoutAnEventIdIsLogged_data();
-    void triggerWithoutAnEventIdIsLogged();
-    void triggerOfAnotherSignatureIsRefused_data();
-    void triggerOfAnotherSignatureIsRefused();
-    void objectGoesWithTheProxy();
-    void secondObjectIsLogged();
-
 private:
     void add(const TimedEventSpec &spec);
     WireEvent added();
-    QDBusMessage trigger(const QVariantList &arguments);
 
     PrivateBus m_bus;
     QStringList m_results; ///< what the callbacks got: cookie, code and message
@@ -137,21 +124,6 @@ WireEvent TestTimedProxy::added()
     return qdbus_cast<WireEvent>(m_daemon->calls().first().arguments().value(0));
 }
 
-/// Calls the object as the daemon does, and returns the answer.
-QDBusMessage TestTimedProxy::trigger(const QVariantList &arguments)
-{
-    QDBusConnection caller = m_bus.connect();
-    QDBusMessage call = QDBusMessage::createMethodCall(QDBusConnection::sessionBus().baseService(), ownPath,
-                                                       ownInterface, QStringLiteral("EventTriggered"));
-    call.setArguments(arguments);
-    QDBusPendingCallWatcher watcher(caller.asyncCall(call));
-    QSignalSpy finished(&watcher, &QDBusPendingCallWatcher::finished);
-    finished.wait();
-    const QDBusMessage answer = watcher.reply();
-    m_bus.disconnect(caller);
-    return answer;
-}
-
 void TestTimedProxy::cookieIsAMetaType()
 {
     QCOMPARE(QMetaType::type("CookieId"), int(QMetaType::UInt));
@@ -176,8 +148,8 @@ void TestTimedProxy::callIsSentAsAgreed()
     const WireAction action = event.actions.first();
     QCOMPARE(action.service, QStringLiteral("org.kestrix.Procwarden"));
     QCOMPARE(action.method, QStringLiteral("EventTriggered"));
-    QCOMPARE(action.path, ownPath);
-    QCOMPARE(action.interface, ownInterface);
+    QCOMPARE(action.path, TimedTrigger::path);
+    QCOMPARE(action.interface, TimedTrigger::interface);
     QVERIFY(action.sendAttributes);
     QVERIFY(action.whenTriggered);
 }
@@ -397,7 +369,7 @@ void TestTimedProxy::lateAnswerCounts()
     add({ taskId, {}, {}, {}, {}, {}, {} });
     QTRY_COMPARE(m_daemon->calls().size(), 1);
     // The service goes on meanwhile.
-    trigger({ QVariantMap { { QStringLiteral("eventId"), taskId } } });
+    TimedTrigger::send(m_bus, { QVariantMap { { QStringLiteral("eventId"), taskId } } });
     QVERIFY(m_results.isEmpty());
     m_daemon->send(m_daemon->calls().first().createReply(17u));
     QTRY_COMPARE(m_results, QStringList({ QStringLiteral("17 0 ") }));
@@ -503,109 +475,6 @@ void TestTimedProxy::absentDaemonAtCancelIsLogged()
     m_proxy->removeEvent(17);
     add({ taskId, {}, {}, {}, {}, {}, {} });
     QTRY_COMPARE(m_results.size(), 1);
-}
-
-void TestTimedProxy::triggerReachesTheListener()
-{
-    QSignalSpy triggered(m_proxy.get(), &TimedProxy::eventTriggered);
-    m_proxy->markReady();
-    const QDBusMessage answer =
-        trigger({ QVariantMap { { QStringLiteral("eventId"), taskId },
-                                { QStringLiteral("APPLICATION"), QStringLiteral("Procwarden") } } });
-    QCOMPARE(answer.type(), QDBusMessage::ReplyMessage);
-    QCOMPARE(answer.signature(), QString());
-    QCOMPARE(triggered.size(), 1);
-    QCOMPARE(triggered.first(), QVariantList { taskId });
-}
-
-void TestTimedProxy::triggersBeforeReadyComeInOrderAndOnce()
-{
-    QSignalSpy triggered(m_proxy.get(), &TimedProxy::eventTriggered);
-    const QStringList ids = { QStringLiteral("c"), QStringLiteral("a"), QStringLiteral("b"),
-                              QStringLiteral("a") };
-    for (const QString &id : ids) {
-        trigger({ QVariantMap { { QStringLiteral("eventId"), id } } });
-    }
-    QCOMPARE(triggered.size(), 0);
-    m_proxy->markReady();
-    QStringList seen;
-    for (const QVariantList &arguments : triggered) {
-        seen << arguments.first().toString();
-    }
-    QCOMPARE(seen, ids);
-}
-
-void TestTimedProxy::secondMarkReadyHasNoEffect()
-{
-    trigger({ QVariantMap { { QStringLiteral("eventId"), taskId } } });
-    QSignalSpy triggered(m_proxy.get(), &TimedProxy::eventTriggered);
-    // One that calls from within, as a condition set up by a trigger would.
-    connect(m_proxy.get(), &TimedProxy::eventTriggered, m_proxy.get(), [this] { m_proxy->markReady(); });
-    m_proxy->markReady();
-    m_proxy->markReady();
-    QCOMPARE(triggered.size(), 1);
-}
-
-void TestTimedProxy::triggerWithoutAnEventIdIsLogged_data()
-{
-    QTest::addColumn<QVariantMap>("attributes");
-    const QString key = QStringLiteral("eventId");
-    QTest::newRow("no attribute") << QVariantMap();
-    QTest::newRow("another attribute") << QVariantMap { { QStringLiteral("eventid"), taskId } };
-    QTest::newRow("empty") << QVariantMap { { key, QString() } };
-    QTest::newRow("a list") << QVariantMap { { key, QStringList { taskId, taskId } } };
-    QTest::newRow("a map") << QVariantMap { { key, QVariantMap { { key, taskId } } } };
-    QTest::newRow("a variant") << QVariantMap { { key, QVariant::fromValue(QDBusVariant(taskId)) } };
-}
-
-void TestTimedProxy::triggerWithoutAnEventIdIsLogged()
-{
-    QFETCH(QVariantMap, attributes);
-    QSignalSpy triggered(m_proxy.get(), &TimedProxy::eventTriggered);
-    QTest::ignoreMessage(QtWarningMsg, "Received empty eventId from timed");
-    QCOMPARE(trigger({ attributes }).type(), QDBusMessage::ReplyMessage);
-    m_proxy->markReady();
-    QCOMPARE(triggered.size(), 0);
-}
-
-void TestTimedProxy::triggerOfAnotherSignatureIsRefused_data()
-{
-    QTest::addColumn<QVariantList>("arguments");
-    QTest::newRow("nothing") << QVariantList();
-    QTest::newRow("text") << QVariantList { taskId };
-    QTest::newRow("a map of text") << QVariantList { QVariant::fromValue(
-        QMap<QString, QString> { { QStringLiteral("eventId"), taskId } }) };
-    QTest::newRow("a number") << QVariantList { 1 };
-}
-
-void TestTimedProxy::triggerOfAnotherSignatureIsRefused()
-{
-    QFETCH(QVariantList, arguments);
-    m_proxy->markReady();
-    QSignalSpy triggered(m_proxy.get(), &TimedProxy::eventTriggered);
-    const QDBusMessage answer = trigger(arguments);
-    QCOMPARE(answer.errorName(), QStringLiteral("org.freedesktop.DBus.Error.UnknownMethod"));
-    QCOMPARE(triggered.size(), 0);
-}
-
-void TestTimedProxy::objectGoesWithTheProxy()
-{
-    m_proxy.reset();
-    const QVariantMap attributes { { QStringLiteral("eventId"), taskId } };
-    QCOMPARE(trigger({ attributes }).errorName(), QStringLiteral("org.freedesktop.DBus.Error.UnknownObject"));
-}
-
-void TestTimedProxy::secondObjectIsLogged()
-{
-    QTest::ignoreMessage(QtWarningMsg, "couldn't register Timed object");
-    {
-        const TimedProxy second(QDBusConnection::sessionBus());
-    }
-    // The first one's stays.
-    QSignalSpy triggered(m_proxy.get(), &TimedProxy::eventTriggered);
-    m_proxy->markReady();
-    trigger({ QVariantMap { { QStringLiteral("eventId"), taskId } } });
-    QCOMPARE(triggered.size(), 1);
 }
 
 QTEST_GUILESS_MAIN(TestTimedProxy)
