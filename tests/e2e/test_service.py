@@ -74,6 +74,10 @@ def test_lost_bus_ends_it(service, bus):
     getattr(service, bus).daemon.kill()
     assert service.service.child.wait() == 1
     assert "Lost the connection to a bus" in service.service.log().splitlines()
+    if bus == "system_bus":
+        # The helper has lost it, too.
+        assert service.helper.wait() == 1
+        assert "Lost the system bus" in service.helper.output()
     until(lambda: not any(is_running(pid) for pid in pids), "the end of the application")
 
 
