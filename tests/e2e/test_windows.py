@@ -144,7 +144,8 @@ def test_application_hears_its_own_states_and_nobody_elses(plain):
     plain.control.update_windows("org.example.Other", inactive=1)
     plain.control.update_windows(SAMPLE, inactive=1)
 
-    until(lambda: plain.sample_files.diary()[-1:] == [f"state 2 {SAMPLE}"], "the last state")
+    until(lambda: plain.sample_files.diary()[-1:] == [f"state 2 {SAMPLE}"], "the last state",
+          detail=lambda: f"{plain.sample_files.diary()}; {'; '.join(map(str, monitor.signals()))}")
     assert f"state 1 {SAMPLE}" in plain.sample_files.diary()
     assert not [line for line in plain.sample_files.diary() if "Other" in line and line.startswith("state")]
 

@@ -86,14 +86,11 @@ DBusNameWatcher::DBusNameWatcher(const QDBusConnection &connection, QObject *par
     if (!bus) {
         return; // no bus: no name has an owner, and nothing will ever be known
     }
-    connect(bus, &QDBusConnectionInterface::serviceOwnerChanged, this,
-            [this](const QString &name, const QString &, const QString &newOwner) {
-                if (newOwner.isEmpty()) {
-                    d->nameDisappeared(name);
-                } else {
-                    d->nameAppeared(name);
-                }
-            });
+    // Not by the signal of the bus interface: that object lives on Qt's own thread for the bus and passes on
+    // what it hears in a later turn, so that a call would overtake the news of its caller's name.
+    d->connection.connect(QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
+                          QStringLiteral("org.freedesktop.DBus"), QStringLiteral("NameOwnerChanged"), this,
+                          SLOT(onNameOwnerChanged(QString, QString, QString)));
 
     auto *watcher = new QDBusPendingCallWatcher(bus->asyncCall(QStringLiteral("ListNames")), this);
     connect(watcher, &QDBusPendingCallWatcher::finished, this, [this, watcher] {
@@ -107,6 +104,15 @@ DBusNameWatcher::DBusNameWatcher(const QDBusConnection &connection, QObject *par
 }
 
 DBusNameWatcher::~DBusNameWatcher() = default;
+
+void DBusNameWatcher::onNameOwnerChanged(const QString &name, const QString &, const QString &newOwner)
+{
+    if (newOwner.isEmpty()) {
+        d->nameDisappeared(name);
+    } else {
+        d->nameAppeared(name);
+    }
+}
 
 void DBusNameWatcher::onNameAppeared(const QString &name, QObject *guard, const Callback &callback)
 {

@@ -14,8 +14,9 @@ class DBusNameWatcherPrivate;
 
 /// Calls back when a bus name gets its owner or loses it, unique names included.
 ///
-/// What it knows comes from the bus and lags behind by one turn of the event loop; until the bus has answered
-/// for the first time it knows no name at all. Main thread only.
+/// What it knows comes from the bus, in the bus's order among all other messages: who handles a call finds
+/// the caller's name known. Until the bus has answered for the first time it knows no name at all. Main
+/// thread only.
 class DBusNameWatcher : public QObject
 {
     Q_OBJECT
@@ -38,6 +39,9 @@ public:
     /// none; otherwise when it loses it, provided that @p guard is still alive then. Without a guard the
     /// callback is called at once or never.
     void onNameDisappeared(const QString &name, QObject *guard, const Callback &callback);
+
+private slots:
+    void onNameOwnerChanged(const QString &name, const QString &oldOwner, const QString &newOwner);
 
 private:
     const std::unique_ptr<DBusNameWatcherPrivate> d;

@@ -4,7 +4,10 @@
 #include "support/private_bus.h"
 
 #include <QDBusConnectionInterface>
-#include <QSignalSpy>
+#include <QDBusContext>
+#include <QDBusMessage>
+#include <QProcess>
+#include <QSemaphore>
 #include <QtTest>
 
 #include <memory>
@@ -16,6 +19,32 @@ using TestSupport::PrivateBus;
 namespace {
 
 const QString name = QStringLiteral("org.example.Name");
+
+/// Looks up each caller's name while it handles the call.
+class Callee : public QObject, protected QDBusContext
+{
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.example.Callee")
+
+public:
+    explicit Callee(DBusNameWatcher *watcher)
+        : m_watcher(watcher)
+    {
+    }
+
+    QVector<bool> known; ///< of each call
+
+public slots:
+    void Here()
+    {
+        bool gone = false;
+        m_watcher->onNameDisappeared(message().service(), nullptr, [&gone] { gone = true; });
+        known.append(!gone);
+    }
+
+private:
+    DBusNameWatcher *const m_watcher;
+};
 
 } // namespace
 
@@ -42,6 +71,7 @@ private slots:
     void everyEntryOfTheNameFiresInOrder();
     void otherNamesDoNotFire();
     void changeOfOwnerIsNoDisappearance();
+    void callerIsKnownWhenItsCallIsHandled();
     void callbackMayRegisterForTheSameName();
     void callbackMayDeleteTheGuardOfTheNext();
     void callbackMayDeleteItsOwnGuard();
@@ -242,12 +272,58 @@ void tst_DBusNameWatcher::changeOfOwnerIsNoDisappearance()
     const auto watcher = readyWatcher();
     watcher->onNameDisappeared(name, &m_guard, [this] { m_calls.append(QStringLiteral("gone")); });
 
-    QSignalSpy changes(m_connection->interface(), &QDBusConnectionInterface::serviceOwnerChanged);
+    bool later = false;
+    watcher->onNameAppeared(QStringLiteral("org.example.Last"), &m_guard, [&later] { later = true; });
     QVERIFY(successor.interface()->registerService(name, QDBusConnectionInterface::ReplaceExistingService));
-    QTRY_COMPARE(changes.size(), 1);
+    QVERIFY(successor.registerService(QStringLiteral("org.example.Last")));
+    QTRY_VERIFY(later);
     QCOMPARE(m_calls, QStringList());
     watcher->onNameAppeared(name, nullptr, [this] { m_calls.append(QStringLiteral("there")); });
     QCOMPARE(m_calls, QStringList { QStringLiteral("there") });
+}
+
+void tst_DBusNameWatcher::callerIsKnownWhenItsCallIsHandled()
+{
+    const auto watcher = readyWatcher();
+    Callee callee(watcher.get());
+    QVERIFY(m_connection->registerObject(QStringLiteral("/"), &callee, QDBusConnection::ExportAllSlots));
+
+    // Holds up the thread that reads from the bus, until the news of a caller and its call are both there.
+    QSemaphore held;
+    QSemaphore goOn;
+    QTest::ignoreMessage(QtWarningMsg,
+                         "Connecting to deprecated signal "
+                         "QDBusConnectionInterface::serviceOwnerChanged(QString,QString,QString)");
+    QObject::connect(
+        m_connection->interface(), &QDBusConnectionInterface::serviceOwnerChanged, &callee,
+        [&] {
+            if (held.available() == 0) {
+                held.release();
+                goOn.acquire();
+            }
+        },
+        Qt::DirectConnection);
+    const auto send = [this](const QStringList &arguments) {
+        QProcess program;
+        program.start(QStringLiteral("dbus-send"),
+                      QStringList { QStringLiteral("--bus=") + m_bus->address() } + arguments);
+        return program.waitForFinished() && program.exitCode() == 0;
+    };
+    const QStringList call { QStringLiteral("--type=method_call"),
+                             QStringLiteral("--dest=") + m_connection->baseService(), QStringLiteral("/"),
+                             QStringLiteral("org.example.Callee.Here") };
+    const QStringList question { QStringLiteral("--print-reply"),
+                                 QStringLiteral("--dest=org.freedesktop.DBus"), QStringLiteral("/"),
+                                 QStringLiteral("org.freedesktop.DBus.GetId") };
+    const bool stranger = send(question) && held.tryAcquire(1, 30000);
+    held.release();
+    // The bus has passed the call on when it has answered a later one.
+    const bool sent = send(call) && send(question);
+    goOn.release();
+    QVERIFY(stranger && sent);
+
+    QTRY_COMPARE(callee.known.size(), 1);
+    QVERIFY(callee.known.first());
 }
 
 void tst_DBusNameWatcher::callbackMayRegisterForTheSameName()
