@@ -309,7 +309,7 @@ def test_event_that_makes_no_sense_is_refused(session, listener, times):
 
 def test_without_a_user_manager_the_caller_is_told(stack):
     """On a bus that nobody's manager is on."""
-    program = stack._program("procwarden-eventd")
+    program = stack.program("procwarden-eventd")
     child = Child("eventd", [program], os.path.join(stack.directory, "log", "eventd"), stack.environment(), stack.user)
     until(lambda: stack.session_bus.owner(Events.NAME), "the name", detail=child.output)
     connection = stack.session_bus.connect()
@@ -329,7 +329,7 @@ def test_without_a_user_manager_the_caller_is_told(stack):
 
 
 def test_program_refuses_arguments_that_it_does_not_know(stack):
-    program = stack._program("procwarden-eventd")
+    program = stack.program("procwarden-eventd")
     for arguments in (["--help"], ["--fire"], ["--fire", "0"], ["--fire", "x"], ["--fire", "1", "2"], ["1"]):
         child = Child("eventd", [program, *arguments], os.path.join(stack.directory, "log", "eventd"),
                       stack.environment(), stack.user)

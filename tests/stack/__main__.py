@@ -3,32 +3,33 @@
 import os
 import subprocess
 import sys
-import tempfile
 
 from . import story
-from .stack import Stack
+from .newcomer import Newcomer
+from .stack import TREE, Stack
 from .waiting import NotInTime
 
 PROMPT = r"procwarden \$ "
+TOUR = os.path.join(TREE, "docs", "tour.md")
 
 
 def shell():
-    """The stack with service and sample application, and a prompt beside it."""
-    with Stack() as stack:
+    """An ordinary user's prompt beside the service; see docs/tour.md for what to do there."""
+    with Stack(own_proc=True) as stack:
+        newcomer = Newcomer(stack, os.path.join(TREE, "docs", "man"), os.path.join(TREE, "data"))
         stack.install_sample()
         stack.start()
         story.describe(stack)
         story.line("service", f"pid {stack.service.pid}, log: {stack.service.child.log}")
-        story.line("a start", "dbus-send --session --print-reply --dest=org.kestrix.Procwarden "
-                   "/org/kestrix/Procwarden/Control1 org.kestrix.Procwarden.Control1.Start "
-                   "string:org.example.Sample")
+        story.line("you are", f"{stack.user.name}, at home in {stack.user.home}")
+        story.line("what to try", "procwardenctl start org.example.Sample, procwardenctl list, man procwardenctl,")
+        story.line("", f"and {os.path.relpath(TOUR)}")
         story.line("end", "exit, or Ctrl-D: everything goes")
-        with tempfile.NamedTemporaryFile("w", suffix=".bashrc") as startup:
-            startup.write(f"PS1='{PROMPT}'\n")
-            startup.flush()
-            environment = {**os.environ, **stack.environment(), "HOME": os.environ.get("HOME", "/"),
-                           "PATH": os.environ["PATH"], "STACK": stack.directory}
-            subprocess.run(["/bin/bash", "--noprofile", "--rcfile", startup.name, "-i"], env=environment, check=False)
+        startup = os.path.join(stack.directory, "bashrc")
+        with open(startup, "w") as file:
+            file.write(f"PS1='{PROMPT}'\n")
+        subprocess.run(newcomer.command("/bin/bash", "--noprofile", "--rcfile", startup, "-i"), cwd=newcomer.home,
+                       env={**newcomer.environment(), "TERM": os.environ.get("TERM", "dumb")}, check=False)
 
 
 def main():

@@ -53,7 +53,7 @@ class Stack:
         if os.getuid() != 0:
             raise RuntimeError("only root can bring up the helper and other users' processes")
         self.bin_dir = bin_dir or os.environ.get("PROCWARDEN_BIN_DIR", DEFAULT_BIN_DIR)
-        self._own_proc = own_proc
+        self.own_proc = own_proc
         self._closed = False
         self._closers = []
         self.directory = self.hierarchies = self._guard_pipe = None
@@ -83,10 +83,10 @@ class Stack:
             os.chown(self._path(name), self.user.uid, self.user.gid)
         os.mkdir(self._path("system"))
         self.root = RootDirectory(self._path("root"), self.user, self._path("apps"),
-                                  self._path("log/sandbox"), self.hierarchies, self._own_proc)
+                                  self._path("log/sandbox"), self.hierarchies, self.own_proc)
         self._closers.append(self.root.stop)
         self.memory = Memory(self.root)
-        if self._own_proc:
+        if self.own_proc:
             self.memory.set_level("normal")
         self.applications = Applications(self._path("apps"), self._path("share"), self.root,
                                          os.path.join(self.bin_dir, "procwarden-sample"))
@@ -99,7 +99,7 @@ class Stack:
         self._closers.append(self.session_bus.stop)
         self.system_bus = PrivateBus("system", self._path("system"))
         self._closers.append(self.system_bus.stop)
-        self.permission_daemon = PermissionDaemon(self.system_bus, self.applications.is_installed)
+        self.permission_daemon = PermissionDaemon(self.system_bus, self._is_installed)
         self._closers.append(self.permission_daemon.close)
         self.window_model = WindowModel(self.session_bus)
         self._closers.append(self.window_model.close)
@@ -150,6 +150,11 @@ class Stack:
         options.setdefault("manifest", {})
         return self.applications.install(app_id, **options)
 
+    def _is_installed(self, name):
+        """Whether there is a desktop file of that name, the user's own ones included."""
+        own = os.path.join(self.user.home, ".local/share/applications", f"{name}.desktop")
+        return self.applications.is_installed(name) or os.path.exists(own)
+
     def environment(self):
         """What the service is started with. Kept short: its size is part of what a child may be given."""
         return {
@@ -179,7 +184,7 @@ class Stack:
                "QT_FORCE_STDERR_LOGGING": "1", **SANITIZER_OPTIONS}
         if not self.hierarchies.machine:
             env["PROCWARDEN_ROOTFS"] = self.root.path
-        self.helper = Child("the helper", [self._program("procwarden-helper")], self._path("log/helper"), env)
+        self.helper = Child("the helper", [self.program("procwarden-helper")], self._path("log/helper"), env)
         self._closers.append(self.helper.kill)
         until(lambda: self.helper.status is not None or self.system_bus.owner(HELPER_NAME), "the helper's name",
               detail=self.helper.output)
@@ -190,7 +195,7 @@ class Stack:
         """With wait false, returns at once: for a service that is expected to fail."""
         env = {**self.environment(), **SANITIZER_OPTIONS, **environment}
         floor = DIRECT_START_SCORE if self.root.real_proc else None
-        self.service = ServiceProcess(self._program("procwarden"), self._path("log/service"), env, self.user, floor)
+        self.service = ServiceProcess(self.program("procwarden"), self._path("log/service"), env, self.user, floor)
         self._closers.append(self.service.child.kill)
         if wait:
             self.service.wait_for_name(self.session_bus, SESSION_NAME)
@@ -206,7 +211,7 @@ class Stack:
             until(lambda: not bus.owner(name), f"the end of the name {name}")
         return self.start_service(**environment)
 
-    def _program(self, name):
+    def program(self, name):
         """A copy that an ordinary user can reach, wherever the build lies."""
         target = self._path(f"bin/{name}")
         if not os.path.exists(target):

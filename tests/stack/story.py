@@ -58,7 +58,8 @@ def describe(stack):
     if stack.root.real_proc:
         line("/proc", "real")
     else:
-        why = "this root may not lower a score" if hierarchies.all_real else "the kernel lists no version 1 groups"
+        why = ("so that the memory can run short" if stack.own_proc else "this root may not lower a score"
+               if hierarchies.all_real else "the kernel lists no version 1 groups")
         line("/proc", f"partly stood in for ({why}): score files are plain files")
     line("stood in for", "the permission daemon (org.sailfishos.sailjaild1), which grants everything here;")
     line("", "the window model (org.nemomobile.lipstick); the compositor's window counts come from here;")

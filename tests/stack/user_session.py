@@ -80,7 +80,7 @@ class UserSession:
                               f"StandardError=append:{self.log_path}\n")
 
     def _install_program(self, program, name, more=""):
-        target = self._stack._program(program)
+        target = self._stack.program(program)
         with open(os.path.join(self._data_dir, "systemd/user", f"{program}.service")) as file:
             unit = file.read()
         # Nobody gives this user the floor of the score that applications need, and none is started.
