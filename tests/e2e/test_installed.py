@@ -44,13 +44,17 @@ def test_what_units_and_buses_start_is_there(tree):
 
 def test_everything_that_is_shipped_is_there(tree):
     for source, target in (("states", "share/procwarden/states"), ("intents", "share/procwarden/intents"),
-                           ("interfaces", "share/dbus-1/interfaces"), ("dbus/services", "share/dbus-1/services"),
+                           ("dbus/services", "share/dbus-1/services"),
                            ("dbus/system-services", "share/dbus-1/system-services"),
                            ("dbus/system.d", "share/dbus-1/system.d"), ("systemd/system", "lib/systemd/system"),
                            ("systemd/user", "lib/systemd/user")):
         expected = [name[:-len(".in")] if name.endswith(".in") else name
                     for name in names(os.path.join(TREE, "data", source))]
         assert names(tree.below_prefix(target)) == expected
+    interfaces = names(os.path.join(TREE, "data/interfaces"))
+    ours = [name for name in interfaces if name.startswith("org.kestrix.")]
+    assert names(tree.below_prefix("share/dbus-1/interfaces")) == ours
+    assert names(tree.below_prefix("share/procwarden/interfaces")) == sorted(set(interfaces) - set(ours))
     assert names(tree.inside("/etc/procwarden")) == ["oom.cfg", "os-version-support.cfg", "tasks.cfg"]
     pages = [name.removesuffix(".gz") for directory in names(tree.below_prefix("share/man"))
              for name in names(tree.below_prefix(f"share/man/{directory}"))]

@@ -331,7 +331,8 @@ void InstalledDataTest::interfacesAreDocumented_data()
         << "method ResolveIntent in:s in:a{sv} in:a{sv} in:as out:s out:a{sv}";
     QTest::newRow("org.kestrix.Procwarden.Tasks1") << "method GetAll out:a{sv}\n"
                                                       "method Start in:s in:as in:a{sv}\n"
-                                                      "method Stop in:s in:b";
+                                                      "method Stop in:s in:b\n"
+                                                      "signal StateChanged state:a(sua{sv})";
     QTest::newRow("org.kestrix.Procwarden.TaskInvoker1") << "method RegisterInvoker in:s out:o out:a{sv}";
     QTest::newRow("org.kestrix.Procwarden.TaskInvokerSession1")
         << "method Start out:i in:s in:a{sv} in:a{sv}\n"
