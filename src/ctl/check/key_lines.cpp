@@ -1,0 +1,253 @@
+#include "check/key_lines.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace Ctl::Check {
+
+namespace {
+
+bool isSpace(char c)
+{
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+bool isBlank(char c)
+{
+    return c == ' ' || c == '\t';
+}
+
+QString decoded(const QByteArray &bytes, bool *isUtf8 = nullptr)
+{
+    const QString text = QString::fromUtf8(bytes);
+    if (isUtf8) {
+        *isUtf8 = text.toUtf8() == bytes;
+    }
+    return text;
+}
+
+int firstNonSpace(const QByteArray &line)
+{
+    return static_cast<int>(std::find_if_not(line.cbegin(), line.cend(), isSpace) - line.cbegin());
+}
+
+/// The name between the brackets; a null array if the line opens no group.
+QByteArray groupOfDesktopLine(const QByteArray &line)
+{
+    const int end = line.indexOf(']');
+    if (!line.startsWith('[') || end < 0 || !std::all_of(line.cbegin() + end + 1, line.cend(), isBlank)) {
+        return QByteArray();
+    }
+    const QByteArray name = line.mid(1, end - 1);
+    const bool isLegal = std::all_of(name.cbegin(), name.cend(), [](char c) {
+        const auto byte = static_cast<unsigned char>(c);
+        return c != '[' && byte >= 0x20 && byte != 0x7f;
+    });
+    return isLegal && !name.isEmpty() ? name : QByteArray();
+}
+
+/// What may stand before "=": anything but brackets, and behind it a language in brackets.
+bool isDesktopKey(const QByteArray &key)
+{
+    const int bracket = key.indexOf('[');
+    const QByteArray name = bracket < 0 ? key : key.left(bracket);
+    if (name.isEmpty() || name.contains(']') || isBlank(name.at(name.size() - 1))) {
+        return false;
+    }
+    if (bracket < 0) {
+        return true;
+    }
+    const QByteArray language = key.mid(bracket + 1, key.size() - bracket - 2);
+    return key.endsWith(']') && std::all_of(language.cbegin(), language.cend(), [](char c) {
+               return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9')
+                   || std::strchr("-_.@", c) != nullptr || static_cast<unsigned char>(c) >= 0x80;
+           });
+}
+
+/// One line of the INI form, over the ends of lines that belong to it.
+struct SettingsLine
+{
+    QByteArray text;
+    int equals = -1; ///< place of the first "=" outside quotes; -1: there is none
+};
+
+/// Cuts a file into lines just as QSettings does.
+class SettingsCutter
+{
+public:
+    explicit SettingsCutter(const QByteArray &content)
+        : m_content(content)
+        , m_next(content.startsWith("\xef\xbb\xbf") ? 3 : 0)
+    {
+    }
+
+    [[nodiscard]] bool next(SettingsLine &line, int &number)
+    {
+        while (m_next < m_content.size()) {
+            skipSpace();
+            if (m_next < m_content.size() && m_content.at(m_next) == ';') {
+                skipComment();
+                continue;
+            }
+            if (m_next < m_content.size()) {
+                number = numberAt(m_next);
+                takeLine(line);
+                return true;
+            }
+        }
+        return false;
+    }
+
+private:
+    void skipSpace()
+    {
+        while (m_next < m_content.size() && isSpace(m_content.at(m_next))) {
+            ++m_next;
+        }
+    }
+
+    void skipComment()
+    {
+        while (m_next < m_content.size() && m_content.at(m_next) != '\n' && m_content.at(m_next) != '\r') {
+            ++m_next;
+        }
+    }
+
+    void takeLine(SettingsLine &line)
+    {
+        const int begin = m_next;
+        bool isQuoted = false;
+        line.equals = -1;
+        for (; m_next < m_content.size(); ++m_next) {
+            const char c = m_content.at(m_next);
+            if (c == '\\') {
+                const char skipped = m_next + 1 < m_content.size() ? m_content.at(m_next + 1) : '\0';
+                const char after = m_next + 2 < m_content.size() ? m_content.at(m_next + 2) : '\0';
+                ++m_next;
+                m_next += (skipped == '\r' && after == '\n') || (skipped == '\n' && after == '\r') ? 1 : 0;
+            } else if (c == '"') {
+                isQuoted = !isQuoted;
+            } else if (!isQuoted && c == '=' && line.equals < 0) {
+                line.equals = m_next - begin;
+            } else if (!isQuoted && (c == '\n' || c == '\r' || c == ';')) {
+                break;
+            }
+        }
+        m_next = std::min(m_next, m_content.size());
+        line.text = m_content.mid(begin, m_next - begin);
+    }
+
+    int numberAt(int offset)
+    {
+        m_number +=
+            static_cast<int>(std::count(m_content.cbegin() + m_counted, m_content.cbegin() + offset, '\n'));
+        m_counted = offset;
+        return m_number;
+    }
+
+    const QByteArray m_content;
+    int m_next;
+    int m_counted = 0;
+    int m_number = 1;
+};
+
+} // namespace
+
+KeyLines KeyLines::ofDesktopFile(const QByteArray &content)
+{
+    KeyLines lines;
+    QString group;
+    int number = 0;
+    const QList<QByteArray> all = content.split('\n');
+    for (QByteArray line : all) {
+        ++number;
+        if (line.endsWith('\r')) {
+            line.chop(1);
+        }
+        const int nul = line.indexOf('\0');
+        line.truncate(nul < 0 ? line.size() : nul);
+        line = line.mid(firstNonSpace(line));
+        if (line.isEmpty() || line.startsWith('#')) {
+            continue;
+        }
+        const QByteArray name = groupOfDesktopLine(line);
+        if (!name.isNull()) {
+            group = decoded(name);
+            lines.groups.append({ number, group });
+            continue;
+        }
+        const int equals = line.indexOf('=');
+        int keyEnd = std::max(equals, 0);
+        while (keyEnd > 0 && isSpace(line.at(keyEnd - 1))) {
+            --keyEnd;
+        }
+        if (equals < 1 || lines.groups.isEmpty() || !isDesktopKey(line.left(keyEnd))) {
+            lines.bad.append({ number, decoded(line) });
+            continue;
+        }
+        KeyLine entry { number, group, decoded(line.left(keyEnd)), QString() };
+        const QByteArray rest = line.mid(equals + 1);
+        entry.value = decoded(rest.mid(firstNonSpace(rest)), &entry.isUtf8);
+        lines.keys.append(entry);
+    }
+    return lines;
+}
+
+KeyLines KeyLines::ofSettings(const QByteArray &content)
+{
+    KeyLines lines;
+    QString group;
+    SettingsLine line;
+    int number = 0;
+    for (SettingsCutter cutter(content); cutter.next(line, number);) {
+        const QByteArray &text = line.text;
+        if (text.startsWith('[')) {
+            const int end = text.indexOf(']');
+            if (end < 0) {
+                lines.bad.append({ number, decoded(text) });
+            }
+            const QByteArray name = text.mid(1, end < 0 ? -1 : end - 1).trimmed();
+            group = name.compare("general", Qt::CaseInsensitive) == 0 ? QString() : decoded(name);
+            lines.groups.append({ number, decoded(name) });
+            continue;
+        }
+        if (line.equals < 0) {
+            lines.bad.append({ number, decoded(text) });
+            continue;
+        }
+        int keyEnd = line.equals;
+        while (keyEnd > 0 && isBlank(text.at(keyEnd - 1))) {
+            --keyEnd;
+        }
+        KeyLine entry { number, group, decoded(text.left(keyEnd)), QString() };
+        entry.value = decoded(text.mid(line.equals + 1).trimmed(), &entry.isUtf8);
+        lines.keys.append(entry);
+    }
+    return lines;
+}
+
+const KeyLine *KeyLines::find(const QString &group, const QString &key) const
+{
+    const auto found = std::find_if(keys.crbegin(), keys.crend(), [&](const KeyLine &line) {
+        return line.key == key && line.group == group;
+    });
+    return found == keys.crend() ? nullptr : &*found;
+}
+
+bool KeyLines::hasGroup(const QString &group) const
+{
+    return std::any_of(groups.cbegin(), groups.cend(),
+                       [&group](const GroupLine &line) { return line.name == group; });
+}
+
+int KeyLines::lineOf(const QString &group, const QString &key) const
+{
+    if (const KeyLine *line = key.isEmpty() ? nullptr : find(group, key)) {
+        return line->line;
+    }
+    const auto found = std::find_if(groups.cbegin(), groups.cend(),
+                                    [&group](const GroupLine &line) { return line.name == group; });
+    return found == groups.cend() ? 0 : found->line;
+}
+
+} // namespace Ctl::Check

@@ -1,0 +1,73 @@
+#include "check/spelling.h"
+
+#include <QVector>
+
+#include <algorithm>
+
+namespace Ctl::Check {
+
+namespace {
+
+constexpr int longestWord = 100; // no key has more characters
+
+/// How many letters must be added, dropped, replaced or swapped with the next one.
+int distance(const QString &one, const QString &other)
+{
+    QVector<QVector<int>> table(one.size() + 1, QVector<int>(other.size() + 1));
+    for (int i = 0; i <= one.size(); ++i) {
+        for (int j = 0; j <= other.size(); ++j) {
+            if (i == 0 || j == 0) {
+                table[i][j] = i + j;
+                continue;
+            }
+            const int replaced = table[i - 1][j - 1] + (one.at(i - 1) == other.at(j - 1) ? 0 : 1);
+            table[i][j] = std::min({ table[i - 1][j] + 1, table[i][j - 1] + 1, replaced });
+            if (i > 1 && j > 1 && one.at(i - 1) == other.at(j - 2) && one.at(i - 2) == other.at(j - 1)) {
+                table[i][j] = std::min(table[i][j], table[i - 2][j - 2] + 1);
+            }
+        }
+    }
+    return table[one.size()][other.size()];
+}
+
+/// Without what is easily left out or put in, and in one case.
+QString bare(const QString &word)
+{
+    QString result;
+    for (const QChar c : word) {
+        if (c.isLetterOrNumber()) {
+            result += c.toLower();
+        }
+    }
+    return result;
+}
+
+} // namespace
+
+QString closest(const QString &word, const QStringList &words)
+{
+    const QString wanted = bare(word);
+    if (wanted.isEmpty() || wanted.size() > longestWord) {
+        return QString();
+    }
+    QString best;
+    int bestDistance = wanted.size() < 4 ? 1 : wanted.size() < 6 ? 2 : 3; // one more than is near
+    for (const QString &candidate : words) {
+        if (candidate == word) {
+            continue;
+        }
+        const int away = distance(wanted, bare(candidate));
+        if (away < bestDistance) {
+            best = candidate;
+            bestDistance = away;
+        }
+    }
+    return best;
+}
+
+QString didYouMean(const QString &word)
+{
+    return word.isEmpty() ? QString() : QStringLiteral(" (did you mean \"%1\"?)").arg(word);
+}
+
+} // namespace Ctl::Check
