@@ -1,7 +1,5 @@
 """Calls that show what goes over the bus as it is: signatures, and the types inside variants."""
 
-import xml.etree.ElementTree
-
 import dbus
 import dbus.lowlevel
 
@@ -38,24 +36,3 @@ def types(details):
     letters = {dbus.Int32: "i", dbus.UInt32: "u", dbus.String: "s", dbus.Boolean: "b"}
     return {str(key): "a" + str(value.signature) if isinstance(value, dbus.Array) else letters[type(value)]
             for key, value in details.items()}
-
-
-def interface(bus, service, object_name, prefix=PREFIX, path=None):
-    """Members of the object's own interface: "method Name(in) -> out", "signal Name(arguments)" and
-    "property Name type access"."""
-    name = prefix + object_name
-    _, (text,) = call_path(bus, service, path or "/" + name.replace(".", "/"),
-                           "org.freedesktop.DBus.Introspectable", "Introspect")
-    tree = xml.etree.ElementTree.fromstring(text)
-    members = []
-    for node in tree.findall(f"interface[@name='{name}']/*"):
-        if node.tag == "property":
-            members.append(f"property {node.get('name')} {node.get('type')} {node.get('access')}")
-            continue
-        arguments = {"in": "", "out": ""}
-        for argument in node.findall("arg"):
-            arguments[argument.get("direction", "in")] += argument.get("type")
-        joined = arguments["in"] + arguments["out"]
-        members.append(f"signal {node.get('name')}({joined})" if node.tag == "signal"
-                       else f"{node.tag} {node.get('name')}({arguments['in']}) -> {arguments['out']}")
-    return members

@@ -29,22 +29,6 @@ def members(signals):
     return [received.member for received in signals]
 
 
-def test_interface_is_the_same_on_both_buses(service):
-    expected = [
-        "signal Started(sa{sv})",
-        "signal Terminated(sa{sv})",
-        "signal StateChanged(sa{sv})",
-        "signal SelectedByOom(s)",
-        "method Reload() -> ",
-        "method Start(s) -> ",
-        "method StartDebug(sa{sv}) -> ",
-        "method Terminate(s) -> ",
-        "method GetRunningApplications() -> a(siuua{sv})a(ssiua{sv})",
-    ]
-    assert raw.interface(service.session_bus, SESSION_NAME, "Control1") == expected
-    assert raw.interface(service.system_bus, SYSTEM_NAME, "Control1") == expected
-
-
 @pytest.mark.parametrize("bus, name", [("session_bus", SESSION_NAME), ("system_bus", SYSTEM_NAME)])
 def test_start_replies_with_id_and_details(plain, bus, name):
     signature, (instance_id, details) = raw.call(getattr(plain, bus), name, "Control1", "Start", SAMPLE,

@@ -8,9 +8,7 @@ import time
 import dbus
 import pytest
 
-import raw
 from stack.process import Child
-from stack.service import SESSION_NAME
 from stack.standin import StandIn
 from stack.user_session import RECORDS, STAMPS, UNITS, Events, UserSession, recurrence
 from stack.waiting import until
@@ -108,15 +106,6 @@ def switched_off_until(session, moment):
     session.stop()
     until(lambda: datetime.datetime.now().isoformat() > moment, "the time to pass")
     session.start()
-
-
-# --- the interfaces ---
-
-
-def test_interfaces(session, service):
-    assert raw.interface(session.bus, Events.NAME, "Events1") == [
-        f"method add_event({Events.SIGNATURE}) -> u", "method cancel(u) -> "]
-    assert raw.interface(service.session_bus, SESSION_NAME, "Timed") == ["method EventTriggered(a{sv}) -> "]
 
 
 # --- one event ---

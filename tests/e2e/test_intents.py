@@ -6,7 +6,6 @@ import os
 import dbus
 import pytest
 
-import raw
 from invoker import HANDLER, Application, install_handler, invoke, invoke_later, refusal, strings, variants
 from stack.client import BusError
 from stack.waiting import until
@@ -24,11 +23,6 @@ def running(stack):
     stack.define_intent("OpenURI", hints={"mimeContent": ["uri"]})
     stack.start()
     return stack
-
-
-def test_interface(running):
-    assert raw.interface(running.session_bus, "org.kestrix.Procwarden", "Intents1") == [
-        "method InvokeIntent(sa{sv}a{sv}) -> "] # the reply comes later, and holds a{sv}
 
 
 # --- Start ---

@@ -6,7 +6,6 @@ import signal
 import dbus
 import pytest
 
-import raw
 from stack.client import BusError
 from stack.permission_daemon import error
 from stack.waiting import until
@@ -31,16 +30,6 @@ def sample(service):
     service.install_sample(OTHER, sandbox=UNSANDBOXED)
     service.control.reload()
     return service
-
-
-def test_interface(service):
-    assert raw.interface(service.session_bus, "org.kestrix.Procwarden", "Introspect1") == [
-        "method ListRunning() -> aa{sv}",
-        "method GetStatus(s) -> a{sv}",
-        "method GetHistory(su) -> aa{sv}",
-        "method GetMemory() -> a{sv}",
-        "method Explain(s) -> a{sv}",
-    ]
 
 
 def test_what_runs(sample):

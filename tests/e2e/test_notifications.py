@@ -6,7 +6,6 @@ import dbus
 import dbus.lowlevel
 import pytest
 
-import raw
 from notifier import NAME, PATH, by_the_other_name, call, notify, start_application
 from stack.bus import ServedConnection
 from stack.client import BusError
@@ -42,20 +41,6 @@ def members(signals):
 
 
 # --- on the wire ---
-
-
-def test_interface(running):
-    assert raw.interface(running.session_bus, NAME, "Notifications", prefix="org.freedesktop.") == [
-        "signal NotificationClosed(uu)",
-        "signal ActionInvoked(us)",
-        "signal InputTextSet(us)",
-        "method GetCapabilities() -> as",
-        "method Notify(susssasa{sv}i) -> u",
-        "method CloseNotification(u) -> ",
-        "method GetServerInformation() -> ssss",
-        f"method GetNotifications(s) -> {RECORDS}",
-        f"method GetNotificationsByCategory(s) -> {RECORDS}",
-    ]
 
 
 def test_replies_of_the_server_are_passed_on(running):

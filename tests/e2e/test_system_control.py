@@ -5,7 +5,7 @@ import pytest
 
 import raw
 from stack.client import BusError
-from stack.service import SESSION_NAME, SYSTEM_NAME
+from stack.service import SYSTEM_NAME
 from stack.waiting import until
 
 SAMPLE = "org.example.Sample"
@@ -21,17 +21,6 @@ def many(service):
     service.install_sample(sandbox={"Sandboxing": "Disabled"})
     service.control.reload()
     return service
-
-
-def test_interface(service):
-    assert raw.interface(service.system_bus, SYSTEM_NAME, "SystemControl1") == [
-        "method PreventLaunch(s) -> ",
-        "method WaitForNotRunning(s) -> ",
-        "method Terminate(s) -> ",
-        "method AllowLaunch(s) -> ",
-    ]
-    with pytest.raises(BusError, match="UnknownObject"):
-        raw.interface(service.session_bus, SESSION_NAME, "SystemControl1")
 
 
 def test_replies_are_empty(service):

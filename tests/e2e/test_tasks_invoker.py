@@ -27,14 +27,6 @@ def buses(stack):
 
 # --- registration ---
 
-def test_interfaces(tasks):
-    for bus, name in buses(tasks):
-        assert raw.interface(bus, name, "TaskInvoker1") == ["method RegisterInvoker(s) -> oa{sv}"]
-    path, _ = tasker.register(tasks)
-    assert raw.interface(tasks.session_bus, SESSION_NAME, "TaskInvokerSession1", path=path) == [
-        "property AvailableTasks a(sa{sv}) read", "property ActiveTasks a(sia{sv}) read",
-        "method Start(sa{sv}a{sv}) -> i", "method Stop(s) -> "]
-
 
 def test_registration_tells_the_tasks_of_the_type(tasks):
     conditions, permissions = ["charging", "internet:wifi"], ["Internet", "Audio"]

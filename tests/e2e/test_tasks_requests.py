@@ -46,11 +46,6 @@ def refusal(stack, name, hints):
                            tasker.variant_map(hints), signature="sasa{sv}")
 
 
-def test_interface(stack):
-    assert raw.interface(stack.session_bus, SESSION_NAME, "Tasks1") == [
-        "method GetAll() -> a{sv}", "method Start(sasa{sv}) -> ", "method Stop(sb) -> "]
-
-
 def test_interface_is_not_on_the_system_bus(stack):
     name, _ = tasker.error_of(raw.call, stack.system_bus, "org.kestrix.Procwarden.User", "Tasks1", "GetAll")
     assert name == "org.freedesktop.DBus.Error.UnknownObject"

@@ -27,12 +27,6 @@ def update(stack, app_id, *counts):
                     signature="siii")
 
 
-def test_interfaces(service):
-    assert raw.interface(service.session_bus, SESSION_NAME, "WindowManagement1") == [
-        "method UpdateWindowStatus(siii) -> u"]
-    assert raw.interface(service.session_bus, SESSION_NAME, "Lifecycle1") == ["method GetProperties() -> a{sv}"]
-
-
 def test_update_answers_with_the_new_state(plain):
     plain.control.start(SAMPLE)
     assert update(plain, SAMPLE, 1, 0, 0) == ("u", [ACTIVE])

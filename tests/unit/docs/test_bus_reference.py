@@ -208,3 +208,22 @@ def test_file_has_to_bear_the_name_of_its_interface(tmp_path):
     write(tmp_path, file="other.xml")
     with pytest.raises(bus_reference.Undocumented, match="it holds"):
         made(tmp_path)
+
+
+def test_every_name_in_the_sources_is_described():
+    interfaces = bus_reference.read_interfaces()
+    known = {interface.name for interface in interfaces}
+    known |= {service for interface in interfaces for service, _ in interface.services}
+    # The library's own; the error that a manager without the unit answers with; whose applications without an
+    # organisation are; what stands before the name of an interface; the server that has the service's interface.
+    known |= {"org.freedesktop.DBus.Local", "org.freedesktop.DBus.Properties", "org.freedesktop.systemd1.NoSuchUnit",
+              "org.kestrix", "org.kestrix.Procwarden.", "org.solvaneos.Notifications"}
+    found = {}
+    for directory, _, files in os.walk(os.path.join(DOCS, "..", "src")):
+        for name in files:
+            with open(os.path.join(directory, name), encoding="utf-8") as file:
+                for text in re.findall(r'"((?:org|com|net|local)\.[\w.]+)"', file.read()):
+                    found[text] = name
+    unknown = {text: name for text, name in found.items()
+               if text not in known and ".Error." not in text and not text.startswith("org.example.")}
+    assert not unknown and len(found) > 30
