@@ -1,0 +1,210 @@
+"""What docs/tour.md shows: a newcomer's first hour, with nothing but the man pages."""
+
+ALBUM, READER = "org.example.Album", "org.example.Reader"
+SIZES = {ALBUM: "66.0 MB", READER: "10.1 MB"} # as they are shown, in place of what was measured
+FILES = "~/.local/share/applications"
+ITS_SIZE = r" (6|7)\d\.\d MB" # of the album, once it has all of its pictures
+
+
+def tell(tour):
+    _begin(tour)
+    _write_a_program(tour)
+    _declare(tour)
+    _understand(tour)
+    _watch(tour)
+    _freeze(tour)
+    _stop(tour)
+    _run_short(tour)
+    _go_on(tour)
+
+
+def _begin(tour):
+    tour.say("""
+        # A tour
+
+        <!-- Made by tests/e2e/tour.py; UPDATE_GOLDEN=1 rewrites it. -->
+
+        A program becomes an application: it is declared, checked, started, watched, frozen, and killed when memory runs
+        short. Everything that had to be known for it stands in the man pages. The commands were really typed, and a test
+        types them again and compares what they print; only process ids, times, sizes and places are examples.
+
+        This is the prompt that `./dev shell` opens, of an ordinary user. Service, buses, sandbox and control groups are
+        real. The permission daemon is a stand-in that agrees to everything. Three things are there for trying out:
+
+        - what is `/` on a device lies below `$PROCWARDEN_ROOTFS`, and the user may put packages into its `opt/app`;
+        - its `proc/meminfo` says how much memory there is, and the user may write to it;
+        - a sandbox shows the programs in `~/bin`.
+        """)
+
+
+def _write_a_program(tour):
+    tour.say("""
+        ## A program
+
+        The album takes as many megabytes for pictures as it is told to, and waits.
+        """)
+    tour.run("""\
+cat >album.c <<'END'
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+int main(int argc, char **argv)
+{
+    size_t size = (argc > 1 ? atoi(argv[1]) : 1) << 20;
+    memset(malloc(size), 1, size);
+    for (;;) {
+        sleep(1);
+    }
+}
+END""")
+    tour.run("cc -o ~/bin/album album.c")
+
+
+def _declare(tour):
+    tour.say("""
+        ## A desktop file, and its faults
+
+        A desktop file makes an application of it. This one is written in good faith.
+        """)
+    tour.run(f"cd {FILES}")
+    tour.run(f"""\
+cat >{ALBUM}.desktop <<END
+[Desktop Entry]
+Type=Application
+Name=Album
+Exec="$HOME/bin/album" 64 --open=%U
+
+[X-Sailjail]
+OrganizationName=org.example
+ApplicationName=Album
+Sandboxing=disabled
+END""")
+    check = f"procwardenctl check {ALBUM}.desktop"
+    tour.run(check, status=1)
+    tour.say("The man page agrees. First, the quotes:")
+    tour.quote("procwarden.desktop(5)", 'There is no quoting: with Exec="/usr/bin/my app" %U the program is '
+               '/usr/bin/"/usr/bin/my, which does not exist.')
+    tour.run(f"""sed -i 's/"//g' {ALBUM}.desktop""")
+    tour.run(check, status=1)
+    tour.say("Then what is to be opened:")
+    tour.quote("procwarden.desktop(5)", "A code must be an argument of its own: --open=%U and %U, are passed as they are.")
+    tour.run(f"sed -i 's/--open=%U/%U/' {ALBUM}.desktop")
+    tour.run(check, status=1)
+    tour.say("And it was to run outside the sandbox, but may as well run inside:")
+    tour.quote("procwarden.desktop(5)", "Where one value changes a default, every other value keeps it, without a "
+               "message: Sandboxing=disabled does nothing")
+    tour.run(f"sed -i '/^Sandboxing/d' {ALBUM}.desktop")
+    tour.run(check)
+
+
+def _understand(tour):
+    tour.say("""
+        ## Before it is started
+
+        What the service makes of the file:
+        """)
+    tour.run(f"procwardenctl app {ALBUM}")
+    tour.say("And what a start would do, without starting anything.")
+    tour.run(f"procwardenctl explain {ALBUM} | head -n 19")
+    tour.say("The command line goes on until the program and its own arguments; the environment comes after it.")
+
+
+def _watch(tour):
+    tour.say("""
+        ## Started, and watched
+
+        Whatever happens from now on is written down beside.
+        """)
+    tour.run("procwardenctl monitor >~/events &")
+    tour.wait("cat ~/events", "memory")
+    tour.run(f"procwardenctl start {ALBUM}")
+    tour.run("procwardenctl list", shows=ITS_SIZE)
+    tour.say("More about one of them, also how long its start took:")
+    tour.run(f"procwardenctl status {ALBUM}")
+    tour.quote("procwardenctl(1)", "Shows all that is known: whether it is installed and blocked, what runs of it, its "
+               "last launch with the milliseconds that each step took since it was asked for, and its last end.")
+
+
+def _freeze(tour):
+    tour.say("""
+        ## Frozen
+
+        An application that nobody sees is frozen. The compositor reports what can be seen, and here the user does: one
+        active window, then a hidden one.
+        """)
+    tour.run(f"procwardenctl windows {ALBUM} 1 0 0")
+    tour.run(f"procwardenctl windows {ALBUM} 0 0 1")
+    tour.say("""
+        It should be hidden now, and is inactive. The last line of `app` said why: by its background policy it is never
+        frozen.
+        """)
+    tour.quote("procwarden-os-version-support.cfg(5)",
+               "Without an entry, an application whose package has a valid manifest.json counts as made for 5.2.0, and "
+               "any other one as made for 4.0.0.")
+    tour.say("So it needs a package, and the least that a package has is a manifest.")
+    package = f"$PROCWARDEN_ROOTFS/opt/app/{ALBUM}/current"
+    tour.run(f"mkdir -p {package}")
+    tour.run(f"echo '{{}}' >{package}/manifest.json")
+    tour.quote("procwarden.desktop(5)", "Both are read together with the desktop file. A change of them alone is "
+               "noticed at the next change of any desktop file")
+    tour.run(f"touch {ALBUM}.desktop")
+    tour.run(f"procwardenctl app {ALBUM} | tail -n 2")
+    tour.run(f"procwardenctl windows {ALBUM} 0 0 1", shows="hidden")
+    tour.run("procwardenctl list", shows="hidden, frozen")
+    tour.say("Not one instruction of it is executed now. An active window, and it goes on where it was.")
+    tour.run(f"procwardenctl windows {ALBUM} 1 0 0")
+    tour.run("procwardenctl list", shows="active ")
+
+
+def _stop(tour):
+    tour.say("## Stopped")
+    tour.quote("procwardenctl(1)", "Ends an instance: SIGTERM now, SIGKILL when the kill time-out is over. It does not "
+               "wait for the end.")
+    tour.run(f"procwardenctl stop {ALBUM}")
+    tour.run("procwardenctl history", shows="requested")
+    tour.run("procwardenctl list", shows="Nothing runs")
+    tour.say("143 is 128 and the number of SIGTERM: so the sandbox tells which signal has ended the program.")
+
+
+def _run_short(tour):
+    tour.say("""
+        ## Killed
+
+        A second application of the same program, and both are started. The album is hidden, the reader is in use.
+        """)
+    tour.run(f"sed 's/Album/Reader/; s/64/8/' {ALBUM}.desktop >{READER}.desktop")
+    tour.run(f"procwardenctl check --quiet {READER}.desktop")
+    tour.run(f"procwardenctl start {ALBUM}")
+    tour.run(f"procwardenctl start {READER}", shows=READER) # the file may not have been noticed yet
+    tour.run(f"procwardenctl windows {ALBUM} 0 0 1")
+    tour.run(f"procwardenctl windows {READER} 1 0 0")
+    tour.run("procwardenctl list", shows=rf"(?s)hidden, frozen.*{ITS_SIZE}.*active.* (9|1\d)\.\d MB")
+    tour.say("What would happen if the memory ran short:")
+    tour.run("procwardenctl memory")
+    tour.quote("procwarden-oom.cfg(5)", "Critical memory is told, too, and at each look one victim is killed: what has "
+               "offered itself most through its oom_score_adj, then what the user has left longest ago.")
+    tour.say("Both have the same `oom_score_adj`, and the user has left the album. So let it run short.")
+    tour.run("sed -i 's/^MemAvailable: .*/MemAvailable: 100000 kB/' $PROCWARDEN_ROOTFS/proc/meminfo")
+    tour.run("procwardenctl memory | head -n 2", shows="critical")
+    tour.run(f"procwardenctl status {ALBUM}", shows="Last end: .*early-oom")
+    tour.say("""
+        That is why: which figures, which rule, which signal. The reader goes on, and the album's whole life is in what was
+        written down beside. It is inactive for a moment at its end, since what is frozen does not die of a signal.
+        """)
+    tour.run("procwardenctl list", shows=f"^(?!.*{ALBUM})")
+    tour.run(f"grep {ALBUM} ~/events", shows=r"early-oom")
+    tour.run("procwardenctl history -n 1")
+    tour.wait("kill %1", "")
+
+
+def _go_on(tour):
+    tour.say("""
+        ## Where to go on
+
+        - `man procwardenctl` has the commands that were left out: intents, background tasks, notifications, starts for
+          debugging.
+        - `man procwarden.desktop` names every key, default and trap of desktop files.
+        - [intents.md](intents.md) has code for applications that have something done by others.
+        - [architecture.md](architecture.md) tells how a start goes its way through the service.
+        """)
