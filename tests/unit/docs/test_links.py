@@ -9,7 +9,7 @@ TREE = os.path.abspath(os.path.join(os.path.dirname(os.path.abspath(__file__)), 
 
 
 def pages():
-    return [*glob.glob(os.path.join(TREE, "*.md")), *glob.glob(os.path.join(TREE, "docs", "**", "*.md"), recursive=True)]
+    return [*glob.glob(f"{TREE}/*.md"), *glob.glob(f"{TREE}/docs/**/*.md", recursive=True)]
 
 
 def content(path):
