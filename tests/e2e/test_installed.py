@@ -55,6 +55,7 @@ def test_everything_that_is_shipped_is_there(tree):
     ours = [name for name in interfaces if name.startswith("org.kestrix.")]
     assert names(tree.below_prefix("share/dbus-1/interfaces")) == ours
     assert names(tree.below_prefix("share/procwarden/interfaces")) == sorted(set(interfaces) - set(ours))
+    assert names(tree.below_prefix("share/procwarden/dbusmock")) == names(os.path.join(TREE, "data/dbusmock"))
     assert names(tree.inside("/etc/procwarden")) == ["oom.cfg", "os-version-support.cfg", "tasks.cfg"]
     pages = [name.removesuffix(".gz") for directory in names(tree.below_prefix("share/man"))
              for name in names(tree.below_prefix(f"share/man/{directory}"))]
