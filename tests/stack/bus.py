@@ -51,27 +51,36 @@ LIMITS = {
 
 
 class PrivateBus:
-    """A dbus-daemon of our own; kind is "session" or "system"."""
+    """A dbus-daemon of our own; kind is "session" or "system".
 
-    def __init__(self, kind, directory, user=None):
+    services: directory of activation files, otherwise a new one below the given one; environment: what activated
+    programs inherit. Further options are those of Child.
+    """
+
+    def __init__(self, kind, directory, user=None, services=None, environment=None, **options):
         self.kind = kind
-        self.services = os.path.join(directory, "services")
-        os.makedirs(self.services)
+        self.services = services or os.path.join(directory, "services")
+        os.makedirs(directory, exist_ok=True)
+        if not services:
+            os.makedirs(self.services)
         if user:
             os.chown(directory, user.uid, user.gid)
         configuration = os.path.join(directory, "bus.conf")
         with open(configuration, "w") as file:
             file.write(CONFIGURATION.format(kind=kind, socket=os.path.join(directory, "socket"),
                                             services=self.services, limits=LIMITS[kind]))
-        self.daemon = Child(f"{kind} bus",
-                            ["/usr/bin/dbus-daemon", f"--config-file={configuration}", "--nofork", "--nopidfile",
-                             "--nosyslog", "--print-address=1"],
-                            os.path.join(directory, "log"), {"PATH": "/usr/bin:/bin"}, user,
-                            stdout=subprocess.PIPE)
+        self._start([f"--config-file={configuration}"], os.path.join(directory, "log"), user,
+                    {"PATH": "/usr/bin:/bin", **(environment or {})}, **options)
+
+    def _start(self, arguments, log, user, environment, **options):
+        self.daemon = Child(f"{self.kind} bus",
+                            ["/usr/bin/dbus-daemon", *arguments, "--nofork", "--nopidfile", "--nosyslog",
+                             "--print-address=1"],
+                            log, environment, user, stdout=subprocess.PIPE, **options)
         # One line, written when it listens; nothing if it could not.
         self.address = self.daemon.popen.stdout.readline().decode().strip()
         if not self.address:
-            raise RuntimeError(f"no {kind} bus: {self.daemon.output()}")
+            raise RuntimeError(f"no {self.kind} bus: {self.daemon.output()}")
 
     def connect(self, mainloop=dbus.mainloop.NULL_MAIN_LOOP):
         connection = dbus.bus.BusConnection(self.address, mainloop=mainloop)

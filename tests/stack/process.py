@@ -52,22 +52,25 @@ def descendants(pid, ended=False):
 class Child:
     """A running program whose output goes to a file.
 
-    With a user, it runs as that one without any other group or capability. It gets exactly the environment
-    that is given, and is killed by the kernel if the stack's process dies.
+    With a user, it runs as that one, without any group but its own and those that are named, and without any
+    capability. It gets exactly the environment that is given, and is killed by the kernel if the stack's process
+    dies. enter: a command that runs the rest somewhere else, see Machine.
     """
 
-    def __init__(self, name, argv, log, env, user=None, stdout=None, pass_fds=(), oom_floor=None):
+    def __init__(self, name, argv, log, env, user=None, stdout=None, pass_fds=(), oom_floor=None, groups=(),
+                 enter=()):
         self.name = name
         self.log = log
         prefix = ["/usr/bin/setpriv"]
         if user:
-            prefix += [f"--reuid={user.uid}", f"--regid={user.gid}", "--clear-groups"]
+            prefix += [f"--reuid={user.uid}", f"--regid={user.gid}",
+                       f"--groups={','.join(map(str, groups))}" if groups else "--clear-groups"]
         prefix += ["--pdeathsig=KILL", "--"]
         if oom_floor is not None:
             # The lowest score that root ever wrote is how low an ordinary user may go later.
             prefix = ["/usr/bin/choom", "-n", str(oom_floor), "--", *prefix, "/usr/bin/choom", "-n", "0", "--"]
         with open(log, "ab") as output:
-            self.popen = subprocess.Popen(prefix + argv, env=env, cwd="/", stdin=subprocess.DEVNULL,
+            self.popen = subprocess.Popen([*enter, *prefix, *argv], env=env, cwd="/", stdin=subprocess.DEVNULL,
                                           stdout=stdout or output, stderr=output, pass_fds=pass_fds,
                                           start_new_session=True)
 

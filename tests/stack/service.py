@@ -9,8 +9,8 @@ SESSION_NAME = "org.kestrix.Procwarden"
 SYSTEM_NAME = "org.kestrix.Procwarden.User"
 
 class ServiceProcess:
-    def __init__(self, program, log, env, user, oom_floor):
-        self.child = Child("the service", [program], log, env, user, oom_floor=oom_floor)
+    def __init__(self, program, log, env, user, oom_floor, **options):
+        self.child = Child("the service", [program], log, env, user, oom_floor=oom_floor, **options)
 
     @property
     def pid(self):

@@ -17,6 +17,7 @@ from .bus import PrivateBus
 from .cleaning import clean_files, clean_processes, empty
 from .client import SampleClient, session_client, system_client
 from .intent_resolver import IntentResolver
+from .machine import Machine, SystemBus
 from .memory import Memory
 from .monitor import Monitor
 from .notification_server import NotificationServer
@@ -47,17 +48,22 @@ class Stack:
 
     own_proc: /proc holds this stack's own files even where the kernel's would do, so that what they say can be
     set: memory.set_available(), root.set_oom_score_adj().
+
+    tree: an installed tree, as tests/e2e/installed.py has it. Then all of ours runs in a Machine that has it, the
+    system bus has that machine's policies, and it starts the helper. machine: further options of the Machine.
+    groups: ids of further groups that the service belongs to.
     """
 
-    def __init__(self, bin_dir=None, own_proc=False):
+    def __init__(self, bin_dir=None, own_proc=False, tree=None, machine=None, groups=()):
         if os.getuid() != 0:
             raise RuntimeError("only root can bring up the helper and other users' processes")
         self.bin_dir = bin_dir or os.environ.get("PROCWARDEN_BIN_DIR", DEFAULT_BIN_DIR)
         self.own_proc = own_proc
+        self._tree, self._machine_options, self.groups = tree, machine or {}, groups
         self._closed = False
         self._closers = []
         self.directory = self.hierarchies = self._guard_pipe = None
-        self.helper = self.service = None
+        self.helper = self.service = self.machine = None
         self.user = Lease()
         try:
             self._build()
@@ -95,10 +101,13 @@ class Stack:
         self.set_states()
         shutil.copytree(os.path.join(TREE, "data", "intents"), self._path("share/procwarden/intents"))
 
-        self.session_bus = PrivateBus("session", self._path("session"), self.user)
-        self._closers.append(self.session_bus.stop)
-        self.system_bus = PrivateBus("system", self._path("system"))
-        self._closers.append(self.system_bus.stop)
+        if self._tree:
+            self._build_machine()
+        else:
+            self.session_bus = PrivateBus("session", self._path("session"), self.user)
+            self._closers.append(self.session_bus.stop)
+            self.system_bus = PrivateBus("system", self._path("system"))
+            self._closers.append(self.system_bus.stop)
         self.permission_daemon = PermissionDaemon(self.system_bus, self._is_installed)
         self._closers.append(self.permission_daemon.close)
         self.window_model = WindowModel(self.session_bus)
@@ -112,6 +121,29 @@ class Stack:
         self.control = session_client(self.session_bus)
         self.system_control = system_client(self.system_bus)
         self.sample_files = SampleFiles(self.user.home)
+
+    def _build_machine(self):
+        self.machine = Machine(self._path("machine"), self._tree.path, self._path("system"),
+                               stand_ins=[PermissionDaemon.SERVICE], hierarchies=self._groups_place(),
+                               **self._machine_options)
+        self._closers.append(self.machine.stop)
+        self.system_bus = SystemBus(self.machine)
+        self._closers.append(self.system_bus.stop)
+        # What it activates gets all that the service is to know of this stack.
+        self.session_bus = PrivateBus("session", self._path("session"), self.user, services=self.installed_services(),
+                                      environment={**self._basic_environment(), **SANITIZER_OPTIONS}, groups=self.groups,
+                                      enter=self.machine.enter, oom_floor=self._oom_floor())
+        self._closers.append(self.session_bus.stop)
+
+    def installed_services(self):
+        """Directory of the installed tree's activation files for session buses, in the machine."""
+        return os.path.join(self._tree.prefix, "share/dbus-1/services")
+
+    def _oom_floor(self):
+        return DIRECT_START_SCORE if self.root.real_proc else None
+
+    def _groups_place(self):
+        return None if self.hierarchies.machine else self.root.inside("sys/fs/cgroup")
 
     def _path(self, name):
         return os.path.join(self.directory, name)
@@ -157,6 +189,10 @@ class Stack:
 
     def environment(self):
         """What the service is started with. Kept short: its size is part of what a child may be given."""
+        return {**self._basic_environment(), "DBUS_SESSION_BUS_ADDRESS": self.session_bus.address,
+                "DBUS_SYSTEM_BUS_ADDRESS": self.system_bus.address}
+
+    def _basic_environment(self):
         return {
             "PATH": "/usr/bin:/bin",
             "HOME": self.user.home,
@@ -166,8 +202,6 @@ class Stack:
             "LANG": "C.UTF-8",
             "XDG_RUNTIME_DIR": self._path("runtime"),
             "XDG_DATA_DIRS": self._path("share"),
-            "DBUS_SESSION_BUS_ADDRESS": self.session_bus.address,
-            "DBUS_SYSTEM_BUS_ADDRESS": self.system_bus.address,
             "QT_FORCE_STDERR_LOGGING": "1",
             "PROCWARDEN_ROOTFS": self.root.path,
         }
@@ -180,11 +214,14 @@ class Stack:
         return self.start_service(**environment)
 
     def start_helper(self):
+        if self.machine and self.hierarchies.all_real:
+            return # the bus does that
         env = {"PATH": "/usr/bin:/bin", "DBUS_SYSTEM_BUS_ADDRESS": self.system_bus.address,
                "QT_FORCE_STDERR_LOGGING": "1", **SANITIZER_OPTIONS}
         if not self.hierarchies.machine:
             env["PROCWARDEN_ROOTFS"] = self.root.path
-        self.helper = Child("the helper", [self.program("procwarden-helper")], self._path("log/helper"), env)
+        self.helper = Child("the helper", [self.program("procwarden-helper")], self._path("log/helper"), env,
+                            enter=self.enter())
         self._closers.append(self.helper.kill)
         until(lambda: self.helper.status is not None or self.system_bus.owner(HELPER_NAME), "the helper's name",
               detail=self.helper.output)
@@ -194,8 +231,10 @@ class Stack:
     def start_service(self, wait=True, **environment):
         """With wait false, returns at once: for a service that is expected to fail."""
         env = {**self.environment(), **SANITIZER_OPTIONS, **environment}
-        floor = DIRECT_START_SCORE if self.root.real_proc else None
-        self.service = ServiceProcess(self.program("procwarden"), self._path("log/service"), env, self.user, floor)
+        if self.machine:
+            del env["DBUS_SYSTEM_BUS_ADDRESS"] # it is where everybody expects it
+        self.service = ServiceProcess(self.program("procwarden"), self._path("log/service"), env, self.user,
+                                      self._oom_floor(), groups=self.groups, enter=self.enter())
         self._closers.append(self.service.child.kill)
         if wait:
             self.service.wait_for_name(self.session_bus, SESSION_NAME)
@@ -211,8 +250,14 @@ class Stack:
             until(lambda: not bus.owner(name), f"the end of the name {name}")
         return self.start_service(**environment)
 
+    def enter(self):
+        """What to put before a command so that it runs where ours run."""
+        return self.machine.enter if self.machine else ()
+
     def program(self, name):
-        """A copy that an ordinary user can reach, wherever the build lies."""
+        """Where it is installed; else a copy that an ordinary user can reach, wherever the build lies."""
+        if self._tree:
+            return self._tree.place_of(name)
         target = self._path(f"bin/{name}")
         if not os.path.exists(target):
             shutil.copyfile(os.path.join(self.bin_dir, name), target)

@@ -80,8 +80,10 @@ class UserManager:
         joins = "".join(f"echo $$ >'{group}/cgroup.procs'; " for group in self._groups)
         gets = ",".join(f"+{name}" for name in self._capabilities)
         extra = f" --inh-caps={gets} --ambient-caps={gets}" if gets else ""
-        drop = f"exec /usr/bin/setpriv --reuid={user.uid} --regid={user.gid} --clear-groups{extra} -- \"$@\""
-        return ["/bin/sh", "-c", joins + drop, "sh", *argv]
+        groups = ",".join(map(str, self._stack.groups))
+        drop = (f"exec /usr/bin/setpriv --reuid={user.uid} --regid={user.gid} "
+                f"{f'--groups={groups}' if groups else '--clear-groups'}{extra} -- \"$@\"")
+        return [*self._stack.enter(), "/bin/sh", "-c", joins + drop, "sh", *argv]
 
     def run(self, *argv):
         return subprocess.run(self.command(*argv), env=self.environment, capture_output=True, text=True, check=False)

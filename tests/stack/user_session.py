@@ -1,7 +1,7 @@
 """A session of the stack's user as a device has it: the user's manager, and the message bus that it starts.
 
 What is installed for a session is installed here: units and activation files as they are shipped, but for the
-places of the programs.
+places of the programs. With a Machine they are there already, and used as they are.
 """
 
 import os
@@ -66,18 +66,23 @@ class UserSession:
         configuration = os.path.join(self._stack.directory, "user-bus.conf")
         with open(configuration, "w") as file:
             file.write(re.sub(r"<listen>.*<", "<listen>systemd:<", CONFIGURATION.format(
-                kind="session", socket="", services=self.path(ACTIVATION), limits=LIMITS["session"])))
+                kind="session", socket="", services=self._stack.installed_services() if self._stack.machine
+                else self.path(ACTIVATION), limits=LIMITS["session"])))
         self._make(self.path(ACTIVATION))
         self._write(self.path(UNITS, "dbus.service.d/stack.conf"),
                     "[Service]\nExecStart=\nExecStart=/usr/bin/dbus-daemon "
                     f"--config-file={configuration} --nofork --nopidfile --systemd-activation\n")
-        self._install_program("procwarden-eventd", "org.kestrix.Procwarden.Events")
+        if not self._stack.machine:
+            self._install_program("procwarden-eventd", "org.kestrix.Procwarden.Events")
 
     def install_service(self):
         """The service itself, started by the bus on demand; log() is what it writes."""
         self._write(self.log_path, "")
-        self._install_program("procwarden", "org.kestrix.Procwarden",
-                              f"StandardError=append:{self.log_path}\n")
+        more = f"StandardError=append:{self.log_path}\n"
+        if self._stack.machine:
+            self._write(self.path(UNITS, "procwarden.service.d/stack.conf"), f"[Service]\nExecCondition=\n{more}")
+        else:
+            self._install_program("procwarden", "org.kestrix.Procwarden", more)
 
     def _install_program(self, program, name, more=""):
         target = self._stack.program(program)
