@@ -54,7 +54,8 @@ systemctl enable procwarden@UID.service")
 set(CPACK_DEBIAN_HELPER_PACKAGE_NAME procwarden-helper)
 set(CPACK_DEBIAN_HELPER_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_HELPER_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_HELPER_PACKAGE_DEPENDS "dbus")
+# The groups of the bus policies are made by systemd-sysusers.
+set(CPACK_DEBIAN_HELPER_PACKAGE_DEPENDS "dbus, systemd | systemd-standalone-sysusers | systemd-sysusers")
 set(CPACK_DEBIAN_HELPER_PACKAGE_CONTROL_EXTRA "${scripts}/helper/postinst;${scripts}/helper/prerm;${scripts}/helper/postrm")
 set(CPACK_COMPONENT_HELPER_DESCRIPTION
 "privileged side of the application runtime service

@@ -11,10 +11,13 @@ import re
 import shutil
 import subprocess
 
-from stack.stack import DEFAULT_BIN_DIR
+from stack.stack import DEFAULT_BIN_DIR, TREE
 
+GOLDEN = os.path.join(TREE, "tests/data/installed/files.txt")
 PACKAGES = os.environ.get("PROCWARDEN_PACKAGES")
 BIN_DIR = os.environ.get("PROCWARDEN_BIN_DIR", DEFAULT_BIN_DIR)
+COMPONENTS = {"procwarden": "service", "procwarden-helper": "helper", "procwarden-tools": "tools",
+              "procwarden-dev": "development"} # package -> its part of the installation
 PROGRAMS = ("procwarden", "procwarden-helper", "procwarden-eventd", "procwardenctl")
 
 
@@ -26,18 +29,45 @@ def package_files():
     return sorted(glob.glob(os.path.join(PACKAGES, "*.deb")))
 
 
-class InstalledTree:
-    """path: the tree's root; prefix: of everything but the configuration, as a path inside of the tree."""
+def unit_directory():
+    """Where this Debian has units of the system; it moved once."""
+    return run("pkg-config", "--variable=systemdsystemunitdir", "systemd").strip()
 
-    def __init__(self, path):
+
+def listed():
+    """What every installation has, package -> paths below /usr and /etc, as tests/data/installed has it."""
+    found = {}
+    with open(GOLDEN) as file:
+        for line in file:
+            package, path = line.split()
+            found.setdefault(package, []).append(path.replace("/lib/systemd/system/", unit_directory() + "/"))
+    return found
+
+
+def write_list(found):
+    with open(GOLDEN, "w") as file:
+        for package in sorted(found):
+            for path in sorted(found[package]):
+                file.write(f"{package} {path.replace(unit_directory() + '/', '/lib/systemd/system/')}\n")
+
+
+class InstalledTree:
+    """path: the tree's root; prefix: of everything but the configuration, as a path inside of the tree.
+
+    package: name of the only one that is installed.
+    """
+
+    def __init__(self, path, package=None):
         self.path = path
         if PACKAGES:
-            for package in package_files():
-                run("dpkg-deb", "-x", package, path)
+            for file in package_files():
+                if package in (None, control_fields(file)["Package"]):
+                    run("dpkg-deb", "-x", file, path)
             self.prefix = "/usr"
         else:
             build = os.path.dirname(BIN_DIR.rstrip("/"))
-            run("cmake", "--install", build, env={**os.environ, "DESTDIR": path})
+            component = ["--component", COMPONENTS[package]] if package else []
+            run("cmake", "--install", build, *component, env={**os.environ, "DESTDIR": path})
             with open(os.path.join(build, "CMakeCache.txt")) as file:
                 self.prefix = re.search(r"(?m)^CMAKE_INSTALL_PREFIX:PATH=(.*)$", file.read()).group(1)
 
@@ -48,14 +78,42 @@ class InstalledTree:
     def below_prefix(self, path):
         return self.inside(os.path.join(self.prefix, path))
 
+    def policy(self, name):
+        """A bus policy; below another prefix than /usr the bus would not find it."""
+        return self.inside(os.path.join("/usr/share" if self.prefix == "/usr" else "/etc", "dbus-1/system.d", name))
+
+    def account_of(self, kind):
+        """The "group" with sessions, or the "user" that the package manager is, of whom the policies speak."""
+        with open(self.policy("org.kestrix.Procwarden.User.conf")) as file:
+            return next(name for name in re.findall(f'<policy {kind}="([^"]*)">', file.read()) if name != "root")
+
     def files(self):
         """Every file, as a path on the machine."""
         return sorted(os.path.join("/", os.path.relpath(os.path.join(directory, name), self.path))
                       for directory, _, names in os.walk(self.path) for name in names)
 
+    def place_of(self, program):
+        """Where a program lies on the machine."""
+        places = [os.path.join(self.prefix, directory, program) for directory in ("bin", "libexec")]
+        return next(place for place in places if os.path.exists(self.inside(place)))
+
+    def files_below_usr(self):
+        """The files, where they would be if the prefix were /usr, without what Debian adds to a package."""
+        return sorted(self._below_usr(path) for path in self.files() if not path.startswith("/usr/share/doc/"))
+
+    def _below_usr(self, path):
+        if self.prefix != "/usr":
+            for here, there in ((f"{self.prefix}/lib/systemd/system/", f"{unit_directory()}/"),
+                                (f"{self.prefix}/share/zsh/site-functions/", "/usr/share/zsh/vendor-completions/"),
+                                ("/etc/dbus-1/system.d/", "/usr/share/dbus-1/system.d/"),
+                                (f"{self.prefix}/", "/usr/")):
+                if path.startswith(here):
+                    path = there + path[len(here):]
+                    break
+        return path.removesuffix(".gz")
+
     def program(self, name):
-        return next(path for path in (self.below_prefix(f"bin/{name}"), self.below_prefix(f"libexec/{name}"))
-                    if os.path.exists(path))
+        return self.inside(self.place_of(name))
 
     def make_bin_dir(self, path):
         """One directory with all programs, as a stack wants it. The sample application is never installed."""
