@@ -351,12 +351,13 @@ void BusPolicyTest::callersOfTheHelper_data()
     QTest::addColumn<QString>("member");
     QTest::addColumn<bool>("mayCall");
     const QString create = QStringLiteral("CreateUserHierarchies");
-    // The helper itself looks at who calls.
+    // For whom they ask is looked at by the helper itself.
     QTest::newRow("root") << root << helperName << create << true;
     QTest::newRow("the user") << sessionUser << helperName << create << true;
-    QTest::newRow("somebody") << somebody << helperName << create << true;
-    QTest::newRow("without the interface") << somebody << QString() << create << false;
-    QTest::newRow("another method") << somebody << helperName << "Reload" << false;
+    QTest::newRow("the package manager") << packageManager << helperName << create << false;
+    QTest::newRow("somebody") << somebody << helperName << create << false;
+    QTest::newRow("without the interface") << sessionUser << QString() << create << false;
+    QTest::newRow("another method") << sessionUser << helperName << "Reload" << false;
     QTest::newRow("properties") << somebody << "org.freedesktop.DBus.Properties"
                                 << "GetAll" << false;
     QTest::newRow("introspection") << somebody << "org.freedesktop.DBus.Introspectable"
