@@ -5,6 +5,7 @@
 #include "Core/process_id.h"
 #include "Core/runtime_controller.h"
 
+#include <QElapsedTimer>
 #include <QHash>
 
 #include <cstring>
@@ -18,12 +19,29 @@ namespace {
 
 constexpr int maximumLaunches = 500; // of different applications, after which the oldest is forgotten
 
+/// A launch, under way or over.
+struct Launch
+{
+    LaunchAccount account;
+    bool hasStarted = false; ///< something runs of it, or has
+    QElapsedTimer clock; ///< since it was asked for; the time of day may be set meanwhile
+
+    void pass(LaunchStep step)
+    {
+        // Answers may come when a launch has failed already.
+        if (account.failedAt.isEmpty() && !account.stepsMs.contains(step)) {
+            account.stepsMs.insert(step, static_cast<qint32>(clock.elapsed()));
+        }
+    }
+};
+
 /// What runs now.
 struct Running
 {
     bool isTask = false;
     QDateTime since;
     std::shared_ptr<QObject> guard; ///< of the wait for its name
+    std::shared_ptr<Launch> launch; ///< of an application; null if that was not seen
 };
 
 /// What is about to end something.
@@ -108,28 +126,25 @@ QString decisionName(Decision decision)
 class ChroniclePrivate
 {
 public:
-    explicit ChroniclePrivate(Chronicle *owner)
-        : q(owner)
-    {
-    }
-
-    LaunchAccount *launchUnderWay(const QString &appId);
+    void passOf(const QString &id, LaunchStep step);
     void remember(const Ending &ending);
     void onStarted(const QString &id, bool isTask, DBusNameWatcher *names);
     void onTerminated(const QString &id, pid_t pid, int exitStatus, StopReason reason);
 
-    QHash<QString, LaunchAccount> launches; ///< application id -> its last launch; see maximumLaunches
+    QHash<QString, std::shared_ptr<Launch>> launches; ///< application id -> its last one; see maximumLaunches
     QStringList launchOrder; ///< its keys, the oldest first
     QHash<QString, Running> running; ///< instance or full task id; removed at the end
     QHash<QString, Verdict> verdicts; ///< the same keys; removed at the end
     QList<Ending> endings; ///< the latest first
-    Chronicle *const q;
 };
 
-LaunchAccount *ChroniclePrivate::launchUnderWay(const QString &appId)
+/// What an instance does belongs to the launch that it came from, which need not be the last one.
+void ChroniclePrivate::passOf(const QString &id, LaunchStep step)
 {
-    const auto launch = launches.find(appId);
-    return launch == launches.end() ? nullptr : &*launch;
+    const std::shared_ptr<Launch> launch = running.value(id).launch;
+    if (launch) {
+        launch->pass(step);
+    }
 }
 
 void ChroniclePrivate::remember(const Ending &ending)
@@ -142,14 +157,18 @@ void ChroniclePrivate::remember(const Ending &ending)
 
 void ChroniclePrivate::onStarted(const QString &id, bool isTask, DBusNameWatcher *names)
 {
-    Running entry { isTask, QDateTime::currentDateTimeUtc(), std::make_shared<QObject>() };
+    Running entry { isTask, QDateTime::currentDateTimeUtc(), std::make_shared<QObject>(), nullptr };
+    const std::shared_ptr<Launch> launch = isTask ? nullptr : launches.value(applicationOf(id));
+    if (launch && !launch->hasStarted) {
+        launch->hasStarted = true;
+        entry.launch = launch;
+    }
     running.insert(id, entry);
     verdicts.remove(id);
     if (isTask || !names) {
         return;
     }
-    names->onNameAppeared(id, entry.guard.get(),
-                          [this, id] { q->launchStep(applicationOf(id), LaunchStep::NameSeen); });
+    names->onNameAppeared(id, entry.guard.get(), [this, id] { passOf(id, LaunchStep::NameSeen); });
 }
 
 void ChroniclePrivate::onTerminated(const QString &id, pid_t pid, int exitStatus, StopReason reason)
@@ -168,6 +187,9 @@ void ChroniclePrivate::onTerminated(const QString &id, pid_t pid, int exitStatus
     ending.stopReason = reason;
     ending.decision = verdict.decision;
     ending.requestor = verdict.requestor;
+    if (entry.launch) {
+        ending.launch = entry.launch->account;
+    }
     ending.detail = verdict.detail.isEmpty() ? exitText(exitStatus)
                                              : verdict.detail + QStringLiteral("; ") + exitText(exitStatus);
     remember(ending);
@@ -181,7 +203,7 @@ Chronicle *Chronicle::instance()
 
 Chronicle::Chronicle(QObject *parent)
     : QObject(parent)
-    , d(std::make_unique<ChroniclePrivate>(this))
+    , d(std::make_unique<ChroniclePrivate>())
 {
 }
 
@@ -204,7 +226,7 @@ void Chronicle::follow(RuntimeController *controller, DBusNameWatcher *names)
     connect(controller, &RuntimeController::applicationStateChanged, this,
             [this](const QString &id, ApplicationState state) {
                 if (state != ApplicationState::Terminating) {
-                    launchStep(applicationOf(id), LaunchStep::FirstWindow);
+                    d->passOf(id, LaunchStep::FirstWindow);
                 }
             });
 }
@@ -216,36 +238,37 @@ void Chronicle::launchAsked(const QString &appId)
     while (d->launchOrder.size() > maximumLaunches) {
         d->launches.remove(d->launchOrder.takeFirst());
     }
-    LaunchAccount account;
-    account.asked = QDateTime::currentDateTimeUtc();
-    d->launches.insert(appId, account);
+    const auto launch = std::make_shared<Launch>();
+    launch->account.asked = QDateTime::currentDateTimeUtc();
+    launch->clock.start();
+    d->launches.insert(appId, launch);
 }
 
 void Chronicle::launchStep(const QString &appId, LaunchStep step)
 {
-    LaunchAccount *account = d->launchUnderWay(appId);
-    if (account && !account->stepsMs.contains(step)) {
-        account->stepsMs.insert(step,
-                                static_cast<qint32>(account->asked.msecsTo(QDateTime::currentDateTimeUtc())));
+    if (const std::shared_ptr<Launch> launch = d->launches.value(appId)) {
+        launch->pass(step);
     }
 }
 
 void Chronicle::launchFailed(const QString &appId, const Error &error)
 {
-    LaunchAccount *account = d->launchUnderWay(appId);
-    if (!account) {
+    const std::shared_ptr<Launch> launch = d->launches.value(appId);
+    if (!launch) {
         return;
     }
-    account->failedAt =
-        account->stepsMs.isEmpty() ? QStringLiteral("Asked") : launchStepName(account->stepsMs.lastKey());
-    account->error = error.message();
+    LaunchAccount &account = launch->account;
+    account.failedAt =
+        account.stepsMs.isEmpty() ? QStringLiteral("Asked") : launchStepName(account.stepsMs.lastKey());
+    account.error = error.message();
 
     Ending ending;
     ending.id = appId;
-    ending.started = account->asked;
+    ending.started = account.asked;
     ending.ended = QDateTime::currentDateTimeUtc();
     ending.decision = Decision::LaunchFailed;
-    ending.detail = QStringLiteral("after \"%1\": %2").arg(account->failedAt, account->error);
+    ending.detail = QStringLiteral("after \"%1\": %2").arg(account.failedAt, account.error);
+    ending.launch = account;
     d->remember(ending);
 }
 
@@ -269,7 +292,14 @@ void Chronicle::requestedBy(const QString &id, const QString &requestor)
 
 LaunchAccount Chronicle::lastLaunch(const QString &appId) const
 {
-    return d->launches.value(appId);
+    const std::shared_ptr<Launch> launch = d->launches.value(appId);
+    return launch ? launch->account : LaunchAccount();
+}
+
+LaunchAccount Chronicle::launchOf(const QString &id) const
+{
+    const std::shared_ptr<Launch> launch = d->running.value(id).launch;
+    return launch ? launch->account : LaunchAccount();
 }
 
 QDateTime Chronicle::runsSince(const QString &id) const

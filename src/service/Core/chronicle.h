@@ -71,6 +71,7 @@ struct Ending
     Decision decision = Decision::Exited;
     QString detail; ///< in words
     QString requestor; ///< id of the one of the service's own who asked for it; empty: nobody of these
+    LaunchAccount launch; ///< of an application: how it came to run, or failed to
 };
 
 /// Keeps account of launches, and of the last ends and what decided them, for those who want to know why.
@@ -107,6 +108,8 @@ public:
 
     /// The last launch of an application.
     [[nodiscard]] LaunchAccount lastLaunch(const QString &appId) const;
+    /// The launch of what runs under @p id; a null time in it for a task, and if nothing runs.
+    [[nodiscard]] LaunchAccount launchOf(const QString &id) const;
     /// When what runs under @p id was started; null if nothing does.
     [[nodiscard]] QDateTime runsSince(const QString &id) const;
     /// The latest first. @p id: an application, with its instances and tasks, an instance or a task; empty:

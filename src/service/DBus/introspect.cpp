@@ -59,6 +59,27 @@ void insertTime(QVariantMap &map, const char *key, const QDateTime &time)
     }
 }
 
+QVariantMap toMap(const Core::LaunchAccount &launch)
+{
+    QVariantMap map;
+    insertTime(map, "Asked", launch.asked);
+    for (auto step = launch.stepsMs.cbegin(); step != launch.stepsMs.cend(); ++step) {
+        map.insert(Core::launchStepName(step.key()), step.value());
+    }
+    if (!launch.failedAt.isEmpty()) {
+        map.insert(QStringLiteral("FailedAt"), launch.failedAt);
+        map.insert(QStringLiteral("Error"), launch.error);
+    }
+    return map;
+}
+
+void insertLaunch(QVariantMap &map, const Core::LaunchAccount &launch)
+{
+    if (launch.asked.isValid()) {
+        map.insert(QStringLiteral("Launch"), toMap(launch));
+    }
+}
+
 /// What holds for everything that runs.
 QVariantMap describe(const QString &id, const QString &kind, pid_t pid, Core::ApplicationState state,
                      const Core::InvocationContext &context)
@@ -99,6 +120,7 @@ QList<QVariantMap> describeRunning(const std::function<bool(const QString &)> &w
         map.insert(QStringLiteral("InactiveWindows"), record.inactiveWindowCount);
         map.insert(QStringLiteral("HiddenWindows"), record.hiddenWindowCount);
         map.insert(QStringLiteral("Uris"), QUrl::toStringList(record.uris));
+        insertLaunch(map, Chronicle::instance()->launchOf(record.id));
         found.insert(record.id, map);
     }
     const auto tasks = controller->runningTasks();
@@ -121,20 +143,6 @@ QList<QVariantMap> describeRunning(const std::function<bool(const QString &)> &w
     return found.values();
 }
 
-QVariantMap toMap(const Core::LaunchAccount &launch)
-{
-    QVariantMap map;
-    insertTime(map, "Asked", launch.asked);
-    for (auto step = launch.stepsMs.cbegin(); step != launch.stepsMs.cend(); ++step) {
-        map.insert(Core::launchStepName(step.key()), step.value());
-    }
-    if (!launch.failedAt.isEmpty()) {
-        map.insert(QStringLiteral("FailedAt"), launch.failedAt);
-        map.insert(QStringLiteral("Error"), launch.error);
-    }
-    return map;
-}
-
 QVariantMap toMap(const Core::Ending &ending)
 {
     QVariantMap map {
@@ -153,6 +161,7 @@ QVariantMap toMap(const Core::Ending &ending)
     if (!ending.requestor.isEmpty()) {
         map.insert(QStringLiteral("RequestorId"), ending.requestor);
     }
+    insertLaunch(map, ending.launch);
     return map;
 }
 
@@ -203,10 +212,7 @@ QVariantMap Introspect::GetStatus(const QString &id)
         { QStringLiteral("Launching"), controller->isLaunching(application) },
         { QStringLiteral("Blocked"), controller->isBlocked(application) },
     };
-    const Core::LaunchAccount launch = Chronicle::instance()->lastLaunch(application.text());
-    if (launch.asked.isValid()) {
-        status.insert(QStringLiteral("Launch"), toMap(launch));
-    }
+    insertLaunch(status, Chronicle::instance()->lastLaunch(application.text()));
     const auto endings = Chronicle::instance()->endings(id, 1);
     if (!endings.isEmpty()) {
         status.insert(QStringLiteral("LastEnd"), toMap(endings.first()));

@@ -34,6 +34,8 @@ private slots:
 
     void namesAreThoseOnTheBus();
     void stepsAreTakenOnce();
+    void eachRunKeepsItsLaunch();
+    void launchIsOfOneRunOnly();
     void failedLaunchIsAnEnd();
     void failureOfAnUnknownLaunchIsNone();
     void verdictStands_data();
@@ -117,6 +119,46 @@ void TestChronicle::stepsAreTakenOnce()
     QVERIFY(m_chronicle->lastLaunch(sample).stepsMs.isEmpty());
 }
 
+/// The window of one instance is not the first one of another that is being launched.
+void TestChronicle::eachRunKeepsItsLaunch()
+{
+    const QString first = sample + QStringLiteral(".instance_1");
+    const QString second = sample + QStringLiteral(".instance_2");
+    m_chronicle->launchAsked(sample);
+    m_chronicle->launchStep(sample, LaunchStep::Spawned);
+    start(first);
+    m_chronicle->launchAsked(sample);
+    emit m_controller->applicationStateChanged(first, ApplicationState::Active);
+    QVERIFY(m_chronicle->lastLaunch(sample).stepsMs.isEmpty());
+    QCOMPARE(m_chronicle->launchOf(first).stepsMs.keys(),
+             (QList<LaunchStep> { LaunchStep::Spawned, LaunchStep::FirstWindow }));
+
+    start(second);
+    emit m_controller->applicationStateChanged(second, ApplicationState::Terminating);
+    QVERIFY(m_chronicle->launchOf(second).stepsMs.isEmpty()); // its last window has gone, not come
+    emit m_controller->applicationStateChanged(second, ApplicationState::Hidden);
+    QCOMPARE(m_chronicle->lastLaunch(sample).stepsMs.keys(), QList<LaunchStep> { LaunchStep::FirstWindow });
+    end(first, exited(0));
+    QCOMPARE(m_chronicle->endings(first).first().launch.stepsMs.size(), 2);
+    QVERIFY(m_chronicle->launchOf(first).asked.isNull());
+    end(second, exited(0));
+    QCOMPARE(m_chronicle->endings(second).first().launch.stepsMs.size(), 1);
+}
+
+void TestChronicle::launchIsOfOneRunOnly()
+{
+    m_chronicle->launchAsked(sample);
+    start(sample);
+    end(sample, exited(0));
+    QVERIFY(m_chronicle->endings().first().launch.asked.isValid());
+    start(sample); // by whatever way
+    QVERIFY(m_chronicle->launchOf(sample).asked.isNull());
+    end(sample, exited(0));
+    QVERIFY(m_chronicle->endings().first().launch.asked.isNull());
+    start(sample + QStringLiteral(".task_sync"));
+    QVERIFY(m_chronicle->launchOf(sample + QStringLiteral(".task_sync")).asked.isNull());
+}
+
 void TestChronicle::failedLaunchIsAnEnd()
 {
     m_chronicle->launchAsked(sample);
@@ -127,7 +169,9 @@ void TestChronicle::failedLaunchIsAnEnd()
     m_chronicle->launchStep(sample, LaunchStep::Grouped);
     m_chronicle->launchStep(sample, LaunchStep::Allowed);
     m_chronicle->launchFailed(sample, Error(Error::Failed, QStringLiteral("broken")));
+    m_chronicle->launchStep(sample, LaunchStep::Granted); // an answer that comes too late
     const LaunchAccount launch = m_chronicle->lastLaunch(sample);
+    QCOMPARE(launch.stepsMs.keys(), (QList<LaunchStep> { LaunchStep::Allowed, LaunchStep::Grouped }));
     QCOMPARE(launch.failedAt, QStringLiteral("Grouped"));
     QCOMPARE(launch.error, QStringLiteral("broken"));
 
@@ -136,6 +180,8 @@ void TestChronicle::failedLaunchIsAnEnd()
     QCOMPARE(endings.first().decision, Decision::LaunchFailed);
     QCOMPARE(endings.first().detail, QStringLiteral("after \"Grouped\": broken"));
     QVERIFY(endings.first().pid < 0);
+    QCOMPARE(endings.first().launch.failedAt, QStringLiteral("Grouped"));
+    QCOMPARE(endings.last().launch.failedAt, QStringLiteral("Asked"));
 }
 
 void TestChronicle::failureOfAnUnknownLaunchIsNone()

@@ -1,0 +1,260 @@
+"""What decided each end: one case for each way to end, as GetHistory and procwardenctl tell it."""
+
+import os
+import re
+import signal
+
+import dbus
+import pytest
+
+import ctl
+import tasker
+from stack.client import BusError
+from stack.permission_daemon import allowed, error
+from stack.waiting import until
+
+SAMPLE = "org.example.Sample"
+OTHER = "org.example.Other"
+UNSANDBOXED = {"Sandboxing": "Disabled"}
+INTERFACE = "org.kestrix.Procwarden.Introspect1"
+
+
+def history(stack, app_id="", limit=0):
+    return stack.control.call("Introspect1", "GetHistory", "su", app_id, dbus.UInt32(limit))
+
+
+def end_of(stack, app_id=SAMPLE):
+    """The only end of an application or a task."""
+    (end,) = until(lambda: history(stack, app_id), f"the end of {app_id}")
+    return end
+
+
+@pytest.fixture
+def sample(service):
+    for app_id in (SAMPLE, OTHER):
+        service.install_sample(app_id, sandbox=UNSANDBOXED)
+    service.control.reload()
+    return service
+
+
+# --- applications ---
+
+
+@pytest.mark.parametrize("number, name", [(signal.SIGSEGV, "SIGSEGV"), (signal.SIGKILL, "SIGKILL"),
+                                          (signal.SIGABRT, "SIGABRT"), (signal.SIGRTMIN, None)])
+def test_crash_tells_the_signal(sample, number, name):
+    started = sample.control.start(SAMPLE)
+    sample.sample(SAMPLE)
+    os.kill(started.pid, number)
+    end = end_of(sample)
+    number = int(number)
+    assert (end["Decision"], end["StopReason"], end["ExitStatus"] & 0x7f) == ("crashed", 0, number)
+    assert end["Detail"] == f"signal {number} ({name or 'unknown'})"
+    line = ctl.run(sample, "history").out.splitlines()[1]
+    assert re.search(rf" crashed +signal {number} ", line)
+
+
+def test_whoever_ends_all_has_requested_it(sample):
+    sample.control.start(SAMPLE)
+    sample.sample(SAMPLE)
+    ctl.run(sample, "stop", "--all", SAMPLE)
+    end = end_of(sample)
+    assert (end["Decision"], end["StopReason"], "RequestorId" in end) == ("requested", 5, False)
+
+
+def test_table_tells_who_requested_it(sample):
+    for app_id in (SAMPLE, OTHER):
+        sample.control.start(app_id)
+    sample.sample(SAMPLE)
+    sample.sample(OTHER).call_service("org.kestrix.Procwarden /org/kestrix/Procwarden/Control1 "
+                                      "org.kestrix.Procwarden.Control1 Terminate", SAMPLE)
+    end = end_of(sample)
+    assert (end["Decision"], end["RequestorId"]) == ("requested", OTHER)
+    ctl.golden("history_requested", ctl.normal(ctl.run(sample, "history").out, (end["Pid"], "PID")))
+    assert f"requested: exit status 0, by {OTHER} (pid {end['Pid']})" in ctl.run(sample, "status", SAMPLE).out
+
+
+def test_last_window_is_told(sample):
+    sample.control.start(SAMPLE)
+    sample.sample(SAMPLE)
+    sample.control.update_windows(SAMPLE, active=1)
+    sample.control.update_windows(SAMPLE)
+    end = end_of(sample)
+    assert (end["Decision"], end["Detail"]) == ("closed", "exit status 0")
+
+
+# --- launches that fail ---
+
+
+@pytest.mark.parametrize("rule, options, step, text", [
+    ({"may_start": allowed(False)}, {}, "Spawned|Grouped", "Application not allowed by sailjaild"),
+    ({"prompt": error("the user said no")}, {}, "Prompted|Spawned|Grouped", "the user said no"),
+    ({}, {"exec_line": "/nonexistent/program"}, "Granted|Spawned|Grouped", ".*"),
+])
+def test_failed_launch_tells_its_step(service, rule, options, step, text):
+    service.install_sample(SAMPLE, **options)
+    service.control.reload()
+    if rule:
+        service.permission_daemon.set_rule(SAMPLE, **rule)
+    with pytest.raises(BusError):
+        service.control.start(SAMPLE)
+    end = end_of(service)
+    assert (end["Decision"], "Pid" in end, end["ExitStatus"]) == ("launch-failed", False, 0)
+    assert re.fullmatch(rf'after "({step})": {text}', end["Detail"]), end["Detail"]
+    launch = end["Launch"]
+    assert launch == service.control.call("Introspect1", "GetStatus", "s", SAMPLE)["Launch"]
+    assert f'after "{launch["FailedAt"]}": {launch["Error"]}' == end["Detail"]
+    out = ctl.run(service, "status", SAMPLE).out
+    assert f"failed after {launch['FailedAt']}: " in out and "launch-failed: after " in out
+
+
+def test_each_end_has_its_launch(sample):
+    for code in (1, 2):
+        sample.control.start(SAMPLE)
+        sample.sample(SAMPLE).quit(code)
+        until(lambda: not sample.control.running()[0], "its end")
+    sample.control.start(SAMPLE)
+    (running,) = sample.control.call("Introspect1", "ListRunning")
+    ends = history(sample)
+    launches = [running["Launch"], *(end["Launch"] for end in ends)]
+    asked = [launch["Asked"] for launch in launches]
+    assert asked == sorted(asked, reverse=True)
+    for launch in launches:
+        assert 0 <= launch["Spawned"] <= launch["Grouped"] <= launch["Released"]
+
+
+def test_two_hundred_are_kept(service):
+    service.install_sample(SAMPLE, exec_line="/bin/true", sandbox=UNSANDBOXED, main={"X-Nemo-Single-Instance": "no"})
+    service.control.reload()
+    pids = []
+    for _ in range(203):
+        pids.append(service.control.start(SAMPLE).pid)
+    until(lambda: not service.control.running()[0], "the end of all")
+    assert {end["Pid"] for end in history(service)} <= set(pids)
+    assert len(history(service)) == len(ctl.run_json(service, "history")) == 200
+    assert len(ctl.run(service, "history").out.splitlines()) == 201
+    assert len(history(service, SAMPLE, 4000000000)) == 200
+
+
+# --- tasks ---
+
+
+def test_tasks_that_are_ended(stack):
+    tasker.install(stack)
+    stack.start()
+    work, often = tasker.task_id("work"), tasker.task_id("often")
+    tasker.start(stack, "work", RunningTime=1)
+    end = end_of(stack, work)
+    assert (end["Id"], end["Kind"], end["Decision"]) == (work, "task", "time-limit")
+    assert "Launch" not in end and end["Started"] < end["Ended"]
+    tasker.start(stack, "often")
+    tasker.wait_running(stack, "often")
+    tasker.stop(stack, "often")
+    assert end_of(stack, often)["Decision"] == "stopped"
+    tasker.start(stack, "work", params=["--exit", "5"])
+    until(lambda: len(history(stack, work)) == 2, "the second end")
+    assert (history(stack, work)[0]["Decision"], history(stack, work)[0]["Detail"]) == ("exited", "exit status 5")
+    ends = history(stack)
+    assert history(stack, SAMPLE) == ends # those of an application are those of its tasks, too
+    ctl.golden("history_of_tasks", ctl.normal(ctl.run(stack, "history").out, *((end["Pid"], "PID") for end in ends)))
+
+
+def test_task_that_its_application_stops(stack):
+    tasker.install(stack)
+    stack.start()
+    application = tasker.Application(stack)
+    application.start()
+    tasker.wait_running(stack)
+    application.stop()
+    end = end_of(stack, tasker.task_id("work"))
+    assert (end["Decision"], end["RequestorId"]) == ("stopped", SAMPLE)
+
+
+# --- memory ---
+
+
+def test_early_oom_tells_figures_and_rule(own_memory):
+    own_memory.memory.configure(often=False, CheckIntervalMsec=50)
+    for app_id in (SAMPLE, OTHER):
+        own_memory.install_sample(app_id, sandbox=UNSANDBOXED)
+    own_memory.start()
+    for app_id in (SAMPLE, OTHER):
+        own_memory.control.start(app_id)
+        own_memory.sample(app_id)
+    own_memory.control.update_windows(SAMPLE, active=1)
+    found = ctl.run_json(own_memory, "memory")["Candidates"]
+    assert [candidate["Id"] for candidate in found] == [OTHER, SAMPLE]
+    rules = {"oom_score_adj", "least recently active"}
+    assert found[0]["Rule"] in rules
+    ctl.golden("memory_of_two", re.sub(r"\d+ ms|[\d.]+ %", "N", ctl.normal(
+        ctl.run(own_memory, "memory").out, *((candidate["Pid"], "PID") for candidate in found))))
+    own_memory.memory.set_level("critical")
+    end = end_of(own_memory, OTHER)
+    assert (end["Decision"], end["StopReason"], end["ExitStatus"] & 0x7f) == ("early-oom", 6, 9)
+    assert re.fullmatch(r"memory is Critical, 100000 kB of 4000000 kB available; oom_score_adj -?\d+, oom_score \d+, "
+                        rf"chosen by {found[0]['Rule']}; signal 9 \(SIGKILL\)", end["Detail"]), end["Detail"]
+
+
+# --- who may ask ---
+
+
+def ask(application, member, *arguments):
+    """(whether it was answered, text) of a call by an application."""
+    code, text = application.run("/usr/bin/gdbus", "call", "--session", "--dest", "org.kestrix.Procwarden",
+                                 "--object-path", "/org/kestrix/Procwarden/Introspect1", "--method",
+                                 f"{INTERFACE}.{member}", "--", *arguments)
+    return code == 0, text
+
+
+def test_application_learns_of_itself_only(stack):
+    stack.install_sample(OTHER, sandbox=UNSANDBOXED)
+    stack.start()
+    tasker.install(stack)
+    for app_id in (SAMPLE, OTHER):
+        stack.control.start(app_id)
+    stack.sample(OTHER).quit(3)
+    until(lambda: history(stack, OTHER), "its end")
+    stack.control.start(OTHER)
+    tasker.start(stack)
+    tasker.wait_running(stack)
+    mine, its = stack.sample(SAMPLE), stack.sample(OTHER)
+    work = tasker.task_id("work")
+
+    refused = "AccessDenied: Not allowed to ask about"
+    foreign = [SAMPLE, work, f"{SAMPLE}.instance_7", "org.example", "org.example.Gone", "", ".task_x", "*"]
+    for member, more in (("GetStatus", ()), ("Explain", ()), ("GetHistory", ("0",))):
+        for asked in foreign:
+            if member == "GetHistory" and not asked:
+                continue # which is its own, see below
+            answered, text = ask(its, member, asked, *more)
+            assert not answered and refused in text, (member, asked, text)
+        for asked in (SAMPLE, work, f"{SAMPLE}.instance_7"):
+            answered, text = ask(mine, member, asked, *more)
+            assert answered and OTHER not in text, (member, asked, text)
+    for application in (mine, its):
+        answered, text = ask(application, "GetMemory")
+        assert not answered and f"{refused} the memory" in text
+    answered, text = ask(mine, "ListRunning")
+    assert answered and SAMPLE in text and work in text and OTHER not in text
+    answered, text = ask(its, "ListRunning")
+    assert answered and SAMPLE not in text and OTHER in text
+    assert ask(mine, "GetHistory", "", "0") == (True, "(@aa{sv} [],)\n")
+    answered, text = ask(its, "GetHistory", "", "0")
+    assert answered and "exit status 3" in text
+
+
+def test_task_is_its_application(stack):
+    stack.install_sample(OTHER, sandbox=UNSANDBOXED)
+    tasker.install(stack)
+    stack.start()
+    stack.control.start(SAMPLE)
+    stack.control.start(OTHER)
+    tasker.start(stack)
+    task = tasker.wait_running(stack)
+    target = f"org.kestrix.Procwarden /org/kestrix/Procwarden/Introspect1 {INTERFACE}"
+    # It may do what its application may.
+    assert task.call_service(f"{target} GetStatus", OTHER) == [
+        f"error org.freedesktop.DBus.Error.AccessDenied: Not allowed to ask about {OTHER}"]
+    for asked in (SAMPLE, tasker.task_id("work")):
+        (answer,) = task.call_service(f"{target} GetStatus", asked)
+        assert not answer.startswith("error"), answer
