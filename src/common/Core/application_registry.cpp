@@ -69,7 +69,9 @@ public:
 
     const ApplicationInfo &find(const Identifier &appId) const;
     QMimeType mimeType(const QUrl &uri) const;
-    QStringList handlersForLocation(const QUrl &uri, const HandlerFilters &filters) const;
+    QStringList locationKeys(const QUrl &uri, const HandlerFilters &filters) const;
+    template<typename Found>
+    void visitHandlers(const QUrl &uri, const HandlerFilters &filters, Found found) const;
 
     QMimeDatabase mimeDatabase;
     QHash<QString, QStringList> handlers; // MIME type or URI pattern -> ids in the order of finding
@@ -270,18 +272,17 @@ QMimeType ApplicationRegistryPrivate::mimeType(const QUrl &uri) const
     return mimeDatabase.mimeTypeForFile(name, QMimeDatabase::MatchExtension);
 }
 
-/// Handlers for the scheme and then for the host with the path, general patterns before specific ones.
-QStringList ApplicationRegistryPrivate::handlersForLocation(const QUrl &uri,
-                                                            const HandlerFilters &filters) const
+/// Keys for the scheme and then for the host with the path, general patterns before specific ones.
+QStringList ApplicationRegistryPrivate::locationKeys(const QUrl &uri, const HandlerFilters &filters) const
 {
-    QStringList ids;
+    QStringList keys;
     const QString scheme = uri.scheme();
     if (!scheme.isEmpty() && !covers(filters.ignoreSchemes, scheme)) {
-        ids += handlers.value(QStringLiteral("x-scheme-handler/") + scheme);
+        keys.append(QStringLiteral("x-scheme-handler/") + scheme);
     }
     const QString host = uri.host(QUrl::FullyDecoded);
     if (host.isEmpty() || covers(filters.ignoreHosts, host)) {
-        return ids;
+        return keys;
     }
     QString key = QStringLiteral("x-url-handler/") + host;
     if (uri.port() != -1) {
@@ -294,11 +295,39 @@ QStringList ApplicationRegistryPrivate::handlersForLocation(const QUrl &uri,
             if (key.length() > longestHandlerKey) {
                 break; // nothing that follows is registered, and a path may be as long as its sender likes
             }
-            ids += handlers.value(key + QStringLiteral("/*"));
+            keys.append(key + QStringLiteral("/*"));
             key += QLatin1Char('/') + segment;
         }
     }
-    return ids + handlers.value(key);
+    keys.append(key);
+    return keys;
+}
+
+/// Calls @p found with the id, the key and whether that is an ancestor of the type, for each match in order.
+template<typename Found>
+void ApplicationRegistryPrivate::visitHandlers(const QUrl &uri, const HandlerFilters &filters,
+                                               Found found) const
+{
+    const auto visit = [this, &found](const QString &key, bool isAncestor) {
+        const QStringList ids = handlers.value(key);
+        for (const QString &id : ids) {
+            if (!isAncestor || mimeParentsIds.contains(id)) {
+                found(id, key, isAncestor);
+            }
+        }
+    };
+    if (!uri.isLocalFile()) {
+        const QStringList keys = locationKeys(uri, filters);
+        for (const QString &key : keys) {
+            visit(key, false);
+        }
+    }
+    const QMimeType type = mimeType(uri);
+    visit(type.name(), false);
+    const QStringList ancestors = type.allAncestors();
+    for (const QString &ancestor : ancestors) {
+        visit(ancestor, true);
+    }
 }
 
 ApplicationRegistry *ApplicationRegistry::instance()
@@ -386,6 +415,11 @@ int ApplicationRegistry::backgroundPolicy(const Identifier &appId) const
     return appManifest.isValid() && appManifest.keepMediaActiveInBackground() ? 1 : 2;
 }
 
+QString ApplicationRegistry::versionOverride(const Identifier &appId) const
+{
+    return d->versionOverrides.version(appId);
+}
+
 bool ApplicationRegistry::handlesIntent(const Identifier &appId, const QString &intentName) const
 {
     return d->find(appId).intents().contains(intentName);
@@ -431,22 +465,23 @@ QList<ApplicationInfo::TaskInfo> ApplicationRegistry::tasksOfType(const QString 
 QStringList ApplicationRegistry::handlersForUri(const QUrl &uri, const HandlerFilters &filters) const
 {
     QStringList ids;
-    if (!uri.isLocalFile()) {
-        ids = d->handlersForLocation(uri, filters);
-    }
-    const QMimeType type = d->mimeType(uri);
-    ids += d->handlers.value(type.name());
-    const QStringList ancestors = type.allAncestors();
-    for (const QString &ancestor : ancestors) {
-        const QStringList candidates = d->handlers.value(ancestor);
-        for (const QString &id : candidates) {
-            if (d->mimeParentsIds.contains(id)) {
-                ids.append(id);
-            }
-        }
-    }
+    d->visitHandlers(uri, filters, [&ids](const QString &id, const QString &, bool) { ids.append(id); });
     ids.removeDuplicates();
     return ids;
+}
+
+QVector<HandlerMatch> ApplicationRegistry::handlerMatches(const QUrl &uri,
+                                                          const HandlerFilters &filters) const
+{
+    QVector<HandlerMatch> matches;
+    QSet<QString> seen;
+    d->visitHandlers(uri, filters, [&matches, &seen](const QString &id, const QString &key, bool isAncestor) {
+        if (!seen.contains(id)) {
+            seen.insert(id);
+            matches.append({ id, key, isAncestor });
+        }
+    });
+    return matches;
 }
 
 QString ApplicationRegistry::defaultHandlerForUrl(const QUrl &uri) const

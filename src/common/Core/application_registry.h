@@ -5,6 +5,7 @@
 #include <QList>
 #include <QObject>
 #include <QStringList>
+#include <QVector>
 
 #include <memory>
 
@@ -19,6 +20,14 @@ struct HandlerFilters
 {
     QStringList ignoreHosts;
     QStringList ignoreSchemes;
+};
+
+/// One reason why an application is among the handlers of a URI.
+struct HandlerMatch
+{
+    QString id;
+    QString key; ///< what fits: a MIME type, or a key that begins with x-scheme-handler/ or x-url-handler/
+    bool isAncestor = false; ///< key is an ancestor of the URI's own MIME type
 };
 
 /// The catalogue of installed applications: what each one declares, which of them handle a URI, and which
@@ -61,6 +70,9 @@ public:
     /// How strictly the application is treated in the background: 0 (least) to 2, by the version of the
     /// operating system that it is made for.
     [[nodiscard]] int backgroundPolicy(const Identifier &appId) const;
+    /// The version that the system's configuration says it is made for, whatever its manifest says; empty if
+    /// it says none.
+    [[nodiscard]] QString versionOverride(const Identifier &appId) const;
 
     // Intents
 
@@ -83,6 +95,8 @@ public:
     /// those for its host and path, general patterns before specific ones, then those for its MIME type,
     /// last those for the type's ancestors. The ranking is left to the caller.
     [[nodiscard]] QStringList handlersForUri(const QUrl &uri, const HandlerFilters &filters) const;
+    /// The same with the first reason of each.
+    [[nodiscard]] QVector<HandlerMatch> handlerMatches(const QUrl &uri, const HandlerFilters &filters) const;
     /// Id of the user's default for the MIME type of @p uri; empty if none was chosen.
     [[nodiscard]] QString defaultHandlerForUrl(const QUrl &uri) const;
     /// Makes @p appId the user's default for the MIME type of @p uri and writes mimeapps.list anew. An

@@ -77,6 +77,11 @@ bool Manifest::isValid() const
     return d->valid;
 }
 
+const QJsonObject &Manifest::object() const
+{
+    return d->object;
+}
+
 bool Manifest::keepMediaActiveInBackground() const
 {
     return d->object.value(QLatin1String("keepMediaActiveInBackground")).toBool();

@@ -2,6 +2,8 @@
 
 #include <memory>
 
+class QJsonObject;
+
 namespace Core {
 
 class Identifier;
@@ -22,6 +24,9 @@ public:
     /// Whether there is a manifest and it holds a JSON object. An application that was not installed as a
     /// package has none.
     [[nodiscard]] bool isValid() const;
+
+    /// All that it declares; empty for one that is not valid.
+    [[nodiscard]] const QJsonObject &object() const;
 
     /// Whether the application asks not to be frozen in the background while it uses media. False unless
     /// the manifest says true.

@@ -14,6 +14,7 @@ class TestApplicationRegistryHandlers : public QObject
 private slots:
     void init();
     void generalPatternsComeBeforeSpecificOnes();
+    void eachHandlerHasItsReason();
     void keysOfAUri_data();
     void keysOfAUri();
     void filters_data();
@@ -75,6 +76,28 @@ void TestApplicationRegistryHandlers::generalPatternsComeBeforeSpecificOnes()
     install("type", "image/png");
     QCOMPARE(offered(QStringLiteral("web://host:8443/a/b.png")),
              QStringLiteral("scheme general middle specific type"));
+}
+
+void TestApplicationRegistryHandlers::eachHandlerHasItsReason()
+{
+    install("both", "x-scheme-handler/web;image/png"); // the first reason counts
+    install("middle", "x-url-handler/host/a/*");
+    install("wild", "image/*");
+    install("parent", "application/octet-stream", "X-Solvane-Support-Mime-Parents=true\n");
+    install("other", "application/octet-stream");
+    const ApplicationRegistry registry;
+    QStringList found;
+    const auto matches =
+        registry.handlerMatches(QUrl(QStringLiteral("web://host/a/b.png")), HandlerFilters());
+    for (const HandlerMatch &match : matches) {
+        found.append(
+            QStringLiteral("%1 %2%3").arg(match.id.section(QLatin1Char('.'), 2), match.key,
+                                          match.isAncestor ? QStringLiteral(" ancestor") : QString()));
+    }
+    QCOMPARE(found,
+             (QStringList { QStringLiteral("both x-scheme-handler/web"),
+                            QStringLiteral("middle x-url-handler/host/a/*"), QStringLiteral("wild image/png"),
+                            QStringLiteral("parent application/octet-stream ancestor") }));
 }
 
 void TestApplicationRegistryHandlers::keysOfAUri_data()

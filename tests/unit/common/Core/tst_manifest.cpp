@@ -97,6 +97,8 @@ void TestManifest::contentIsRead()
     const Manifest manifest(m_id);
     QTEST(manifest.isValid(), "valid");
     QTEST(manifest.keepMediaActiveInBackground(), "keepMedia");
+    QCOMPARE(manifest.object().contains(QStringLiteral("keepMediaActiveInBackground")),
+             manifest.isValid() && content.contains("keepMediaActiveInBackground"));
     QCOMPARE(log.messages(), QStringList());
 }
 
