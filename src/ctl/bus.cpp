@@ -11,7 +11,6 @@ namespace Ctl {
 namespace {
 
 constexpr int noLimit = std::numeric_limits<int>::max(); // what libdbus takes for none
-constexpr int askTimeoutMs = 25000; // the service answers questions at once
 
 /// Errors that say that nobody is there, if they do not come from the service.
 bool meansNobody(const QString &name)
@@ -73,6 +72,7 @@ Reply Bus::send(const QDBusConnection &connection, const QDBusMessage &call, int
 {
     if (!connection.isConnected()) {
         Reply reply;
+        reply.isWithoutBus = true;
         const QDBusError error = connection.lastError();
         reply.errorName =
             error.isValid() ? error.name() : QStringLiteral("org.freedesktop.DBus.Error.NoServer");
@@ -92,12 +92,13 @@ Reply Bus::send(const QDBusConnection &connection, const QDBusMessage &call, int
     return reply;
 }
 
-Reply Bus::ask(const QString &object, const QString &member, const QVariantList &arguments) const
+Reply Bus::ask(const QString &object, const QString &member, const QVariantList &arguments,
+               int timeoutMs) const
 {
     auto message = QDBusMessage::createMethodCall(sessionName, pathOf(object), interfaceOf(object), member);
     message.setArguments(arguments);
     message.setAutoStartService(false);
-    return send(QDBusConnection::sessionBus(), message, askTimeoutMs);
+    return send(QDBusConnection::sessionBus(), message, timeoutMs);
 }
 
 Reply Bus::act(const QString &object, const QString &member, const QVariantList &arguments) const

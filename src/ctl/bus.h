@@ -16,6 +16,7 @@ struct Reply
     QString errorName; ///< empty: it succeeded
     QString errorText;
     ExitStatus status = Done; ///< what the program ends with if it ends for this
+    bool isWithoutBus = false; ///< there was no bus to send the call to
 
     [[nodiscard]] bool failed() const { return !errorName.isEmpty(); }
     [[nodiscard]] QVariant value(int index = 0) const { return values.value(index); }
@@ -28,9 +29,11 @@ public:
     static const QString sessionName; ///< "org.kestrix.Procwarden"
     static const QString systemName; ///< "org.kestrix.Procwarden.User", on the system bus
 
+    static constexpr int askTimeoutMs = 25000; ///< the service answers questions at once
+
     /// Asks; a service that is not there is not started for it. @p object: "Control1" and the like.
-    [[nodiscard]] Reply ask(const QString &object, const QString &member,
-                            const QVariantList &arguments = {}) const;
+    [[nodiscard]] Reply ask(const QString &object, const QString &member, const QVariantList &arguments = {},
+                            int timeoutMs = askTimeoutMs) const;
     /// Has something done that may take as long as the user thinks; starts the service if it is not there.
     [[nodiscard]] Reply act(const QString &object, const QString &member,
                             const QVariantList &arguments = {}) const;

@@ -66,7 +66,7 @@ QVector<Output::Column> endColumns()
 int historyCommand(Session &session)
 {
     session.arguments.addOption({ QStringLiteral("n"), QStringLiteral("lines") },
-                                QStringLiteral("The last COUNT only"), QStringLiteral("COUNT"));
+                                QStringLiteral("The last COUNT only; 0 for all"), QStringLiteral("COUNT"));
     if (const auto end = session.begin(0, 1)) {
         return *end;
     }

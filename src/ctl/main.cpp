@@ -1,4 +1,5 @@
 #include "command.h"
+#include "completion.h"
 #include "exit_status.h"
 #include "output.h"
 #include "session.h"
@@ -21,14 +22,31 @@ QString helpText()
                     .arg(QLatin1String(command.summary));
     }
     return text
-        + QStringLiteral(
-               "\nOptions:\n"
-               "  -h, --help       Show this help, or that of a command\n"
-               "  --version        Show the version\n"
-               "  --json           Print JSON, with every command\n"
-               "  --list-commands  Print the names of the commands, for the completion of shells\n\n"
-               "Exit status: 0 done, 1 refused, 2 wrong usage, 3 the service is not running,\n"
-               "4 no such id, 5 time is up.\n");
+        + QStringLiteral("\nOptions:\n"
+                         "  -h, --help       Show this help, or that of a command\n"
+                         "  --version        Show the version\n"
+                         "  --json           Print JSON, with every command\n"
+                         "  --list-commands  Print the names of the commands, for the completion of shells\n"
+                         "  --list-ids       Print the ids that a command may be about, for the same\n\n"
+                         "Exit status: 0 done, 1 refused, 2 wrong usage, 3 the service is not running,\n"
+                         "4 no such id, 5 time is up.\n");
+}
+
+int wrong(const QString &text)
+{
+    Ctl::Output::error(text);
+    Ctl::Output::hint(QStringLiteral("Try \"procwardenctl --help\"."));
+    return Ctl::WrongUsage;
+}
+
+int runCommand(const QString &name, const QStringList &words)
+{
+    const Ctl::Command *command = Ctl::findCommand(name);
+    if (!command) {
+        return wrong(QStringLiteral("No such command: %1").arg(name));
+    }
+    Ctl::Session session(*command, words);
+    return command->run(session);
 }
 
 /// @p words: what follows the program's name.
@@ -40,14 +58,15 @@ int run(QStringList words)
         before.append(words.takeFirst());
     }
     if (words.isEmpty()) {
-        Ctl::Output::error(QStringLiteral("No command"));
-        Ctl::Output::hint(QStringLiteral("Try \"procwardenctl --help\"."));
-        return Ctl::WrongUsage;
+        return wrong(QStringLiteral("No command"));
     }
     const QString name = words.takeFirst();
     if (name == QLatin1String("--version")) {
         Ctl::Output::print(QStringLiteral("procwardenctl %1\n").arg(QCoreApplication::applicationVersion()));
         return Ctl::Done;
+    }
+    if (name == QLatin1String("help") && !words.isEmpty()) {
+        return runCommand(words.first(), { QStringLiteral("--help") });
     }
     if (name == QLatin1String("--help") || name == QLatin1String("-h") || name == QLatin1String("help")) {
         Ctl::Output::print(helpText());
@@ -60,14 +79,14 @@ int run(QStringList words)
         }
         return Ctl::Done;
     }
-    const Ctl::Command *command = Ctl::findCommand(name);
-    if (!command) {
-        Ctl::Output::error(QStringLiteral("No such command: %1").arg(name));
-        Ctl::Output::hint(QStringLiteral("Try \"procwardenctl --help\"."));
-        return Ctl::WrongUsage;
+    if (name == QLatin1String("--list-ids")) {
+        Ctl::printIds(words.value(0));
+        return Ctl::Done;
     }
-    Ctl::Session session(*command, before + words);
-    return command->run(session);
+    if (name.startsWith(QLatin1Char('-'))) {
+        return wrong(QStringLiteral("No such option: %1").arg(name));
+    }
+    return runCommand(name, before + words);
 }
 
 } // namespace

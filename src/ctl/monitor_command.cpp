@@ -199,7 +199,7 @@ int monitorCommand(Session &session)
 {
     session.arguments.addOption(
         { QStringLiteral("i"), QStringLiteral("interval") },
-        QStringLiteral("Look at the memory level every MS milliseconds, 1000 by default"),
+        QStringLiteral("Look at the memory level every MS milliseconds: 10 or more, 1000 by default"),
         QStringLiteral("MS"));
     if (const auto end = session.begin(0, 0)) {
         return *end;

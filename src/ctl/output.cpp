@@ -1,11 +1,15 @@
 #include "output.h"
 
+#include "exit_status.h"
+
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -14,11 +18,29 @@ namespace Ctl {
 
 namespace {
 
-void write(FILE *file, const QString &text)
+/// @returns whether all of it has been written.
+bool write(FILE *file, const QString &text)
 {
     const QByteArray bytes = text.toUtf8();
-    std::fwrite(bytes.constData(), 1, size_t(bytes.size()), file);
-    std::fflush(file);
+    const size_t written = std::fwrite(bytes.constData(), 1, size_t(bytes.size()), file);
+    return std::fflush(file) == 0 && written == size_t(bytes.size());
+}
+
+/// JSON leaves some characters as they are that a terminal obeys. They stand in texts only, where they may be
+/// written by their numbers.
+QString jsonText(const QJsonDocument &document, QJsonDocument::JsonFormat format)
+{
+    const QString text = QString::fromUtf8(document.toJson(format));
+    QString result;
+    result.reserve(text.size());
+    for (const QChar character : text) {
+        if (character != QLatin1Char('\n') && isObeyed(character)) {
+            result += QStringLiteral("\\u%1").arg(character.unicode(), 4, 16, QLatin1Char('0'));
+        } else {
+            result += character;
+        }
+    }
+    return result;
 }
 
 int widthOfTerminal()
@@ -43,7 +65,7 @@ Output::Output()
 void Output::rows(const QVariantList &entries, const QVector<Column> &columns, const QString &whenEmpty) const
 {
     if (m_isJson) {
-        print(QString::fromUtf8(QJsonDocument(QJsonArray::fromVariantList(entries)).toJson()));
+        print(jsonText(QJsonDocument(QJsonArray::fromVariantList(entries)), QJsonDocument::Indented));
     } else if (entries.isEmpty()) {
         print(whenEmpty + QLatin1Char('\n'));
     } else {
@@ -53,13 +75,14 @@ void Output::rows(const QVariantList &entries, const QVector<Column> &columns, c
 
 void Output::record(const QVariantMap &data, const QString &text) const
 {
-    print(m_isJson ? QString::fromUtf8(QJsonDocument(QJsonObject::fromVariantMap(data)).toJson()) : text);
+    print(m_isJson ? jsonText(QJsonDocument(QJsonObject::fromVariantMap(data)), QJsonDocument::Indented)
+                   : text);
 }
 
 void Output::event(const QVariantMap &data, const QString &text) const
 {
     const QJsonDocument document(QJsonObject::fromVariantMap(data));
-    print((m_isJson ? QString::fromUtf8(document.toJson(QJsonDocument::Compact)) : text) + QLatin1Char('\n'));
+    print((m_isJson ? jsonText(document, QJsonDocument::Compact) : text) + QLatin1Char('\n'));
 }
 
 QString Output::tableText(const QVariantList &entries, const QVector<Column> &columns) const
@@ -87,17 +110,24 @@ QString Output::highlighted(const QString &text, Style style) const
 
 void Output::print(const QString &text)
 {
-    write(stdout, text);
+    if (write(stdout, text)) {
+        return;
+    }
+    // Nothing that follows could be told either. A reader that has gone is no news to whoever has ended it.
+    if (errno != EPIPE) {
+        error(QStringLiteral("Cannot write: %1").arg(QString::fromLocal8Bit(std::strerror(errno))));
+    }
+    _exit(Refused);
 }
 
 void Output::error(const QString &text)
 {
-    write(stderr, QStringLiteral("procwardenctl: %1\n").arg(printable(text)));
+    (void)write(stderr, QStringLiteral("procwardenctl: %1\n").arg(printable(text)));
 }
 
 void Output::hint(const QString &text)
 {
-    write(stderr, text + QLatin1Char('\n'));
+    (void)write(stderr, text + QLatin1Char('\n'));
 }
 
 Output::Column keyColumn(const QString &title, const QString &key, bool shrinks)

@@ -39,7 +39,7 @@ public:
     /// With the style where there are colours. Nothing in it is left that a terminal would obey.
     [[nodiscard]] QString highlighted(const QString &text, Style style) const;
 
-    /// To standard output, as it is.
+    /// To standard output, as it is. Ends the program if it cannot be written.
     static void print(const QString &text);
     /// To standard error, behind the program's name.
     static void error(const QString &text);

@@ -8,6 +8,8 @@ namespace Ctl {
 
 namespace {
 
+constexpr uint shownEnds = 5; // by status; the command history has all
+
 QString agoText(qint64 since)
 {
     return durationText(std::max<qint64>(QDateTime::currentMSecsSinceEpoch() - since, 0));
@@ -101,13 +103,16 @@ QString groupsOf(const QVariantMap &process)
 QString launchText(const QVariantMap &launch)
 {
     // In their usual order, which differs from that of the keys.
-    static const char *const steps[] = { "Allowed", "Prompted", "Granted",  "Spawned",
-                                         "Grouped", "Released", "NameSeen", "FirstWindow" };
+    static const QPair<const char *, const char *> steps[] = {
+        { "Allowed", "allowed" },    { "Prompted", "prompted" },        { "Granted", "granted" },
+        { "Spawned", "spawned" },    { "Grouped", "in its groups" },    { "Released", "released" },
+        { "NameSeen", "name seen" }, { "FirstWindow", "first window" },
+    };
     QStringList parts;
-    for (const char *step : steps) {
-        const auto found = launch.constFind(QLatin1String(step));
+    for (const auto &step : steps) {
+        const auto found = launch.constFind(QLatin1String(step.first));
         if (found != launch.cend()) {
-            parts << QStringLiteral("%1 %2 ms").arg(QLatin1String(step)).arg(found->toInt());
+            parts << QStringLiteral("%1 %2 ms").arg(QLatin1String(step.second)).arg(found->toInt());
         }
     }
     QString text =
@@ -116,8 +121,8 @@ QString launchText(const QVariantMap &launch)
         text += QLatin1Char('\n') + parts.join(QStringLiteral(", "));
     }
     if (launch.contains(QStringLiteral("FailedAt"))) {
-        text += QStringLiteral("\nfailed behind %1: %2")
-                    .arg(launch.value(QStringLiteral("FailedAt")).toString(),
+        text += QStringLiteral("\nfailed after %1: %2")
+                    .arg(printable(launch.value(QStringLiteral("FailedAt")).toString()),
                          printable(launch.value(QStringLiteral("Error")).toString()));
     }
     return text;
@@ -152,7 +157,8 @@ void addProcess(Sheet &sheet, const Output &output, const QVariantMap &process)
     sheet.add(QStringLiteral("Groups"), groupsOf(process));
 }
 
-QString statusText(const Output &output, const QString &id, const QVariantMap &status)
+QString statusText(const Output &output, const QString &id, const QVariantMap &status,
+                   const QVariantList &history)
 {
     const QVariantList running = status.value(QStringLiteral("Running")).toList();
     const bool isBlocked = status.value(QStringLiteral("Blocked")).toBool();
@@ -174,11 +180,13 @@ QString statusText(const Output &output, const QString &id, const QVariantMap &s
     if (!launch.isEmpty()) {
         sheet.add(QStringLiteral("Last launch"), launchText(launch));
     }
-    const QVariantMap end = status.value(QStringLiteral("LastEnd")).toMap();
-    if (!end.isEmpty()) {
-        const QString decision = end.value(QStringLiteral("Decision")).toString();
-        sheet.add(QStringLiteral("Last end"), output.highlighted(endText(end), decisionStyle(decision)));
+    QStringList ends;
+    for (const QVariant &entry : history) {
+        const QVariantMap end = entry.toMap();
+        const Style style = decisionStyle(end.value(QStringLiteral("Decision")).toString());
+        ends.append(output.highlighted(endText(end), style));
     }
+    sheet.add(QStringLiteral("Ended"), ends.join(QLatin1Char('\n')));
     return sheet.text();
 }
 
@@ -228,8 +236,15 @@ int statusCommand(Session &session)
     if (reply.failed()) {
         return session.fail(reply);
     }
-    const QVariantMap status = reply.value().toMap();
-    session.output.record(status, statusText(session.output, id, status));
+    QVariantMap status = reply.value().toMap();
+    const Reply ends =
+        session.bus.ask(QStringLiteral("Introspect1"), QStringLiteral("GetHistory"), { id, shownEnds });
+    if (ends.failed()) {
+        return session.fail(ends);
+    }
+    const QVariantList history = ends.value().toList();
+    status.insert(QStringLiteral("History"), history);
+    session.output.record(status, statusText(session.output, id, status, history));
     if (isUnknown(status)) {
         Output::error(QStringLiteral("Nothing is known of %1").arg(id));
         return NoSuchId;

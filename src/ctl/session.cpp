@@ -14,7 +14,8 @@ std::optional<int> Session::begin(int fewest, int most, bool tailApart)
 int Session::fail(const Reply &reply) const
 {
     if (reply.status == NotThere) {
-        Output::error(QStringLiteral("The service is not running"));
+        Output::error(reply.isWithoutBus ? QStringLiteral("The bus cannot be reached")
+                                         : QStringLiteral("The service is not running"));
     }
     // Some refusals are their name alone.
     Output::error(reply.errorText.isEmpty() ? reply.errorName

@@ -62,6 +62,9 @@ int startCommand(Session &session)
         return *end;
     }
     const QStringList uris = session.arguments.values(QStringLiteral("uri"));
+    if (!uris.isEmpty() && session.arguments.isSet(QStringLiteral("raise"))) {
+        return session.arguments.wrong(QStringLiteral("Either --raise or --uri"));
+    }
     if (!uris.isEmpty()) {
         return openUris(session, uris);
     }

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <numeric>
 
+#include <wchar.h>
+
 namespace Ctl {
 
 namespace {
@@ -10,15 +12,28 @@ namespace {
 constexpr int gap = 2; // between columns
 constexpr int narrowest = 8; // of a column that is cut: enough to tell entries apart
 
+/// East Asian characters take two columns, combining ones none. One where the locale does not know.
+int widthOf(uint character)
+{
+    const int width = wcwidth(wchar_t(character));
+    return width < 0 ? 1 : width;
+}
+
 /// @p text in at most @p width columns, with an ellipsis for what is missing.
 QString cut(const QString &text, int width)
 {
     if (displayWidth(text) <= width) {
         return text;
     }
-    QVector<uint> characters = text.toUcs4();
-    characters.resize(std::max(width - 1, 0));
-    return QString::fromUcs4(characters.constData(), characters.size()) + QChar(0x2026);
+    const QVector<uint> characters = text.toUcs4();
+    int count = 0;
+    for (int left = width - 1; count < characters.size(); ++count) {
+        left -= widthOf(characters.at(count));
+        if (left < 0) {
+            break;
+        }
+    }
+    return QString::fromUcs4(characters.constData(), count) + QChar(0x2026);
 }
 
 QString escape(Style style)
@@ -53,11 +68,18 @@ QString styled(const QString &text, Style style)
     return style == Style::Plain || text.isEmpty() ? text : escape(style) + text + QStringLiteral("\033[0m");
 }
 
+bool isObeyed(QChar character)
+{
+    const ushort code = character.unicode();
+    const bool turns = (code >= 0x202a && code <= 0x202e) || (code >= 0x2066 && code <= 0x2069);
+    return turns || character.category() == QChar::Other_Control;
+}
+
 QString printable(const QString &text)
 {
     QString result = text;
     for (QChar &character : result) {
-        if (character.category() == QChar::Other_Control) {
+        if (isObeyed(character)) {
             character = QLatin1Char('?');
         }
     }
@@ -66,7 +88,9 @@ QString printable(const QString &text)
 
 int displayWidth(const QString &text)
 {
-    return text.toUcs4().size();
+    const QVector<uint> characters = text.toUcs4();
+    return std::accumulate(characters.cbegin(), characters.cend(), 0,
+                           [](int sum, uint character) { return sum + widthOf(character); });
 }
 
 Table::Table(const QVector<Column> &columns)

@@ -11,7 +11,11 @@ enum class Style { Plain, Bold, Dim, Good, Notice, Bad };
 /// @p text in @p style, with the escape sequences that ECMA-48 defines.
 [[nodiscard]] QString styled(const QString &text, Style style);
 
-/// @p text without anything that a terminal would obey: each control character becomes "?".
+/// Whether a terminal would do something else than show it: a control character, or one that turns the
+/// direction of what follows.
+[[nodiscard]] bool isObeyed(QChar character);
+
+/// @p text without anything that a terminal would obey: each such character becomes "?".
 [[nodiscard]] QString printable(const QString &text);
 
 /// How many columns of a terminal @p text takes.

@@ -133,16 +133,19 @@ int taskCommand(Session &session)
     }
     const QString verb = session.arguments.word(0);
     const QString id = session.arguments.word(1);
+    const Arguments &arguments = session.arguments;
+    const bool keeps = arguments.isSet(QStringLiteral("keep"));
     if (verb == QLatin1String("start")) {
-        return startTask(session, id);
+        return keeps ? arguments.wrong(QStringLiteral("--keep goes with stop only")) : startTask(session, id);
     }
     if (verb != QLatin1String("stop")) {
-        return session.arguments.wrong(QStringLiteral("Neither start nor stop: %1").arg(verb));
+        return arguments.wrong(QStringLiteral("Neither start nor stop: %1").arg(verb));
     }
-    const bool mustDisable = !session.arguments.isSet(QStringLiteral("keep"));
-    return session.finish(
-        session.bus.ask(QStringLiteral("Tasks1"), QStringLiteral("Stop"), { id, mustDisable }),
-        { { QStringLiteral("Id"), id } });
+    if (arguments.isSet(QStringLiteral("hint")) || arguments.hasTail()) {
+        return arguments.wrong(QStringLiteral("Hints and arguments go with start only"));
+    }
+    return session.finish(session.bus.ask(QStringLiteral("Tasks1"), QStringLiteral("Stop"), { id, !keeps }),
+                          { { QStringLiteral("Id"), id } });
 }
 
 } // namespace Ctl

@@ -50,9 +50,13 @@ def test_service_is_not_there(stack, words):
                         r"procwardenctl: org\.freedesktop\.DBus\.Error\.\w+: .+\n", result.error)
 
 
-def test_bus_is_not_there(stack):
-    result = ctl.run(stack, "list", status=ctl.NOT_THERE, DBUS_SESSION_BUS_ADDRESS="unix:path=/nonexistent")
-    assert result.error.startswith("procwardenctl: The service is not running\n")
+@pytest.mark.parametrize("address", ["unix:path=/nonexistent", "nonsense", "unix:path=/dev/null", "autolaunch:"])
+def test_bus_is_not_there(stack, address):
+    for words, bus in ((["list"], "SESSION"), (["monitor"], "SESSION"), (["start", SAMPLE], "SESSION"),
+                       (["notifications"], "SESSION"), (["block", SAMPLE], "SYSTEM"), (["wait", SAMPLE], "SYSTEM")):
+        result = ctl.run(stack, *words, status=ctl.NOT_THERE, **{f"DBUS_{bus}_BUS_ADDRESS": address})
+        assert re.fullmatch(r"procwardenctl: The bus cannot be reached\nprocwardenctl: org\.freedesktop\.\S+: .+\n",
+                            result.error), words
 
 
 def test_questions_do_not_start_the_service(stack):
@@ -111,6 +115,7 @@ def test_wrong_usage(stack, words, text):
 def test_help(stack):
     text = ctl.run(stack, "--help").out
     ctl.golden("help", text)
+    assert max(map(len, text.splitlines())) <= 80
     assert ctl.run(stack, "-h").out == ctl.run(stack, "help").out == text
     assert re.fullmatch(r"procwardenctl \d+\.\d+\.\d+\n", ctl.run(stack, "--version").out)
     names = ctl.run(stack, "--list-commands").out.split()
@@ -149,13 +154,14 @@ def test_status(sample):
     text = ctl.run(sample, "status", SAMPLE).out
     assert f"Pid: {status['Running'][0]['Pid']}\n" in text and "State: active\n" in text
     assert "Windows: 1 active, 0 inactive, 2 hidden\n" in text
-    assert re.search(r"Last launch: asked for .*\n +Allowed \d+ ms, Spawned \d+ ms, .*FirstWindow \d+ ms\n", text)
+    assert re.search(r"Last launch: asked for .*\n +allowed \d+ ms, spawned \d+ ms, .*first window \d+ ms\n", text)
     first.quit(3)
     ended(sample)
     text = ctl.run(sample, "status", SAMPLE).out
-    ctl.golden("status", ctl.normal(re.sub(r", NameSeen \d+ ms", "", text)))
+    ctl.golden("status", ctl.normal(re.sub(r", name seen \d+ ms", "", text)))
     assert set(ctl.run_json(sample, "status", SAMPLE)) == {
-        "Installed", "Running", "Launching", "Blocked", "Launch", "LastEnd"}
+        "Installed", "Running", "Launching", "Blocked", "Launch", "LastEnd", "History"}
+    assert ctl.run_json(sample, "status", SAMPLE)["History"] == ctl.run_json(sample, "history", SAMPLE)
 
 
 def test_status_of_a_frozen_one(sample):
@@ -293,8 +299,9 @@ def test_wait(sample):
     client = start(sample)
     assert "procwardenctl: org.freedesktop.DBus.Error.NoReply" in ctl.run(
         sample, "wait", SAMPLE, "--timeout", "1", status=ctl.TIMED_OUT).error
+    ctl.run(sample, "wait", SAMPLE, "-t", "0", status=ctl.TIMED_OUT)
     waiting = ctl.Later(sample, "wait", SAMPLE)
-    until(lambda: sample.service.log().count("WaitForNotRunning") >= 2, "the call")
+    until(lambda: sample.service.log().count("WaitForNotRunning") >= 3, "the call")
     assert waiting.running
     client.quit(0)
     assert (waiting.end(), waiting.lines) == (ctl.DONE, [])

@@ -83,6 +83,7 @@ def test_monitor_tells_of_the_memory(own_memory, monitors):
     monitor.wait_for(r"memory .*low$")
     own_memory.memory.set_level("critical")
     monitor.wait_for(rf"oom .*{SAMPLE} .*is killed for lack of memory$")
+    monitors(own_memory, "-i", "20") # the same in short
     assert re.search(r"early-oom: memory is Critical, .*; signal 9 \(SIGKILL\)$", monitor.wait_for("ended"))
 
 

@@ -2,6 +2,8 @@
 
 #include <QTest>
 
+#include <locale.h>
+
 using Ctl::Style;
 using Ctl::Table;
 
@@ -18,7 +20,9 @@ private slots:
     void columnsAreNotCutBeyondUse();
     void coloursDoNotCountAsWidth();
     void charactersCountAndNotCodeUnits();
+    void wideCharactersTakeTwoColumns();
     void controlCharactersAreNotObeyed();
+    void turnedTextIsNotObeyed();
 };
 
 namespace {
@@ -96,6 +100,29 @@ void TableTest::charactersCountAndNotCodeUnits()
     Table table({ { QStringLiteral("A") }, { QStringLiteral("B") } });
     table.addRow({ { QString::fromUtf8("\xf0\x9f\x8c\x8d") }, { QStringLiteral("x") } });
     QCOMPARE(table.render(0, false), QString::fromUtf8("A  B\n\xf0\x9f\x8c\x8d  x\n"));
+}
+
+void TableTest::wideCharactersTakeTwoColumns()
+{
+    if (!setlocale(LC_CTYPE, "C.UTF-8")) {
+        QSKIP("needs the locale C.UTF-8");
+    }
+    Table table({ { QStringLiteral("A"), Table::Align::Left, true }, { QStringLiteral("B") } });
+    table.addRow({ { QString::fromUtf8("\u6f22\u5b57") }, { QStringLiteral("x") } });
+    table.addRow({ { QString::fromUtf8("e\u0301") }, { QStringLiteral("y") } });
+    QCOMPARE(table.render(0, false), QString::fromUtf8("A     B\n\u6f22\u5b57  x\ne\u0301     y\n"));
+    Table narrow({ { QStringLiteral("A"), Table::Align::Left, true } });
+    narrow.addRow({ { QString::fromUtf8("\u6f22").repeated(10) } });
+    QCOMPARE(narrow.render(8, false),
+             QStringLiteral("A\n") + QString::fromUtf8("\u6f22").repeated(3) + QChar(0x2026)
+                 + QLatin1Char('\n'));
+    setlocale(LC_CTYPE, "C");
+}
+
+void TableTest::turnedTextIsNotObeyed()
+{
+    QCOMPARE(Ctl::printable(QString::fromUtf8("a\u202eb\u2066c\u009b2Jd")), QStringLiteral("a?b?c?2Jd"));
+    QCOMPARE(Ctl::printable(QString::fromUtf8("\u00e9\u200d")), QString::fromUtf8("\u00e9\u200d"));
 }
 
 void TableTest::controlCharactersAreNotObeyed()
