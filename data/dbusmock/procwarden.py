@@ -119,7 +119,7 @@ class World:
     # --- applications ---
 
     def is_installed(self, app_id):
-        if app_id == self.application or app_id in self.running:
+        if app_id and app_id == self.owner:
             return True
         if self.installed is not None:
             return app_id in self.installed

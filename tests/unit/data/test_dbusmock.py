@@ -7,23 +7,17 @@ import subprocess
 import dbus
 import pytest
 
-from stack.bus import PrivateBus
 from stack.interfaces import described, expected_members, introspect, signatures
-from stack.mocks import PYTHON
-from stack.monitor import Monitor, plain
-from stack.process import Child
+from stack.mock_service import NAME, PREFIX, PROPERTIES, TEMPLATE, MockService, path_of
+from stack.mocks import MOCK, PYTHON
 from stack.stack import TREE
 from stack.standin import StandIn
-from stack.waiting import LIMIT, until
+from stack.waiting import LIMIT
 
-TEMPLATE = os.path.join(TREE, "data", "dbusmock", "procwarden.py")
 PAGE = os.path.join(TREE, "docs", "mocking.md")
 INSTALLED = "/usr/share/procwarden/dbusmock/procwarden.py"
 
-NAME = "org.kestrix.Procwarden"
-PREFIX = NAME + "."
 OWN_ERROR, DBUS_ERROR = PREFIX + "Error.", "org.freedesktop.DBus.Error."
-PROPERTIES, MOCK = "org.freedesktop.DBus.Properties", "org.freedesktop.DBus.Mock"
 APP, OTHER = "org.example.Notes", "org.example.Mail"
 TASKS = {"sync": "periodic", "work": "worker", "late": "scheduled"}
 LAUNCHED, ACTIVE, INACTIVE, HIDDEN, TERMINATING = range(5)
@@ -31,69 +25,12 @@ MOCKED = {"Control1", "WindowManagement1", "Lifecycle1", "MemoryPressure1", "Tas
           "TaskInvokerSession1", "Intents1", "Introspect1"}
 
 
-def path_of(interface):
-    return "/" + interface.replace(".", "/")
-
-
-class MockService:
-    """The mock on a bus of its own, and everything that it signals."""
-
-    def __init__(self, directory, parameters):
-        self.bus = PrivateBus("session", directory)
-        self.child = self.monitor = None
-        try:
-            self._connection = self.bus.connect()
-            environment = {"PATH": "/usr/bin:/bin", "DBUS_SESSION_BUS_ADDRESS": self.bus.address}
-            self.child = Child("the mock", [PYTHON, "-B", "-m", "dbusmock", "--template", TEMPLATE, "--parameters",
-                                            parameters], os.path.join(directory, "mock"), environment)
-            # The name comes first, then the template, both before the first call is looked at.
-            until(lambda: self.child.status is not None or self.bus.owner(NAME), "its name", detail=self.child.output)
-            assert self.child.status is None, self.child.output()
-            self.monitor = Monitor(self.bus, NAME)
-        except BaseException:
-            self.close()
-            raise
-
-    def call(self, interface, member, signature="", *arguments, path=None):
-        """Plain values; raises the bus's exceptions."""
-        interface = interface if "." in interface else PREFIX + interface
-        reply = self._connection.call_blocking(NAME, path or path_of(interface), interface, member, signature, arguments,
-                                               timeout=LIMIT)
-        return [plain(value) for value in reply] if isinstance(reply, tuple) else plain(reply)
-
-    def say(self, member, signature="", *arguments):
-        return self.call(MOCK, member, signature, *arguments, path=path_of(PREFIX + "Control1"))
-
-    def property(self, interface, name, path=None):
-        return self.call(PROPERTIES, "Get", "ss", PREFIX + interface, name, path=path or path_of(PREFIX + interface))
-
-    def signals(self):
-        """(interface, member, arguments, signature) of what has come since the last time, but dbusmock's own."""
-        return [(signal.interface, signal.member, signal.arguments, signal.signature)
-                for signal in self.monitor.take() if signal.interface != MOCK]
-
-    def close(self):
-        if self.monitor:
-            self.monitor.close()
-        if self.child:
-            self.child.kill()
-            self.child.wait()
-        self.bus.stop()
-
-
-def text_of(parameters):
-    return re.sub("'", '"', str(parameters))
-
-
 @pytest.fixture
 def mock(request, tmp_path):
     """With the parameters that a test is given, those of an application under test otherwise."""
     parameters = getattr(request, "param", {"application": APP, "tasks": TASKS})
-    service = MockService(str(tmp_path), text_of(parameters))
-    try:
+    with MockService(str(tmp_path), parameters) as service:
         yield service
-    finally:
-        service.close()
 
 
 stranger = pytest.mark.parametrize("mock", [{"applications": [APP, OTHER]}], indirect=True)
