@@ -31,15 +31,21 @@ def schedule(**lists):
 
 
 def only(daemon):
-    """Cookie and event, once there is one."""
+    """Cookie and event, once there is one, and the service knows its cookie."""
     until(lambda: daemon.events, "the event")
+    daemon.settle()
     (cookie, event), = daemon.events.items()
     return cookie, event
 
 
+def conditions(stack):
+    """What is stored of the task's conditions; the file is written in the service's own time."""
+    return tasker.stored(stack).get(task_id("late"), {}).get("conditionData", {})
+
+
 def wait_cookie(stack, cookie):
-    until(lambda: tasker.stored(stack).get(task_id("late"), {}).get("conditionData") ==
-          {"Schedule": {"cookieId": cookie}}, "the cookie to be stored", detail=lambda: str(tasker.stored(stack)))
+    until(lambda: conditions(stack) == {"Schedule": {"cookieId": cookie}}, "the cookie to be stored",
+          detail=lambda: str(tasker.stored(stack)))
 
 
 # --- what is left with the daemon ---
@@ -268,14 +274,13 @@ def test_task_runs_at_its_time(stack):
         stack.start_helper()
         stack.session_bus, private = session.bus, stack.session_bus
         try:
-            service = stack.start_service(wait=False, DBUS_SESSION_BUS_ADDRESS=session.bus.address)
-            service.wait_for_name(session.bus, SESSION_NAME)
+            service = stack.start_service(DBUS_SESSION_BUS_ADDRESS=session.bus.address)
             # Past, so that it is due at once.
             invoker = Invoker(stack, "scheduled")
             assert invoker.start("late", StartTime="2020-01-01T00:00:00", Autostart=1) == 0
             until(lambda: invoker.active(), "the task to run", detail=service.log)
-            cookie = tasker.stored(stack)[task_id("late")]["conditionData"]["Schedule"]["cookieId"]
-            assert cookie > 0
+            schedule_data = until(lambda: conditions(stack).get("Schedule"), "the cookie to be stored")
+            assert schedule_data["cookieId"] > 0
             invoker.stop("late")
             until(lambda: not invoker.active(), "the end of the task")
             assert service.stop() == 0

@@ -173,6 +173,12 @@ class TimedDaemon(StandIn):
                 self._add(message, event)
         self.on_loop(answer)
 
+    def settle(self):
+        """Returns when the service knows all that has been answered: what one connection sends keeps its order."""
+        name = "org.kestrix.Procwarden.Control1"
+        self._served.run(lambda connection: connection.call_blocking(
+            "org.kestrix.Procwarden", "/" + name.replace(".", "/"), name, "GetRunningApplications", "", ()))
+
     def fire(self, cookie=None, **attributes):
         """Calls back for the event of a cookie, or with these attributes."""
         if cookie is not None:
