@@ -116,6 +116,14 @@ inline int killChild(pid_t pid)
     return pid > 1 ? ::kill(pid, SIGKILL) : -1;
 }
 
+/// Stops a child, and returns when it stands still: until then it may read, and take something out of a pipe.
+inline void stopChild(pid_t pid)
+{
+    if (pid > 1 && ::kill(pid, SIGSTOP) == 0) {
+        while (::waitpid(pid, nullptr, WUNTRACED) == -1 && errno == EINTR) { }
+    }
+}
+
 /// @returns the status word of the child, or -1 if it had to be killed or is no child.
 inline int waitForChild(pid_t pid)
 {

@@ -215,7 +215,7 @@ void TestLaunchingTask::messagesComeInTheOrderOfTheSteps()
 {
     int pipe = -1;
     ParentHook::afterFork = [&pipe](pid_t pid) {
-        ::kill(pid, SIGSTOP);
+        stopChild(pid);
         pipe = ::fcntl(NewestPipe::readEnd, F_DUPFD_CLOEXEC, 100);
     };
     m_request.priority = -3;
@@ -423,7 +423,7 @@ void TestLaunchingTask::childThatTakesNoMoreFailsTheExec()
     QFETCH(int, capacity);
     QFETCH(int, size);
     ParentHook::afterFork = [capacity](pid_t pid) {
-        ::kill(pid, SIGSTOP);
+        stopChild(pid);
         ::fcntl(NewestPipe::writeEnd, F_SETPIPE_SZ, capacity);
     };
     if (size > 0) {
