@@ -7,7 +7,7 @@ import re
 import subprocess
 import threading
 
-from stack.stack import SANITIZER_OPTIONS, TREE
+from stack.stack import SHORT_LIVED_OPTIONS, TREE
 from stack.waiting import LIMIT, until
 
 GOLDEN = os.path.join(TREE, "tests", "data", "ctl")
@@ -15,10 +15,8 @@ DONE, REFUSED, WRONG_USAGE, NOT_THERE, NO_SUCH_ID, TIMED_OUT = range(6)
 
 
 def environment(stack, **more):
-    # What sanitizers find ends it with a status of its own. But for leaks: it ends as soon as it has its answer, and
-    # Qt's thread for the bus may be holding a message just then.
-    return {**stack.environment(), **SANITIZER_OPTIONS, "TZ": "UTC",
-            "ASAN_OPTIONS": SANITIZER_OPTIONS["ASAN_OPTIONS"] + ":detect_leaks=0", **more}
+    # What sanitizers find ends it with a status of its own.
+    return {**stack.environment(), **SHORT_LIVED_OPTIONS, "TZ": "UTC", **more}
 
 
 def command(stack, *words):

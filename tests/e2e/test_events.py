@@ -9,6 +9,7 @@ import dbus
 import pytest
 
 from stack.process import Child
+from stack.stack import SHORT_LIVED_OPTIONS
 from stack.standin import StandIn
 from stack.user_session import RECORDS, STAMPS, UNITS, Events, UserSession, recurrence
 from stack.waiting import until
@@ -18,6 +19,10 @@ ACCESS_DENIED = "org.freedesktop.DBus.Error.AccessDenied"
 FAILED = "org.freedesktop.DBus.Error.Failed"
 SERVICE_ACTION = ("org.kestrix.Procwarden", "EventTriggered", "/org/kestrix/Procwarden/Timed",
                   "org.kestrix.Procwarden.Timed")
+
+
+# Seconds ahead, for events before which something else is done.
+SOON = 6
 
 
 class Listener(StandIn):
@@ -55,6 +60,10 @@ def listener(session):
     yield listener
     listener.close()
     assert listener.complaints == []
+
+
+def environment(stack):
+    return {**stack.environment(), **SHORT_LIVED_OPTIONS}
 
 
 def ahead(seconds):
@@ -113,7 +122,7 @@ def switched_off_until(session, moment):
 
 def test_event_comes_back_with_its_attributes(session, listener):
     attributes = {"eventId": "org.example.Notes.task_sync", "odd": "%n $HOME \"'\\ \n\t\x01 \u20ac \U0001f600", "": ""}
-    cookie = listener.add(attributes, time=ahead(2))
+    cookie = listener.add(attributes, time=ahead(SOON))
     assert timers(session) == [f"procwarden-event-{cookie}.timer"]
     until(lambda: listener.triggered, "the event", detail=session.manager._child.output)
     assert listener.triggered == [attributes]
@@ -125,7 +134,7 @@ def test_event_starts_the_service(stack, session):
     stack.start_helper()
     session.install_service()
     connection, events = owner(session)
-    events.add(SERVICE_ACTION, {"eventId": ""}, time=ahead(2))
+    events.add(SERVICE_ACTION, {"eventId": ""}, time=ahead(SOON))
     connection.close()
     # It has no task; what it says of an event without an id shows that the call has arrived.
     until(lambda: "Received empty eventId from timed" in session.log(), "the event", detail=session.log)
@@ -141,10 +150,10 @@ def test_events_of_the_past_are_fired_at_once(session, listener):
 
 
 def test_cancelled_event_does_not_come(session, listener):
-    cookie = listener.add({"which": "cancelled"}, time=ahead(2))
+    cookie = listener.add({"which": "cancelled"}, time=ahead(SOON))
     listener.events.cancel(cookie)
     assert files(session) == [] and timers(session) == []
-    listener.add({"which": "later"}, time=ahead(3))
+    listener.add({"which": "later"}, time=ahead(SOON + 1))
     until(lambda: listener.triggered, "the later event")
     assert listener.triggered == [{"which": "later"}]
     assert refused(listener.events.cancel, cookie) == INVALID_ARGS
@@ -192,7 +201,7 @@ def test_event_that_was_due_while_everything_was_off_is_fired_once(stack, sessio
     stack.start_helper()
     session.install_service()
     connection, events = owner(session)
-    moment = ahead(5)
+    moment = ahead(SOON)
     events.add(SERVICE_ACTION, {"eventId": ""}, time=moment)
     connection.close()
     switched_off_until(session, moment)
@@ -209,7 +218,7 @@ def test_event_that_was_due_while_everything_was_off_is_fired_once(stack, sessio
 def test_recurrent_event_survives_and_what_it_missed_comes_once(session):
     listener = Listener(session.bus)
     now = datetime.datetime.now()
-    moment = now + datetime.timedelta(seconds=5)
+    moment = now + datetime.timedelta(seconds=SOON)
     # At three seconds of this minute or the next; all of them pass while everything is off.
     missed = [moment + datetime.timedelta(seconds=extra) for extra in range(3)]
     cookie = listener.add({"which": "daily"}, recurrences=[
@@ -241,7 +250,9 @@ def test_event_outlives_the_daemon(session, listener):
 
 
 def test_daemon_puts_right_what_it_finds(session, listener):
-    cookie = listener.add({"which": "kept"}, recurrences=[recurrence(hours=[3])])
+    # Not while this runs.
+    hour = (datetime.datetime.now().hour + 12) % 24
+    cookie = listener.add({"which": "kept"}, recurrences=[recurrence(hours=[hour])])
     session.manager.run("systemctl", "--user", "stop", "procwarden-eventd.service")
     os.unlink(session.path(UNITS, f"procwarden-event-{cookie}.timer"))
     os.unlink(session.path(UNITS, "timers.target.wants", f"procwarden-event-{cookie}.timer"))
@@ -299,7 +310,7 @@ def test_event_that_makes_no_sense_is_refused(session, listener, times):
 def test_without_a_user_manager_the_caller_is_told(stack):
     """On a bus that nobody's manager is on."""
     program = stack.program("procwarden-eventd")
-    child = Child("eventd", [program], os.path.join(stack.directory, "log", "eventd"), stack.environment(), stack.user)
+    child = Child("eventd", [program], os.path.join(stack.directory, "log", "eventd"), environment(stack), stack.user)
     until(lambda: stack.session_bus.owner(Events.NAME), "the name", detail=child.output)
     connection = stack.session_bus.connect()
     events = owning(connection, "org.example.Listener")
@@ -311,7 +322,7 @@ def test_without_a_user_manager_the_caller_is_told(stack):
     connection.close()
 
     # A second one gives way to the first.
-    second = Child("second", [program], os.path.join(stack.directory, "log", "second"), stack.environment(), stack.user)
+    second = Child("second", [program], os.path.join(stack.directory, "log", "second"), environment(stack), stack.user)
     assert second.wait() == 1
     assert "Cannot own the bus name of the events" in second.output()
     child.stop()
@@ -321,7 +332,7 @@ def test_program_refuses_arguments_that_it_does_not_know(stack):
     program = stack.program("procwarden-eventd")
     for arguments in (["--help"], ["--fire"], ["--fire", "0"], ["--fire", "x"], ["--fire", "1", "2"], ["1"]):
         child = Child("eventd", [program, *arguments], os.path.join(stack.directory, "log", "eventd"),
-                      stack.environment(), stack.user)
+                      environment(stack), stack.user)
         assert child.wait() == 2
         assert "usage: procwarden-eventd [--fire COOKIE]" in child.output()
 
@@ -348,7 +359,7 @@ def test_timer_wakes_the_device_where_that_is_possible(stack):
     """The manager has what it takes; a machine without a real-time clock has not, and its events come all the same."""
     with UserSession(stack, capabilities=["wake_alarm"]) as session:
         listener = Listener(session.bus)
-        cookie = listener.add({"which": "waking"}, time=ahead(2))
+        cookie = listener.add({"which": "waking"}, time=ahead(SOON))
         shown = session.manager.run("systemctl", "--user", "show", "-P", "WakeSystem",
                                     f"procwarden-event-{cookie}.timer").stdout.strip()
         assert shown == ("yes" if has_waking_clock() else "no")

@@ -11,6 +11,7 @@ import shutil
 import dbus
 
 from .bus import CONFIGURATION, LIMITS, PrivateBus
+from .stack import SHORT_LIVED_OPTIONS
 from .user_manager import UserManager
 from .waiting import until
 
@@ -103,6 +104,7 @@ class UserSession:
     def start(self):
         self.manager = UserManager(self._stack, capabilities=self._capabilities)
         self.manager.environment["DBUS_SESSION_BUS_ADDRESS"] = self.bus.address
+        self.manager.environment.update(SHORT_LIVED_OPTIONS)
         self.manager.start()
         # The manager is on the bus only once somebody else has started it.
         connection = self.bus.connect()
