@@ -3,6 +3,7 @@
 #include "event_samples.h"
 #include "idle_end.h"
 #include "manager_stand_in.h"
+#include "support/patience.h"
 #include "units.h"
 
 #include <QDBusConnectionInterface>
@@ -128,7 +129,7 @@ void TestEventsObject::cleanup()
 
 QDBusMessage TestEventsObject::finish(QDBusPendingCallWatcher *watcher)
 {
-    if (!QTest::qWaitFor([watcher] { return watcher->isFinished(); })) {
+    if (!QTest::qWaitFor([watcher] { return watcher->isFinished(); }, patienceMs)) {
         return QDBusMessage();
     }
     return watcher->reply();
@@ -450,7 +451,7 @@ void TestEventsObject::busyUntilAnswered()
     QTest::ignoreMessage(
         QtWarningMsg,
         QRegularExpression(QStringLiteral("^The systemd user manager does not start .* in time$")));
-    QVERIFY(QTest::qWaitFor([&] { return watcher.isFinished(); }));
+    QVERIFY(QTest::qWaitFor([&] { return watcher.isFinished(); }, patienceMs));
     QCOMPARE(watcher.reply().errorName(), error("Failed"));
     QVERIFY(!m_events->isBusy());
     QCOMPARE(changes.size(), 2);

@@ -82,7 +82,7 @@ int TestTrigger::fire(Cookie cookie)
     if (!finished.isEmpty()) {
         return -2; // never inside the call
     }
-    return finished.wait() ? finished.first().first().toInt() : -1;
+    return finished.wait(patienceMs) ? finished.first().first().toInt() : -1;
 }
 
 Cookie TestTrigger::kept(const WireEvent &event)
@@ -237,3 +237,5 @@ void TestTrigger::brokenEventIsNotTriedAgain()
 QTEST_GUILESS_MAIN(TestTrigger)
 
 #include "tst_trigger.moc"
+
+#include "support/patience.h"

@@ -3,6 +3,8 @@
 
 #include <QtTest>
 
+#include <ctime>
+
 using namespace Core;
 
 class TestApplicationId : public QObject
@@ -93,10 +95,9 @@ void TestApplicationId::hostileTextIsParsedInTime_data()
 void TestApplicationId::hostileTextIsParsedInTime()
 {
     QFETCH(QString, text);
-    QElapsedTimer timer;
-    timer.start();
+    const std::clock_t begin = std::clock(); // what other programs take does not count
     QTEST(ApplicationId(text).isValid(), "valid");
-    QVERIFY2(timer.elapsed() < 1000, "took quadratic time");
+    QVERIFY2(std::clock() - begin < CLOCKS_PER_SEC, "took quadratic time");
 }
 
 void TestApplicationId::overlongTextIsInvalidAndKept()

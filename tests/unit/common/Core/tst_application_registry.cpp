@@ -2,6 +2,7 @@
 #include "Core/application_registry.h"
 #include "common/Core/catalogue_fixture.h"
 #include "support/log_capture.h"
+#include "support/patience.h"
 
 #include <QScopeGuard>
 #include <QSignalSpy>
@@ -366,7 +367,7 @@ void TestApplicationRegistry::fileOverriddenElsewhereStaysWatched()
     ApplicationRegistry registry;
     QSignalSpy changed(&registry, &ApplicationRegistry::manifestsChanged);
     write("one", "a", "Exec=uno\n");
-    QVERIFY(changed.wait());
+    QVERIFY(changed.wait(patienceMs));
     QCOMPARE(registry.launchData(appId("org.kestrix.a")).exec, QStringLiteral("two"));
     QVERIFY(QFile::remove(file("two", "a")));
     QTRY_COMPARE(registry.launchData(appId("org.kestrix.a")).exec, QStringLiteral("uno"));

@@ -2,6 +2,7 @@
 
 #include "support/bus_stand_in.h"
 #include "support/dbus_mock.h"
+#include "support/patience.h"
 #include "support/private_bus.h"
 
 #include <QSignalSpy>
@@ -110,7 +111,7 @@ void tst_DisplayBlanking::screenSaverIsAskedWhenMade()
     const DisplayBlanking display;
     QSignalSpy changes(&display, &DisplayBlanking::statusChanged);
     QCOMPARE(display.status(), DisplayBlanking::Unknown);
-    QVERIFY(changes.wait());
+    QVERIFY(changes.wait(patienceMs));
     QCOMPARE(int(display.status()), status);
     QCOMPARE(m_screenSaver->calls().size(), 1);
     const QDBusMessage question = m_screenSaver->calls().first();
@@ -181,7 +182,7 @@ void tst_DisplayBlanking::refusalIsUnknown()
     QTRY_VERIFY(answered);
     QSignalSpy changes(&display, &DisplayBlanking::statusChanged);
     signal(true); // behind the refusal
-    QVERIFY(changes.wait());
+    QVERIFY(changes.wait(patienceMs));
     QCOMPARE(changes.size(), 1);
     QCOMPARE(display.status(), DisplayBlanking::Off);
 }

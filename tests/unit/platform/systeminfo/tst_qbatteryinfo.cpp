@@ -1,6 +1,7 @@
 #include "qbatteryinfo.h"
 
 #include "support/dbus_mock.h"
+#include "support/patience.h"
 #include "support/private_bus.h"
 
 #include <QElapsedTimer>
@@ -168,7 +169,7 @@ void tst_QBatteryInfo::changeOfLevelIsSignalledOnce()
     QSignalSpy levels(&info, &QBatteryInfo::levelChanged);
     QSignalSpy states(&info, &QBatteryInfo::chargingStateChanged);
     change({ { QStringLiteral("Percentage"), 66.0 } });
-    QVERIFY(levels.wait());
+    QVERIFY(levels.wait(patienceMs));
     QCOMPARE(levels.size(), 1);
     QCOMPARE(levels.first().first().toInt(), 66);
     QCOMPARE(info.level(), 66);
@@ -183,7 +184,7 @@ void tst_QBatteryInfo::changeOfStateIsSignalledOnce()
     QSignalSpy levels(&info, &QBatteryInfo::levelChanged);
     QSignalSpy states(&info, &QBatteryInfo::chargingStateChanged);
     change({ { QStringLiteral("State"), charging } });
-    QVERIFY(states.wait());
+    QVERIFY(states.wait(patienceMs));
     QCOMPARE(states.size(), 1);
     QCOMPARE(info.chargingState(), QBatteryInfo::Charging);
     QCOMPARE(levels.size(), 0);
@@ -217,7 +218,7 @@ void tst_QBatteryInfo::otherChangesAreNotSignalled()
                      QVariantList { QStringLiteral("org.example.Other"),
                                     QVariantMap { { QStringLiteral("Percentage"), 1.0 } }, QStringList() } });
     change({ { QStringLiteral("State"), charging } });
-    QVERIFY(states.wait());
+    QVERIFY(states.wait(patienceMs));
     QCOMPARE(states.size(), 1);
     QCOMPARE(levels.size(), 0);
 }
@@ -300,7 +301,7 @@ void tst_QBatteryInfo::silentUPowerDoesNotBlock()
     const QBatteryInfo info;
     QCoreApplication::processEvents();
     QCOMPARE(info.level(), -1);
-    QVERIFY(time.elapsed() < 5000); // a blocking call would take 25 s
+    QVERIFY(time.elapsed() < 20000); // a blocking call would take 25 s
     m_upower->resume();
     QTRY_COMPARE(info.level(), 67);
 }

@@ -8,6 +8,7 @@
 #include "child_fixture.h"
 #include "support/bus_stand_in.h"
 #include "support/log_capture.h"
+#include "support/patience.h"
 #include "support/private_bus.h"
 
 #include <QDBusError>
@@ -141,7 +142,7 @@ public:
         m_helper->answerWith({ subtree() });
         m_cgroups = std::make_unique<Core::CGroupController>();
         QSignalSpy ready(m_cgroups.get(), &Core::CGroupController::initializationDone);
-        if (!ready.wait()) {
+        if (!ready.wait(patienceMs)) {
             qFatal("no control groups");
         }
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "support/patience.h"
 #include "support/private_bus.h"
 
 #include <QDBusMessage>
@@ -23,7 +24,7 @@ inline QDBusMessage send(TestSupport::PrivateBus &bus, const QVariantList &argum
     call.setArguments(arguments);
     QDBusPendingCallWatcher watcher(caller.asyncCall(call));
     QSignalSpy finished(&watcher, &QDBusPendingCallWatcher::finished);
-    finished.wait();
+    finished.wait(patienceMs);
     const QDBusMessage answer = watcher.reply();
     bus.disconnect(caller);
     return answer;

@@ -5,6 +5,7 @@
 #include "support/cgroup_tree.h"
 #include "support/helper_stand_in.h"
 #include "support/log_capture.h"
+#include "support/patience.h"
 #include "support/private_bus.h"
 
 #include <QDir>
@@ -116,7 +117,7 @@ QString CGroupControllerTest::start(const QByteArray &ownGroups, const QStringLi
     m_tree->addHierarchies(hierarchies, subtree);
     m_controller = std::make_unique<CGroupController>();
     QSignalSpy done(m_controller.get(), &CGroupController::initializationDone);
-    if (!done.wait()) {
+    if (!done.wait(patienceMs)) {
         return QStringLiteral("the initialization does not end");
     }
     return QString();
@@ -156,7 +157,7 @@ void CGroupControllerTest::asksForTheOwnUserWithoutWaiting()
     m_controller = std::make_unique<CGroupController>();
     QSignalSpy done(m_controller.get(), &CGroupController::initializationDone);
     QVERIFY(m_standIn->calls.isEmpty());
-    QVERIFY(done.wait());
+    QVERIFY(done.wait(patienceMs));
     QCOMPARE(m_standIn->calls.size(), 1);
     QCOMPARE(m_standIn->calls.first().signature(), QStringLiteral("u"));
     QCOMPARE(m_standIn->calls.first().arguments(), QVariantList { uint(::getuid()) });

@@ -4,6 +4,7 @@
 #include "support/cgroup_tree.h"
 #include "support/helper_stand_in.h"
 #include "support/log_capture.h"
+#include "support/patience.h"
 #include "support/private_bus.h"
 
 #include <QDir>
@@ -97,7 +98,7 @@ void CGroupControllerGroupsTest::init()
     m_tree->setOwnGroups("3:cpu:/\n2:freezer:/\n1:memory:/\n");
     m_tree->addHierarchies(hierarchies, subtree);
     m_controller = std::make_unique<CGroupController>();
-    QVERIFY(QSignalSpy(m_controller.get(), &CGroupController::initializationDone).wait());
+    QVERIFY(QSignalSpy(m_controller.get(), &CGroupController::initializationDone).wait(patienceMs));
 }
 
 void CGroupControllerGroupsTest::cleanup()

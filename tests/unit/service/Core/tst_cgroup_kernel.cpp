@@ -3,6 +3,7 @@
 #include "Core/cgroup_controller.h"
 #include "Core/resource_configuration.h"
 #include "support/kernel_groups.h"
+#include "support/patience.h"
 #include "support/private_bus.h"
 
 #include <QCoreApplication>
@@ -71,7 +72,7 @@ private:
 
 int Story::run()
 {
-    if (!QSignalSpy(&m_controller, &CGroupController::initializationDone).wait()) {
+    if (!QSignalSpy(&m_controller, &CGroupController::initializationDone).wait(patienceMs)) {
         say(QStringLiteral("no answer of the helper"));
         return 1;
     }
@@ -130,10 +131,13 @@ void Story::show(const char *file, const QString &group) const
 bool Story::waitForFreezer(const QString &group, const QString &state) const
 {
     // Freezing takes the kernel a moment, in which the state reads FREEZING.
-    return QTest::qWaitFor([&] {
-        return contentOf(QStringLiteral("/sys/fs/cgroup/freezer%1/%2/freezer.state").arg(m_subtree, group))
-            == state;
-    });
+    return QTest::qWaitFor(
+        [&] {
+            return contentOf(
+                       QStringLiteral("/sys/fs/cgroup/freezer%1/%2/freezer.state").arg(m_subtree, group))
+                == state;
+        },
+        patienceMs);
 }
 
 void Story::application()

@@ -4,6 +4,7 @@
 #include "Core/timed_proxy.h"
 #include "support/bus_stand_in.h"
 #include "support/log_capture.h"
+#include "support/patience.h"
 #include "support/private_bus.h"
 #include "timed/wire.h"
 
@@ -138,7 +139,7 @@ void tst_ConditionSchedule::trigger(const QString &eventId)
     call << QVariantMap { { QStringLiteral("eventId"), eventId } };
     QDBusPendingCallWatcher watcher(caller.asyncCall(call));
     QSignalSpy finished(&watcher, &QDBusPendingCallWatcher::finished);
-    QVERIFY(finished.wait());
+    QVERIFY(finished.wait(patienceMs));
     QVERIFY(!watcher.isError());
     m_bus->disconnect(caller);
 }
@@ -148,7 +149,7 @@ WireEvent tst_ConditionSchedule::sent(const QVariantMap &schedule)
 {
     ConditionSchedule condition(task, schedule, nullptr, m_proxy.get());
     condition.restoreConfig({});
-    if (!QTest::qWaitFor([this] { return calls(add).size() == 1; })) {
+    if (!QTest::qWaitFor([this] { return calls(add).size() == 1; }, patienceMs)) {
         return WireEvent();
     }
     return qdbus_cast<WireEvent>(calls(add).first().arguments().value(0));
@@ -269,7 +270,7 @@ void tst_ConditionSchedule::cookieIsStored()
     watcher.addCondition(new ConditionSchedule(task, QVariantMap(), nullptr, m_proxy.get()));
     QVERIFY(!watcher.allSatisfied());
     QCOMPARE(watcher.conditionData(), (QVariantMap { { QStringLiteral("Schedule"), QVariant() } }));
-    QVERIFY(changes.wait());
+    QVERIFY(changes.wait(patienceMs));
     QCOMPARE(changes.size(), 1);
     QCOMPARE(watcher.conditionData(), stored(7));
     QCOMPARE(log.messages(), QStringList(QStringLiteral("No timed cookie saved, creating new event QMap()")));

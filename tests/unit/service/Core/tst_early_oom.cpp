@@ -99,7 +99,7 @@ void tst_EarlyOom::init()
 {
     m_runtime->configure(strncmp(QTest::currentTestFunction(), "passes", 6) == 0
                                  || strncmp(QTest::currentTestFunction(), "without", 7) == 0
-                             ? "CheckIntervalMsecCriticalMem=20\n"
+                             ? "CheckIntervalMsecCriticalMem=200\n"
                              : "");
     m_runtime->makeController();
     m_controller = m_runtime->controller();
@@ -220,7 +220,7 @@ void tst_EarlyOom::passesFollowTheTimerUntilTheLevelFalls()
     m_runtime->setLevel(MemoryLevel::Critical);
     QTRY_COMPARE(MemoryMonitor::instance()->level(), MemoryLevel::Low);
     const int selected = m_selected->count();
-    QVERIFY(RuntimeFixture::waitTicks(5, 20));
+    QVERIFY(RuntimeFixture::waitTicks(5, 100));
     QCOMPARE(m_selected->count(), selected);
     QCOMPARE(m_controller->state(one), ApplicationState::Launched);
 }
@@ -234,7 +234,7 @@ void tst_EarlyOom::withoutRecordsThePassIsAbortedAndTheTimerGoesOn()
 
     m_runtime->setLevel(MemoryLevel::Normal);
     log.clear();
-    QVERIFY(RuntimeFixture::waitTicks(5, 20));
+    QVERIFY(RuntimeFixture::waitTicks(5, 100));
     QCOMPARE(log.warnings(), QStringList());
 }
 

@@ -254,7 +254,7 @@ void TestServiceActivation::nameThatNeverAppearsEndsTheProcessGroup()
     const QByteArray script =
         m_world->script(QStringLiteral("forker"), "sleep 60 & echo ready; wait\n").toUtf8();
     QPointer<TestedLaunch> launch = make({ script });
-    launch->setActivationLimitMs(shortLimitMs);
+    launch->setActivationLimitMs(3000); // time for the program to come up
     launch->onPrepare = [launch, &ends] {
         return launch->stdoutFile.open(ends[1], QIODevice::WriteOnly, QFile::AutoCloseHandle);
     };
@@ -281,7 +281,7 @@ void TestServiceActivation::serviceThatNeverAnswersEndsTheProcessGroup()
     launch->setActivationLimitMs(shortLimitMs);
     startAndReport(launch);
     QTRY_VERIFY(!launch);
-    QCOMPARE(legacy.calls().size(), 1);
+    QTRY_COMPARE(legacy.calls().size(), 1);
     const int status = waitForChild(m_pid);
     QVERIFY(WIFSIGNALED(status));
     QCOMPARE(m_log->warnings(), (QStringList { limitWarning, failureWarning }));
@@ -301,8 +301,8 @@ void TestServiceActivation::killThatIsRefusedIsWarnedOf()
 {
     QPointer<TestedLaunch> launch = make();
     launch->setActivationLimitMs(shortLimitMs);
-    startAndReport(launch);
     killIsRefused = true;
+    startAndReport(launch);
     QTRY_VERIFY(!launch);
     killIsRefused = false;
     QCOMPARE(m_log->warnings(),
@@ -327,12 +327,14 @@ void TestServiceActivation::nameThatAppearsTooLateIsIgnored()
 void TestServiceActivation::endOfTheLaunchEndsTheWait()
 {
     QPointer<TestedLaunch> launch = make();
-    launch->setActivationLimitMs(shortLimitMs);
+    constexpr int limitMs = 2500; // not over before it is deleted
+    launch->setActivationLimitMs(limitMs);
     startAndReport(launch);
+    QVERIFY(launch);
     delete launch;
     BusStandIn legacy(m_world->bus(), service, path);
     letTheServiceBeKnown();
-    QTest::qWait(2 * shortLimitMs);
+    QTest::qWait(limitMs + shortLimitMs);
     QCOMPARE(legacy.calls().size(), 0);
     QCOMPARE(m_log->messages(), QStringList());
     QVERIFY(staysAlive(m_pid));
@@ -347,6 +349,7 @@ void TestServiceActivation::answerAfterTheLimitIsIgnored()
     launch->setActivationLimitMs(shortLimitMs);
     startAndReport(launch);
     QTRY_VERIFY(!launch);
+    QTRY_COMPARE(legacy.calls().size(), 1);
     legacy.send(legacy.calls().first().createReply());
     waitForChild(m_pid);
     QTest::qWait(50);

@@ -1,6 +1,7 @@
 #include "Core/timed_proxy.h"
 
 #include "support/bus_stand_in.h"
+#include "support/patience.h"
 #include "support/private_bus.h"
 #include "timed/wire.h"
 #include "timed_trigger.h"
@@ -118,7 +119,7 @@ void TestTimedProxy::add(const TimedEventSpec &spec)
 /// The argument of the only call.
 WireEvent TestTimedProxy::added()
 {
-    if (!QTest::qWaitFor([this] { return m_daemon->calls().size() == 1; })) {
+    if (!QTest::qWaitFor([this] { return m_daemon->calls().size() == 1; }, patienceMs)) {
         return WireEvent();
     }
     return qdbus_cast<WireEvent>(m_daemon->calls().first().arguments().value(0));

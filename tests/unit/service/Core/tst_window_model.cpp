@@ -96,7 +96,7 @@ void TestWindowModel::absentHomeScreenDoesNotMatter()
     QElapsedTimer timer;
     timer.start();
     notifyWindowModel(QStringLiteral("org.example.Notes"));
-    QVERIFY(timer.elapsed() < 5000);
+    QVERIFY(timer.elapsed() < 20000); // a call that waits for somebody takes 25 s
 }
 
 QTEST_GUILESS_MAIN(TestWindowModel)
