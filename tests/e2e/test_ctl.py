@@ -185,6 +185,7 @@ def test_history(sample):
         start(sample).quit(code)
         until(lambda: not sample.control.running()[0], "its end")
     pid = sample.control.start(SAMPLE).pid
+    sample.sample() # its own program, not yet the service's child code, gets the signal
     os.kill(pid, 11)
     pids = [end["Pid"] for end in ended(sample, 3)]
     ctl.golden("history", ctl.normal(ctl.run(sample, "history").out, *((pid, "PID") for pid in pids)))

@@ -191,6 +191,7 @@ def test_notification_of_another_type_is_ignored(daemon, player, signature, cont
 def test_daemon_may_come_late_and_come_back(stack, player):
     for _ in range(2):
         daemon = PolicyDaemon(stack.system_bus)
+        daemon.settle() # whose signals it is to take is known to the service in its own time
         daemon.notify(("audio", SAMPLE, 0))
         wait_for_state(player, SAMPLE, INACTIVE)
         daemon.notify()

@@ -1,6 +1,7 @@
 """Many intents at once, large ones, and peers that leave: nothing is lost, and nothing stays behind."""
 
 import os
+import resource
 import socket
 
 import dbus
@@ -93,7 +94,7 @@ def test_nothing_grows(running):
     before, kilobytes = descriptors(running), resident_kb(running)
     for first in range(1000, 4000, 500):
         batch(first)
-    assert descriptors(running) == before
+    until(lambda: descriptors(running) <= before, "all descriptors to be closed")
     # A sanitizer keeps what has been freed for a while.
     if "asan" not in running.bin_dir:
         assert resident_kb(running) - kilobytes < 1024
@@ -208,6 +209,8 @@ def test_odd_descriptors(running):
 
 def test_many_descriptors_in_flight(running):
     """More than a process may usually have, while the user is asked."""
+    if resource.getrlimit(resource.RLIMIT_NOFILE)[1] < 4096:
+        pytest.skip("nobody may have so many descriptors here")
     install_handler(running)
     refusal(running, "X-undeclared")
     running.intent_resolver.asked.clear()

@@ -3,17 +3,16 @@
 import contextlib
 import os
 import re
-import threading
 import time
 
 import dbus
 import pytest
 
 from stack.client import ACTIVE, HIDDEN, INACTIVE, BusError
-from stack.memory import ENOUGH_MB, MEGABYTE, Hog, Others, available_kb
+from stack.memory import ENOUGH_MB, MEGABYTE, Hog, NoRoom, Others, available_kb, has_zram
 from stack.process import descendants, is_running
 from stack.waiting import until
-from test_service import context_switches, until_quiet
+from test_service import context_switches, rests
 
 SAMPLE = "org.example.Sample"
 OTHER = "org.example.Other"
@@ -320,9 +319,7 @@ def test_nothing_is_polled_without_a_record(own_memory):
     sample.quit()
     monitor.wait_for("Terminated", SAMPLE)
     stack.control.running() # the last thing that it has to do
-    before = until_quiet(pid)
-    threading.Event().wait(2) # as long as forty polls
-    assert context_switches(pid) == before
+    rests(pid, 2) # as long as forty polls
 
 
 def test_usual_pace_is_slow(own_memory):
@@ -331,9 +328,10 @@ def test_usual_pace_is_slow(own_memory):
     stack.memory.set_available(0)
     install(stack, SAMPLE)
     stack.start()
+    begin = time.monotonic()
     launch(stack, SAMPLE)
-    assert "Memory level" not in stack.service.log()
     stack.service.wait_for_log("Memory level: normal")
+    assert time.monotonic() - begin >= 5 * 0.94 # the service's timers are coarse: up to a twentieth too early
     assert running(stack) == {SAMPLE}
 
 
@@ -350,9 +348,13 @@ def real_shortage():
     work out."""
     if available_kb() < ENOUGH_MB * MEGABYTE:
         pytest.skip(f"less than {ENOUGH_MB} MB of memory are available on this machine")
+    if has_zram():
+        pytest.skip("what is available on this machine is not a number that two agree about")
     with Hog(limit_mb=1200) as hog, Others(hog.pid) as others:
         try:
             yield hog, others
+        except NoRoom as error:
+            pytest.skip(str(error))
         except (AssertionError, BusError):
             if others.disturbed(MARGIN_MB // 2):
                 pytest.skip(others.disturbed(MARGIN_MB // 2))

@@ -13,7 +13,7 @@ from stack.waiting import until
 
 NOTES = "org.example.Notes"
 PYTHON = "/usr/bin/python3"
-LONG = 120 # s: many calls, on a machine that does other things, too
+LONG = 240 # s: many calls, on a machine that does other things, too
 
 
 @pytest.fixture

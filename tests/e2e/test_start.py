@@ -104,8 +104,9 @@ def test_application_and_all_its_processes_are_in_its_control_groups(service):
         if not service.hierarchies.is_real(controller):
             assert cgroups.read(os.path.join(service.group(controller, APP), "cgroup.procs")) == str(started.pid)
             continue
+        family = {started.pid} | descendants(started.pid)
         listed = cgroups.read(os.path.join(service.group(controller, APP), "cgroup.procs")).split()
-        assert str(started.pid) in listed and set(map(str, descendants(started.pid))) <= set(listed)
+        assert set(map(str, family)) <= set(listed)
         place = f"/procwarden/user-{service.user.uid}/{APP}/app"
         assert cgroups.of_process(started.pid)[controller] == place
 

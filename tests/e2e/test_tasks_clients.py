@@ -1,5 +1,8 @@
 """Who may do what: two applications, their tasks' own processes, and a stranger. And who is told."""
 
+import os
+from signal import SIGKILL
+
 import dbus
 import pytest
 
@@ -22,7 +25,7 @@ def pair(stack):
     """Two applications run; each has a task of every type."""
     for app in (SAMPLE, OTHER):
         tasker.install(stack, app)
-    stack.start(PROCWARDEN_KILL_TIMEOUT="4000")
+    stack.start(PROCWARDEN_KILL_TIMEOUT="600000")
     return stack, Application(stack, SAMPLE), Application(stack, OTHER)
 
 
@@ -287,11 +290,13 @@ def test_a_task_that_is_being_stopped_is_not_active(pair):
     stack, sample, _ = pair
     tasker.start(stack, params=["--ignore-term"])
     tasker.wait_running(stack)
+    pid = tasker.services(stack)[task_id("work")][0]
     invoker = Invoker(stack)
     tasker.stop(stack, disable=False)
     # Until SIGKILL comes it has its record.
     assert sample.states()["work"] == 0
     assert tasker.is_running(stack)
+    os.killpg(pid, SIGKILL)
     assert tasker.wait_ended(stack) is None
     assert invoker.active() == {}
 

@@ -62,11 +62,13 @@ def test_end_of_a_task_that_was_removed_is_warned_of(tasks):
 def test_start_while_it_is_being_stopped_starts_nothing(stack):
     """The process still counts as running, and a worker is forgotten with its process."""
     tasker.install(stack)
-    stack.start(PROCWARDEN_KILL_TIMEOUT="500")
+    stack.start(PROCWARDEN_KILL_TIMEOUT="600000") # its end is what this says
     tasker.start(stack, params=["--ignore-term"])
     tasker.wait_running(stack)
+    pid = tasker.services(stack)[task_id("work")][0]
     tasker.stop(stack)
     tasker.start(stack)
+    os.killpg(pid, signal.SIGKILL)
     tasker.wait_ended(stack)
     stack.control.running()
     assert stack.service.log().count("Started task") == 1

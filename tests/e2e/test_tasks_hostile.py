@@ -159,7 +159,7 @@ def flood(stack, member, signature, argument_sets):
         for arguments in argument_sets:
             message = dbus.lowlevel.MethodCallMessage(SESSION_NAME, PATH, TASKS, member)
             message.append(*arguments, signature=signature)
-            pending.append(connection.send_message_with_reply(message, lambda reply: None, LIMIT))
+            pending.append(connection.send_message_with_reply(message, lambda reply: None, 8 * LIMIT))
         connection.flush()
         for call in pending:
             call.block()

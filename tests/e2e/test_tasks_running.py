@@ -1,8 +1,10 @@
 """What the process of a task gets, and what limits it."""
 
+import itertools
 import os
 import re
 import socket
+import time
 
 import dbus
 import pytest
@@ -146,8 +148,8 @@ def test_no_socket_unless_asked_for(tasks):
 
 @pytest.mark.parametrize("name", ["work", "often", "first", "odd"])
 def test_running_time_ends_it(tasks, name):
-    tasker.start(tasks, name, RunningTime=1)
-    pid = tasker.services(tasks)[task_id(name)][0]
+    pid = Invoker(tasks).start(name, RunningTime=1)
+    assert pid > 0
     tasker.wait_ended(tasks, name)
     until(lambda: not is_running(pid), "the end of the process")
     assert f'Running time exhausted for task "{task_id(name)}"' in tasks.service.log()
@@ -161,10 +163,9 @@ def test_time_of_a_task_that_has_ended_only_warns(tasks):
 
 
 def test_replaced_task_is_limited_by_the_new_request(tasks):
-    tasker.start(tasks, "often")
-    pid = tasker.services(tasks)[task_id("often")][0]
-    tasker.start(tasks, "often", RunningTime=1)
-    assert tasker.services(tasks)[task_id("often")][0] == pid
+    invoker = Invoker(tasks)
+    pid = invoker.start("often")
+    assert invoker.start("often", RunningTime=1) == pid
     assert f'Removing previous task "{task_id("often")}"' in tasks.service.log()
     tasker.wait_ended(tasks, "often")
 
@@ -197,21 +198,22 @@ def report(process, progress):
 ])
 @pytest.mark.parametrize("name", ["work", "odd"])
 def test_rising_progress_extends_a_workers_time(tasks, name, reports, extended):
-    tasker.start(tasks, name, RunningTime=2, Priority=0)
-    tasker.start(tasks, "often", RunningTime=60)
-    process, clock = tasker.wait_running(tasks, name), tasker.wait_running(tasks, "often")
-    before = clock.ticks()
+    # Its time begins once it can say something.
+    tasker.start(tasks, name)
+    process = tasker.wait_running(tasks, name)
+    tasker.start(tasks, name, RunningTime=3)
 
-    def work():
-        for count, progress in enumerate(reports, start=1):
+    def work(values):
+        for progress in values:
             report(process, progress)
-            until(lambda: clock.ticks() >= before + 20 * count, "time to pass") # 400 ms
+            end = time.monotonic() + 0.4
+            until(lambda: time.monotonic() >= end, "time to pass")
 
     if extended and name == "work":
-        work()
+        work(reports)
         assert tasker.is_running(tasks, name)
     else:
-        # It has ended before it could say all.
+        # Whatever it says, it ends.
         with pytest.raises(BusError):
-            work()
+            work(itertools.chain(reports, itertools.repeat(reports[-1], 100)))
         tasker.wait_ended(tasks, name)

@@ -1,5 +1,6 @@
 """How much memory the service sees, from when on it acts, and a program that really takes some."""
 
+import contextlib
 import os
 import re
 import signal
@@ -21,6 +22,12 @@ def available_kb(path="/proc/meminfo"):
     with open(path) as file:
         fields = {name: int(value) for name, value in re.findall(r"^(\S+):\s+(\d+) kB$", file.read(), re.MULTILINE)}
     return fields["MemAvailable"] + fields.get("SwapFree", 0)
+
+
+def has_zram():
+    """Whether there is swap that lies in memory, of which the service counts only a part."""
+    with open("/proc/swaps") as file:
+        return "zram" in file.read()
 
 
 class Memory:
@@ -80,6 +87,10 @@ for line in sys.stdin:
 """
 
 
+class NoRoom(Exception):
+    """Something below the machine's own memory ended it: a limit of what this runs in."""
+
+
 class Hog:
     """A process that takes memory when told, never above its limit, and ends with whoever made it."""
 
@@ -96,10 +107,13 @@ class Hog:
         return self._child.pid # setpriv becomes it
 
     def take(self, megabytes):
-        """Grows to this size; returns when every page is in use."""
-        self._child.stdin.write(f"{megabytes}\n")
-        self._child.stdin.flush()
-        self.megabytes = int(self._child.stdout.readline())
+        """Grows to this size; returns when every page is in use. Raises NoRoom if it is not let."""
+        try:
+            self._child.stdin.write(f"{megabytes}\n")
+            self._child.stdin.flush()
+            self.megabytes = int(self._child.stdout.readline())
+        except (OSError, ValueError):
+            raise NoRoom(f"a program that took {self.megabytes} MB was ended") from None
 
     def take_until(self, condition, step_mb=32):
         """Grows in steps until the condition holds; returns whether it did before the limit was reached.
@@ -117,7 +131,8 @@ class Hog:
         if self._child.poll() is None:
             self._child.send_signal(signal.SIGKILL)
         self._child.wait()
-        self._child.stdin.close()
+        with contextlib.suppress(OSError): # what was not written any more
+            self._child.stdin.close()
         self._child.stdout.close()
 
     def __enter__(self):
