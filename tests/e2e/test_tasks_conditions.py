@@ -210,8 +210,8 @@ def test_worker_waits_for_its_delay(service):
     begin = time.monotonic()
     tasker.start(service, "work", StartDelay=2)
     tasker.wait_running(service, "work")
-    # The service's timers are coarse: up to a twentieth too early.
-    assert time.monotonic() - begin >= 2 * 0.94
+    # A timer of whole seconds may be half a second early.
+    assert time.monotonic() - begin >= 1.4
 
 
 def test_periodic_task_runs_at_once_and_waits_then(service):
