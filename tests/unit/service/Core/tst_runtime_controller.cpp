@@ -1,6 +1,7 @@
 #include "Core/runtime_controller.h"
 
 #include "controller_fixture.h"
+#include "support/writes.h"
 
 #include <unistd.h>
 
@@ -12,6 +13,7 @@ using Core::Error;
 using Core::InvocationContext;
 using Core::RuntimeController;
 using Core::StopReason;
+using TestSupport::Writes;
 
 namespace {
 
@@ -289,10 +291,11 @@ void tst_RuntimeController::eachStateIsWrittenAfterItsDelay()
     QTRY_COMPARE(read(freezer), QByteArrayLiteral("ACTIVE"));
 
     // Leaving a state does not call off what its entry has armed: the later timer of the earlier state wins.
+    Writes writes(freezer); // the one in between may be over when somebody looks
     m_controller->updateWindowStatus(id, 0, 0, 1);
     m_controller->updateWindowStatus(id, 0, 1, 0);
-    QTRY_COMPARE(read(freezer), QByteArrayLiteral("INACTIVE"));
-    QTRY_COMPARE(read(freezer), QByteArrayLiteral("HIDDEN"));
+    QTRY_COMPARE(writes.count(), 2);
+    QCOMPARE(read(freezer), QByteArrayLiteral("HIDDEN"));
 }
 
 QTEST_GUILESS_MAIN(tst_RuntimeController)
