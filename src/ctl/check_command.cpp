@@ -1,9 +1,8 @@
 #include "exit_status.h"
 #include "session.h"
 
+#include "check/installed.h"
 #include "check/kinds.h"
-
-#include <QFileInfo>
 
 #include <algorithm>
 

@@ -26,6 +26,29 @@ QString decoded(const QByteArray &bytes, bool *isUtf8 = nullptr)
     return text;
 }
 
+/// A name of the INI form with its escapes replaced: "%20", "%U20AC", and "\\" for a slash.
+QString unescaped(const QByteArray &name)
+{
+    QString result;
+    for (int i = 0; i < name.size(); ++i) {
+        if (name.at(i) != '%') {
+            result += name.at(i) == '\\' ? QLatin1Char('/') : QLatin1Char(name.at(i));
+            continue;
+        }
+        const bool isLong = i + 1 < name.size() && name.at(i + 1) == 'U';
+        const QByteArray digits = isLong ? name.mid(i + 2, 4) : name.mid(i + 1, 2);
+        bool isNumber = false;
+        const ushort code = digits.toUShort(&isNumber, 16);
+        if (isNumber && digits.size() == (isLong ? 4 : 2)) {
+            result += QChar(code);
+            i += digits.size() + (isLong ? 1 : 0);
+        } else {
+            result += QLatin1Char('%');
+        }
+    }
+    return result;
+}
+
 int firstNonSpace(const QByteArray &line)
 {
     return static_cast<int>(std::find_if_not(line.cbegin(), line.cend(), isSpace) - line.cbegin());
@@ -68,6 +91,7 @@ bool isDesktopKey(const QByteArray &key)
 struct SettingsLine
 {
     QByteArray text;
+    bool isCut = false; ///< it ends in a semicolon, without a blank before it
     int equals = -1; ///< place of the first "=" outside quotes; -1: there is none
 };
 
@@ -134,6 +158,8 @@ private:
             }
         }
         m_next = std::min(m_next, m_content.size());
+        line.isCut = m_next < m_content.size() && m_content.at(m_next) == ';' && m_next > begin
+            && !isBlank(m_content.at(m_next - 1));
         line.text = m_content.mid(begin, m_next - begin);
     }
 
@@ -207,8 +233,8 @@ KeyLines KeyLines::ofSettings(const QByteArray &content)
                 lines.bad.append({ number, decoded(text) });
             }
             const QByteArray name = text.mid(1, end < 0 ? -1 : end - 1).trimmed();
-            group = name.compare("general", Qt::CaseInsensitive) == 0 ? QString() : decoded(name);
-            lines.groups.append({ number, decoded(name) });
+            group = name.compare("general", Qt::CaseInsensitive) == 0 ? QString() : unescaped(name);
+            lines.groups.append({ number, group.isEmpty() ? decoded(name) : group });
             continue;
         }
         if (line.equals < 0) {
@@ -219,8 +245,9 @@ KeyLines KeyLines::ofSettings(const QByteArray &content)
         while (keyEnd > 0 && isBlank(text.at(keyEnd - 1))) {
             --keyEnd;
         }
-        KeyLine entry { number, group, decoded(text.left(keyEnd)), QString() };
+        KeyLine entry { number, group, unescaped(text.left(keyEnd)), QString() };
         entry.value = decoded(text.mid(line.equals + 1).trimmed(), &entry.isUtf8);
+        entry.isCut = line.isCut;
         lines.keys.append(entry);
     }
     return lines;

@@ -15,6 +15,7 @@ struct KeyLine
     QString key;
     QString value; ///< as it stands, escapes and quotes included
     bool isUtf8 = true;
+    bool isCut = false; ///< a semicolon ends it at once, without a blank
 };
 
 struct GroupLine

@@ -1,16 +1,16 @@
 #include "check/kinds.h"
 
 #include "check/desktop_file.h"
+#include "check/json_file.h"
 #include "check/key_lines.h"
-#include "check/reader_log.h"
+#include "check/settings_file.h"
 
-#include "Core/application_info.h"
 #include "Core/regular_file.h"
-#include "Core/types.h"
 
 #include <QDir>
 #include <QFileInfo>
-#include <QStandardPaths>
+#include <QJsonDocument>
+#include <QJsonObject>
 
 #include <algorithm>
 
@@ -30,6 +30,13 @@ const QVector<KindInfo> &kinds()
 {
     static const QVector<KindInfo> all = {
         { Kind::Desktop, "desktop", "*.desktop", checkDesktopFile },
+        { Kind::Manifest, "manifest", "manifest.json", checkManifest },
+        { Kind::Package, "package", "solvane.pkg", checkPackageFile },
+        { Kind::State, "state", "*.config", checkStateFile },
+        { Kind::Intent, "intent", "*.intent", checkIntentDefinition },
+        { Kind::Oom, "oom", "oom.cfg", checkOomConfiguration },
+        { Kind::Tasks, "tasks", "tasks.cfg", checkTaskConfiguration },
+        { Kind::Versions, "os-version", "os-version-support.cfg", checkVersionOverrides },
     };
     return all;
 }
@@ -38,6 +45,30 @@ const KindInfo &infoOf(Kind kind)
 {
     return *std::find_if(kinds().cbegin(), kinds().cend(),
                          [kind](const KindInfo &info) { return info.kind == kind; });
+}
+
+std::optional<Kind> kindOfSettings(const QByteArray &content)
+{
+    const KeyLines lines = KeyLines::ofSettings(content);
+    if (lines.hasGroup(QStringLiteral("Backend settings"))
+        || lines.find(QString(), QStringLiteral("ApplyWithDelay"))) {
+        return Kind::State;
+    }
+    if (lines.hasGroup(QStringLiteral("Applications"))) {
+        return Kind::Versions;
+    }
+    if (lines.hasGroup(QStringLiteral("certificate"))) {
+        return Kind::Package;
+    }
+    if (lines.find(QString(), QStringLiteral("MaxTasksPerApp"))) {
+        return Kind::Tasks;
+    }
+    for (const KeyLine &line : lines.keys) {
+        if (line.key.contains(QLatin1String("Msec")) || line.key.contains(QLatin1String("MemoryTerm"))) {
+            return Kind::Oom;
+        }
+    }
+    return std::nullopt;
 }
 
 std::optional<Kind> kindOfContent(const QString &path)
@@ -49,20 +80,17 @@ std::optional<Kind> kindOfContent(const QString &path)
     if (KeyLines::ofDesktopFile(content).hasGroup(QStringLiteral("Desktop Entry"))) {
         return Kind::Desktop;
     }
-    return std::nullopt;
-}
-
-/// All files of a directory whose names match, in the order of the names.
-QVector<Target> targetsIn(const QString &directory, Kind kind)
-{
-    QVector<Target> targets;
-    const QDir dir(directory);
-    const QStringList names = dir.entryList({ QLatin1String(infoOf(kind).pattern) },
-                                            QDir::Files | QDir::System | QDir::Hidden, QDir::Name);
-    for (const QString &name : names) {
-        targets.append({ dir.filePath(name), kind });
+    const QJsonDocument document = QJsonDocument::fromJson(content);
+    if (!document.isNull()) {
+        const QJsonObject object = document.object();
+        const bool isIntent =
+            object.contains(QLatin1String("requiredParams")) || object.contains(QLatin1String("hints"));
+        const bool isManifest = object.contains(QLatin1String("keepMediaActiveInBackground"));
+        return isIntent  ? std::make_optional(Kind::Intent)
+            : isManifest ? std::make_optional(Kind::Manifest)
+                         : std::nullopt;
     }
-    return targets;
+    return kindOfSettings(content);
 }
 
 } // namespace
@@ -102,16 +130,6 @@ std::optional<Kind> kindOf(const QString &path)
     return kindOfContent(path);
 }
 
-QVector<Target> installedTargets()
-{
-    QVector<Target> targets;
-    const QStringList directories = QStandardPaths::standardLocations(QStandardPaths::ApplicationsLocation);
-    for (const QString &directory : directories) {
-        targets += targetsIn(directory, Kind::Desktop);
-    }
-    return targets;
-}
-
 QVector<Finding> checkFile(const QString &path, std::optional<Kind> kind)
 {
     Report report(path);
@@ -128,29 +146,6 @@ QVector<Finding> checkFile(const QString &path, std::optional<Kind> kind)
     }
     infoOf(*kind).check(path, report);
     return report.findings();
-}
-
-QVector<Finding> checkTogether(const QVector<Target> &targets)
-{
-    QVector<Finding> findings;
-    const ReaderLog log;
-    QMap<QString, QString> files; // id -> the desktop file that counts so far
-    for (const Target &target : targets) {
-        const Core::ApplicationInfo info(target.kind == Kind::Desktop ? target.path : QString());
-        if (!info.isValid()) {
-            continue;
-        }
-        QString &file = files[info.id().toString()];
-        if (!file.isEmpty()) {
-            Report report(file);
-            report.add(Rule::DuplicateId,
-                       QStringLiteral("%1 has the same id, %2, and counts in its place")
-                           .arg(target.path, info.id().toString()));
-            findings += report.findings();
-        }
-        file = target.path;
-    }
-    return findings;
 }
 
 } // namespace Ctl::Check

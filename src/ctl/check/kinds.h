@@ -25,12 +25,7 @@ struct Target
 /// Told by the name, else by what stands in the file.
 [[nodiscard]] std::optional<Kind> kindOf(const QString &path);
 
-/// All that the service would read here, in the order of its directories.
-[[nodiscard]] QVector<Target> installedTargets();
-
 /// What is found in one file. @p kind: if it is known already.
 [[nodiscard]] QVector<Finding> checkFile(const QString &path, std::optional<Kind> kind = std::nullopt);
-/// What is found between them, beyond what each of them has by itself.
-[[nodiscard]] QVector<Finding> checkTogether(const QVector<Target> &targets);
 
 } // namespace Ctl::Check

@@ -51,18 +51,25 @@ QString closest(const QString &word, const QStringList &words)
         return QString();
     }
     QString best;
+    QString longer; // the shortest one that only has more at its end
     int bestDistance = wanted.size() < 4 ? 1 : wanted.size() < 6 ? 2 : 3; // one more than is near
     for (const QString &candidate : words) {
         if (candidate == word) {
             continue;
         }
-        const int away = distance(wanted, bare(candidate));
+        const QString other = bare(candidate);
+        const bool lacksItsEnd =
+            wanted.size() >= 6 && other.startsWith(wanted) && wanted.size() * 2 >= other.size();
+        if (lacksItsEnd && (longer.isEmpty() || candidate.size() < longer.size())) {
+            longer = candidate;
+        }
+        const int away = distance(wanted, other);
         if (away < bestDistance) {
             best = candidate;
             bestDistance = away;
         }
     }
-    return best;
+    return best.isEmpty() ? longer : best;
 }
 
 QString didYouMean(const QString &word)

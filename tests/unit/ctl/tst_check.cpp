@@ -159,9 +159,10 @@ void CheckTest::everyRuleIsInSomeCase()
             missing.remove(matches.next().captured(1));
         }
     }
-    const QSet<QString> elsewhere { QStringLiteral("unreadable"), QStringLiteral("not-regular"),
-                                    QStringLiteral("too-large"), QStringLiteral("program-missing"),
-                                    QStringLiteral("duplicate-id") };
+    const QSet<QString> elsewhere { QStringLiteral("unreadable"),   QStringLiteral("not-regular"),
+                                    QStringLiteral("too-large"),    QStringLiteral("program-missing"),
+                                    QStringLiteral("duplicate-id"), QStringLiteral("overridden"),
+                                    QStringLiteral("state-files"),  QStringLiteral("hidden-directory") };
     QCOMPARE(missing, elsewhere);
 }
 
