@@ -9,8 +9,8 @@
 #include "Core/json_path.h"
 #include "Core/types.h"
 
-#include <QDir>
 #include <QFileInfo>
+#include <QHash>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -45,8 +45,7 @@ public:
         m_isRead = true;
         m_isObject = document.isObject();
         m_object = document.object();
-        m_members = jsonMembers(content);
-        checkDuplicates();
+        readMembers(content);
     }
 
     [[nodiscard]] bool isRead() const { return m_isRead; }
@@ -55,11 +54,7 @@ public:
 
     [[nodiscard]] Place place(const QString &parent, const QString &key) const
     {
-        Place found { 0, parent, key };
-        for (const JsonMember &member : m_members) {
-            found.line = member.parent == parent && member.key == key ? member.line : found.line;
-        }
-        return found;
+        return { m_lines.value(qMakePair(parent, key)), parent, key };
     }
 
     /// Tells of members of the object under @p parent that nobody reads.
@@ -80,25 +75,23 @@ public:
     Report &report;
 
 private:
-    void checkDuplicates() const
+    void readMembers(const QByteArray &content)
     {
-        for (int i = 0; i < m_members.size(); ++i) {
-            const JsonMember &member = m_members.at(i);
-            const bool isSecond =
-                std::any_of(m_members.cbegin(), m_members.cbegin() + i, [&member](const JsonMember &other) {
-                    return other.key == member.key && other.parent == member.parent;
-                });
-            if (isSecond) {
+        const QVector<JsonMember> members = jsonMembers(content);
+        for (const JsonMember &member : members) {
+            const auto name = qMakePair(member.parent, member.key);
+            if (m_lines.contains(name)) {
                 report.add(Rule::DuplicateKey, { member.line, member.parent, member.key },
                            QStringLiteral("\"%1\" stands there twice: the last one counts").arg(member.key));
             }
+            m_lines.insert(name, member.line);
         }
     }
 
     bool m_isRead = false;
     bool m_isObject = false;
     QJsonObject m_object;
-    QVector<JsonMember> m_members;
+    QHash<QPair<QString, QString>, int> m_lines; // object and key -> line of the last one
 };
 
 enum class HintType { Places, Texts, Text, Boolean };

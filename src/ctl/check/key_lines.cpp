@@ -199,7 +199,7 @@ KeyLines KeyLines::ofDesktopFile(const QByteArray &content)
         const QByteArray name = groupOfDesktopLine(line);
         if (!name.isNull()) {
             group = decoded(name);
-            lines.groups.append({ number, group });
+            lines.add(GroupLine { number, group });
             continue;
         }
         const int equals = line.indexOf('=');
@@ -214,7 +214,7 @@ KeyLines KeyLines::ofDesktopFile(const QByteArray &content)
         KeyLine entry { number, group, decoded(line.left(keyEnd)), QString() };
         const QByteArray rest = line.mid(equals + 1);
         entry.value = decoded(rest.mid(firstNonSpace(rest)), &entry.isUtf8);
-        lines.keys.append(entry);
+        lines.add(entry);
     }
     return lines;
 }
@@ -234,7 +234,7 @@ KeyLines KeyLines::ofSettings(const QByteArray &content)
             }
             const QByteArray name = text.mid(1, end < 0 ? -1 : end - 1).trimmed();
             group = name.compare("general", Qt::CaseInsensitive) == 0 ? QString() : unescaped(name);
-            lines.groups.append({ number, group.isEmpty() ? decoded(name) : group });
+            lines.add(GroupLine { number, group.isEmpty() ? decoded(name) : group });
             continue;
         }
         if (line.equals < 0) {
@@ -248,33 +248,40 @@ KeyLines KeyLines::ofSettings(const QByteArray &content)
         KeyLine entry { number, group, unescaped(text.left(keyEnd)), QString() };
         entry.value = decoded(text.mid(line.equals + 1).trimmed(), &entry.isUtf8);
         entry.isCut = line.isCut;
-        lines.keys.append(entry);
+        lines.add(entry);
     }
     return lines;
 }
 
+void KeyLines::add(const KeyLine &line)
+{
+    m_lastOfKey.insert(qMakePair(line.group, line.key), keys.size());
+    keys.append(line);
+}
+
+void KeyLines::add(const GroupLine &line)
+{
+    if (!m_lineOfGroup.contains(line.name)) {
+        m_lineOfGroup.insert(line.name, line.line);
+    }
+    groups.append(line);
+}
+
 const KeyLine *KeyLines::find(const QString &group, const QString &key) const
 {
-    const auto found = std::find_if(keys.crbegin(), keys.crend(), [&](const KeyLine &line) {
-        return line.key == key && line.group == group;
-    });
-    return found == keys.crend() ? nullptr : &*found;
+    const auto found = m_lastOfKey.constFind(qMakePair(group, key));
+    return found == m_lastOfKey.cend() ? nullptr : &keys.at(*found);
 }
 
 bool KeyLines::hasGroup(const QString &group) const
 {
-    return std::any_of(groups.cbegin(), groups.cend(),
-                       [&group](const GroupLine &line) { return line.name == group; });
+    return m_lineOfGroup.contains(group);
 }
 
 int KeyLines::lineOf(const QString &group, const QString &key) const
 {
-    if (const KeyLine *line = key.isEmpty() ? nullptr : find(group, key)) {
-        return line->line;
-    }
-    const auto found = std::find_if(groups.cbegin(), groups.cend(),
-                                    [&group](const GroupLine &line) { return line.name == group; });
-    return found == groups.cend() ? 0 : found->line;
+    const KeyLine *line = key.isEmpty() ? nullptr : find(group, key);
+    return line ? line->line : m_lineOfGroup.value(group);
 }
 
 } // namespace Ctl::Check

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <QByteArray>
+#include <QHash>
+#include <QPair>
 #include <QString>
 #include <QStringList>
 #include <QVector>
@@ -35,8 +37,9 @@ struct BadLine
 ///
 /// What a value means is asked of the reader of that kind of file; this only knows where it stands, and what
 /// of it a reader drops.
-struct KeyLines
+class KeyLines
 {
+public:
     QVector<GroupLine> groups;
     QVector<KeyLine> keys;
     QVector<BadLine> bad;
@@ -53,6 +56,13 @@ struct KeyLines
     [[nodiscard]] bool hasGroup(const QString &group) const;
     /// Line of the key, else of its group, else 0.
     [[nodiscard]] int lineOf(const QString &group, const QString &key = {}) const;
+
+private:
+    void add(const KeyLine &line);
+    void add(const GroupLine &line);
+
+    QHash<QPair<QString, QString>, int> m_lastOfKey; // group and key -> index in keys
+    QHash<QString, int> m_lineOfGroup; // name -> line where it begins first
 };
 
 } // namespace Ctl::Check

@@ -26,12 +26,12 @@ QString path(const QString &group, const QString &key)
 
 SettingsSubject::SettingsSubject(const QString &path, Report &where)
     : report(where)
-    , m_path(path)
+    , m_isRead(readFile(path, m_content, report))
+    , m_lines(KeyLines::ofSettings(m_content))
+    // It would wait for somebody to write to a FIFO.
+    , m_settings(m_isRead ? path : QString(), QSettings::IniFormat)
 {
-    QByteArray content;
-    m_isRead = readFile(path, content, report);
     if (m_isRead) {
-        m_lines = KeyLines::ofSettings(content);
         checkLines();
     }
 }
@@ -48,12 +48,12 @@ void SettingsSubject::add(Rule rule, const QString &group, const QString &key, c
 
 QVariant SettingsSubject::value(const QString &group, const QString &key) const
 {
-    return QSettings(m_path, QSettings::IniFormat).value(path(group, key));
+    return m_settings.value(path(group, key));
 }
 
 bool SettingsSubject::contains(const QString &group, const QString &key) const
 {
-    return QSettings(m_path, QSettings::IniFormat).contains(path(group, key));
+    return m_settings.contains(path(group, key));
 }
 
 std::optional<int> SettingsSubject::number(const QString &key, const QString &otherwise) const

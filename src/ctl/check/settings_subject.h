@@ -42,9 +42,10 @@ private:
     void checkLines() const;
     void checkValueOf(const KeyLine &line) const;
 
-    const QString m_path;
-    bool m_isRead = false;
-    KeyLines m_lines;
+    QByteArray m_content;
+    const bool m_isRead;
+    const KeyLines m_lines;
+    const QSettings m_settings;
 };
 
 } // namespace Ctl::Check

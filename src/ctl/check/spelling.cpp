@@ -1,8 +1,7 @@
 #include "check/spelling.h"
 
-#include <QVector>
-
 #include <algorithm>
+#include <cstdlib>
 
 namespace Ctl::Check {
 
@@ -10,24 +9,30 @@ namespace {
 
 constexpr int longestWord = 100; // no key has more characters
 
-/// How many letters must be added, dropped, replaced or swapped with the next one.
-int distance(const QString &one, const QString &other)
+/// How many letters must be added, dropped, replaced or swapped with the next one; @p limit if it is not
+/// less.
+int distance(const QString &one, const QString &other, int limit)
 {
-    QVector<QVector<int>> table(one.size() + 1, QVector<int>(other.size() + 1));
+    if (std::abs(one.size() - other.size()) >= limit) {
+        return limit;
+    }
+    int rows[3][longestWord + 1] = {}; // this one, the one before, and the one before that
     for (int i = 0; i <= one.size(); ++i) {
+        int *const row = rows[i % 3];
+        const int *const before = rows[(i + 2) % 3];
         for (int j = 0; j <= other.size(); ++j) {
             if (i == 0 || j == 0) {
-                table[i][j] = i + j;
+                row[j] = i + j;
                 continue;
             }
-            const int replaced = table[i - 1][j - 1] + (one.at(i - 1) == other.at(j - 1) ? 0 : 1);
-            table[i][j] = std::min({ table[i - 1][j] + 1, table[i][j - 1] + 1, replaced });
+            const int replaced = before[j - 1] + (one.at(i - 1) == other.at(j - 1) ? 0 : 1);
+            row[j] = std::min({ before[j] + 1, row[j - 1] + 1, replaced });
             if (i > 1 && j > 1 && one.at(i - 1) == other.at(j - 2) && one.at(i - 2) == other.at(j - 1)) {
-                table[i][j] = std::min(table[i][j], table[i - 2][j - 2] + 1);
+                row[j] = std::min(row[j], rows[(i + 1) % 3][j - 2] + 1);
             }
         }
     }
-    return table[one.size()][other.size()];
+    return rows[one.size() % 3][other.size()];
 }
 
 /// Without what is easily left out or put in, and in one case.
@@ -63,7 +68,7 @@ QString closest(const QString &word, const QStringList &words)
         if (lacksItsEnd && (longer.isEmpty() || candidate.size() < longer.size())) {
             longer = candidate;
         }
-        const int away = distance(wanted, other);
+        const int away = other.size() > longestWord ? bestDistance : distance(wanted, other, bestDistance);
         if (away < bestDistance) {
             best = candidate;
             bestDistance = away;
