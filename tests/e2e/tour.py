@@ -1,9 +1,12 @@
 """What docs/tour.md shows: a newcomer's first hour, with nothing but the man pages."""
 
+from stack.memory import resident_mb
+from stack.process import descendants
+from stack.waiting import until
+
 ALBUM, READER = "org.example.Album", "org.example.Reader"
 SIZES = {ALBUM: "66.0 MB", READER: "10.1 MB"} # as they are shown, in place of what was measured
 FILES = "~/.local/share/applications"
-ITS_SIZE = r" (6|7)\d\.\d MB" # of the album, once it has all of its pictures
 
 
 def tell(tour):
@@ -18,6 +21,13 @@ def tell(tour):
     _go_on(tour)
 
 
+def _start(tour, app, size_mb):
+    """Returns when the program has taken its memory, which it would not get while it is frozen."""
+    # A new desktop file may not have been noticed yet.
+    pid = int(tour.run(f"procwardenctl start {app}", shows=f"^{app} ").split()[1])
+    until(lambda: any(resident_mb(child) > size_mb for child in descendants(pid)), f"the pictures of {app}")
+
+
 def _begin(tour):
     tour.say("""
         # A tour
@@ -25,8 +35,8 @@ def _begin(tour):
         <!-- Made by tests/e2e/tour.py; UPDATE_GOLDEN=1 rewrites it. -->
 
         A program becomes an application: it is declared, checked, started, watched, frozen, and killed when memory runs
-        short. Everything that had to be known for it stands in the man pages. The commands were really typed, and a test
-        types them again and compares what they print; only process ids, times, sizes and places are examples.
+        short. Everything that had to be known for it stands in the man pages. The commands were really typed, and a
+        test types them again and compares what they print; only process ids, times, sizes and places are examples.
 
         This is the prompt that `./dev shell` opens, of an ordinary user. Service, buses, sandbox and control groups are
         real. The permission daemon is a stand-in that agrees to everything. Three things are there for trying out:
@@ -118,12 +128,12 @@ def _watch(tour):
         """)
     tour.run("procwardenctl monitor >~/events &")
     tour.wait("cat ~/events", "memory")
-    tour.run(f"procwardenctl start {ALBUM}")
-    tour.run("procwardenctl list", shows=ITS_SIZE)
+    _start(tour, ALBUM, 64)
+    tour.run("procwardenctl list")
     tour.say("More about one of them, also how long its start took:")
     tour.run(f"procwardenctl status {ALBUM}")
-    tour.quote("procwardenctl(1)", "Shows all that is known: whether it is installed and blocked, what runs of it, its "
-               "last launch with the milliseconds that each step took since it was asked for, and its last end.")
+    tour.quote("procwardenctl(1)", "its last launch with the steps that it has passed, each with the milliseconds since "
+               "the launch was asked for, and its last five ends, the latest first.")
 
 
 def _freeze(tour):
@@ -136,8 +146,8 @@ def _freeze(tour):
     tour.run(f"procwardenctl windows {ALBUM} 1 0 0")
     tour.run(f"procwardenctl windows {ALBUM} 0 0 1")
     tour.say("""
-        It should be hidden now, and is inactive. The last line of `app` said why: by its background policy it is never
-        frozen.
+        It should be hidden now, and is inactive. The end of what `app` printed says why: without a manifest, it is made for
+        a system that froze nothing.
         """)
     tour.quote("procwarden-os-version-support.cfg(5)",
                "Without an entry, an application whose package has a valid manifest.json counts as made for 5.2.0, and "
@@ -179,7 +189,7 @@ def _run_short(tour):
     tour.run(f"procwardenctl start {READER}", shows=READER) # the file may not have been noticed yet
     tour.run(f"procwardenctl windows {ALBUM} 0 0 1")
     tour.run(f"procwardenctl windows {READER} 1 0 0")
-    tour.run("procwardenctl list", shows=rf"(?s)hidden, frozen.*{ITS_SIZE}.*active.* (9|1\d)\.\d MB")
+    tour.run("procwardenctl list", shows=r"(?s)hidden, frozen.*active ")
     tour.say("What would happen if the memory ran short:")
     tour.run("procwardenctl memory")
     tour.quote("procwarden-oom.cfg(5)", "Critical memory is told, too, and at each look one victim is killed: what has "
@@ -187,7 +197,7 @@ def _run_short(tour):
     tour.say("Both have the same `oom_score_adj`, and the user has left the album. So let it run short.")
     tour.run("sed -i 's/^MemAvailable: .*/MemAvailable: 100000 kB/' $PROCWARDEN_ROOTFS/proc/meminfo")
     tour.run("procwardenctl memory | head -n 2", shows="critical")
-    tour.run(f"procwardenctl status {ALBUM}", shows="Last end: .*early-oom")
+    tour.run(f"procwardenctl status {ALBUM}", shows=r"(?s)not running.*early-oom")
     tour.say("""
         That is why: which figures, which rule, which signal. The reader goes on, and the album's whole life is in what was
         written down beside. It is inactive for a moment at its end, since what is frozen does not die of a signal.

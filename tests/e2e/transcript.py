@@ -15,8 +15,8 @@ from stack.waiting import LIMIT, NotInTime, until
 
 DATE, CLOCK = "2026-11-21 10:15:00", 10 * 3600 + 15 * 60
 RIGHT = {"PID", "SINCE", "MEMORY", "CPU", "CPU%", "OOM", "RAN"} # titles of columns that are aligned at their right
-STEPS = {"Allowed": 4, "Prompted": 4, "Granted": 6, "Spawned": 5, "Grouped": 6, "Released": 6, "NameSeen": 90,
-         "FirstWindow": 1830} # ms since a start was asked for
+STEPS = {"allowed": 4, "prompted": 4, "granted": 6, "spawned": 5, "in its groups": 6, "released": 6, "name seen": 90,
+         "first window": 1830} # ms since a start was asked for
 FIRST_PID, NEXT_PID = 2418, 137
 
 

@@ -142,7 +142,7 @@ class Hog:
         self.end()
 
 
-def _resident_mb(pid):
+def resident_mb(pid):
     """Memory that a process has in use; 0 if there is none (any more)."""
     try:
         with open(f"/proc/{pid}/status") as file:
@@ -174,7 +174,7 @@ class Others:
     def _without_ours(self):
         """What would be available if ours had taken nothing."""
         family = set(self._ours).union(*(descendants(pid) for pid in list(self._ours)))
-        return available_kb() // MEGABYTE + sum(_resident_mb(pid) for pid in family)
+        return available_kb() // MEGABYTE + sum(resident_mb(pid) for pid in family)
 
     def _watch(self):
         while not self._ended.wait(self.INTERVAL):
