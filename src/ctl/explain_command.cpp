@@ -51,7 +51,9 @@ QString explanation(const Output &output, const QVariantMap &start)
     for (auto count = counts.cbegin(); count != counts.cend(); ++count) {
         const QVariantList pair = count->toList();
         const bool fits = pair.value(0).toUInt() <= pair.value(1).toUInt();
-        text += QStringLiteral("  %1 ").arg(count.key(), -16)
+        QString name = count.key();
+        name.replace(QLatin1String("Bytes"), QLatin1String(" bytes"));
+        text += QStringLiteral("  %1  ").arg(name, -17)
             + output.highlighted(
                 QStringLiteral("%1 of %2").arg(pair.value(0).toUInt()).arg(pair.value(1).toUInt()),
                 fits ? Style::Plain : Style::Bad)

@@ -292,8 +292,15 @@ def test_block(sample):
     assert "Blocked: yes\n" in ctl.run(sample, "status", SAMPLE).out
     assert ctl.run(sample, "start", SAMPLE, status=ctl.REFUSED).error == (
         "procwardenctl: org.kestrix.Procwarden.Error.ApplicationBlocked\n")
+    explained = ctl.run(sample, "explain", SAMPLE, status=ctl.REFUSED).out
+    assert "  FAILED  Block: launches are prevented\n" in explained
     assert ctl.run(sample, "unblock", SAMPLE).out == ""
     ctl.run(sample, "start", SAMPLE)
+    # What runs goes on.
+    ctl.run(sample, "block", SAMPLE)
+    assert [process["Id"] for process in ctl.run_json(sample, "list")] == [SAMPLE]
+    sample.restart_service()
+    assert "Blocked: no\n" in ctl.run(sample, "status", SAMPLE).out
 
 
 def test_wait(sample):

@@ -53,7 +53,8 @@ def shell_environment(stack, **more):
 def in_bash(stack, line, directory):
     """What bash offers for the last word of a line."""
     words = line.split(" ")
-    script = ('source "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); COMP_LINE="$*"; COMP_POINT=${#COMP_LINE}; '
+    script = ('source "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); COMP_LINE="$*"; '
+              'COMP_POINT=${#COMP_LINE}; '
               '_procwardenctl procwardenctl "${COMP_WORDS[COMP_CWORD]}" "${COMP_WORDS[COMP_CWORD - 1]}"; '
               'printf "%s\\n" "${COMPREPLY[@]}"')
     found = subprocess.run(["/bin/bash", "-c", script, "bash", BASH, *words], env=shell_environment(stack),

@@ -87,6 +87,20 @@ def test_monitor_tells_of_the_memory(own_memory, monitors):
     assert re.search(r"early-oom: memory is Critical, .*; signal 9 \(SIGKILL\)$", monitor.wait_for("ended"))
 
 
+def test_monitor_tells_who_asked(sample, monitors):
+    other = "org.example.Other"
+    sample.install_sample(other, sandbox=UNSANDBOXED)
+    sample.control.reload()
+    sample.control.start(other)
+    monitor = monitors(sample)
+    control = "org.kestrix.Procwarden /org/kestrix/Procwarden/Control1 org.kestrix.Procwarden.Control1"
+    sample.sample(other).call_service(f"{control} Start", SAMPLE)
+    assert monitor.wait_for(f"started +{SAMPLE} ").endswith(f", direct start, by {other}")
+    sample.sample(SAMPLE)
+    sample.sample(other).call_service(f"{control} Terminate", SAMPLE)
+    assert monitor.wait_for(f"ended +{SAMPLE} ").endswith(f", requested: exit status 0, by {other}")
+
+
 def test_monitor_outlives_the_service(sample, monitors):
     monitor = monitors(sample)
     sample.restart_service()

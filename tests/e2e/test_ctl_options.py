@@ -4,13 +4,17 @@ import ast
 import glob
 import os
 import re
+import shutil
+import subprocess
 
 import pytest
 
 import ctl
 import tasker
 from invoker import install_handler
+from stack.document_portal import DocumentPortal, cannot_run
 from stack.stack import TREE
+from stack.waiting import LIMIT
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 MAN_PAGE = os.path.join(TREE, "docs", "man", "procwardenctl.1")
@@ -38,8 +42,8 @@ def ordered(node):
 
 
 def used_options(names):
-    """(command, option) for all that calls in the tests of this directory have; what stands in the lists of parametrized
-    tests does not count, since most of that is there to be refused."""
+    """(command, option) for all that calls in the tests of this directory have. What stands in the lists of
+    parametrized tests does not count, since most of that is there to be refused."""
     used = set()
     for path in glob.glob(os.path.join(HERE, "test_ctl*.py")):
         with open(path) as file:
@@ -148,7 +152,8 @@ def test_options_of_check(stack, tmp_path):
     assert notes and {note["Severity"] for note in notes} == {"note"}
     assert ctl.run_json(stack, "check", "--quiet", str(fine))["Findings"] == []
     assert ctl.run_json(stack, "check", "-q", str(fine))["Findings"] == []
-    assert ctl.run(stack, "check", "--strict", str(fine), status=ctl.REFUSED).out == ctl.run(stack, "check", str(fine)).out
+    strict = ctl.run(stack, "check", "--strict", str(fine), status=ctl.REFUSED)
+    assert strict.out == ctl.run(stack, "check", str(fine)).out
     # Nothing tells what this is; as a desktop file it has no usable name.
     strange = tmp_path / "example"
     strange.write_text(fine.read_text())
@@ -157,6 +162,56 @@ def test_options_of_check(stack, tmp_path):
     assert ctl.run_json(stack, "check", "-t", "desktop", str(strange), status=ctl.REFUSED) == found
     rules = ctl.run_json(stack, "check", "--rules")
     assert {note["Rule"] for note in notes} <= {rule["Rule"] for rule in rules}
+
+
+# --- what the man page says ---
+
+
+def examples():
+    with open(MAN_PAGE) as file:
+        text = file.read().partition("\n.EX\n")[2].partition("\n.EE")[0]
+    return [line.replace("\\-", "-") for line in text.splitlines()]
+
+
+@pytest.mark.skipif(bool(cannot_run()), reason=cannot_run())
+def test_examples_of_the_man_page(stack, tmp_path):
+    portal = DocumentPortal(stack)
+    stack.start()
+    stack.install_sample("org.example.Notes", sandbox={"Sandboxing": "Disabled"})
+    install_handler(stack, intents="Share", main={"MimeType": "image/png"})
+    # Where the portal of the user can look.
+    picture = os.path.join(stack.user.home, "picture.png")
+    with open(picture, "wb"):
+        os.chown(picture, stack.user.uid, stack.user.gid)
+    with open(stack.applications.desktop_file("org.example.Notes")) as file:
+        (tmp_path / "org.example.Notes.desktop").write_text(file.read())
+    env = ctl.environment(stack)
+    env["PATH"] = f"{stack.bin_dir}:{env['PATH']}"
+    lines = examples()
+    assert len(lines) >= 6
+    for line in lines:
+        if " | jq " in line and not shutil.which("jq"):
+            line = line.partition(" | jq ")[0]
+        if line.startswith("procwardenctl debug"):
+            # It may be frozen, in which state it does not end.
+            ctl.run(stack, "windows", "org.example.Notes", "1", "0", "0")
+            ctl.run(stack, "stop", "org.example.Notes")
+            ctl.run(stack, "wait", "org.example.Notes")
+        line = line.replace("/tmp/picture.png", picture)
+        finished = subprocess.run(["/bin/bash", "-o", "pipefail", "-c", line], env=env, cwd=tmp_path,
+                                  capture_output=True, text=True, timeout=2 * LIMIT)
+        assert (finished.returncode, finished.stderr) == (0, ""), (line, finished)
+        assert finished.stdout, line
+    portal.close()
+
+
+def test_texts_of_the_help_and_the_man_page_agree(stack):
+    with open(MAN_PAGE) as file:
+        page = file.read()
+    # The same exit statuses, in the same order.
+    told = re.findall(r"(?m)^\.B (\d)$", page.partition(".SH EXIT STATUS")[2].partition("\n.SH ")[0])
+    text = " ".join(ctl.run(stack, "--help").out.partition("Exit status: ")[2].split())
+    assert told == re.findall(r"\b(\d) ", text) == [str(status) for status in range(6)]
 
 
 # --- where words may stand ---
