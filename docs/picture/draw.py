@@ -77,7 +77,7 @@ class Picture:
             self.lanes[found[1]] = found[2]
         elif found := re.fullmatch(r"note (\w+)\s*: (.+)", line):
             self.steps.append((self._known(found[1]), None, False, found[2], ""))
-        elif found := re.fullmatch(r"(\w+) (->|\.\.>) (\w+)\s*: ([^|]+?)(?:\s*\| (\w+))?", line):
+        elif found := re.fullmatch(r"(\w+) (->|\.\.>) (\w+)\s*: ([^|]+?)(?:\s*\| (.+))?", line):
             self.steps.append((self._known(found[1]), self._known(found[3]), found[2] == "..>", found[4],
                                found[5] or ""))
         else:
