@@ -46,6 +46,12 @@ def run_json(stack, *words, **options):
     return run(stack, "--json", *words, **options).json
 
 
+def run_json_of_all(stack, count=1):
+    """What list tells, once it knows all of that many: what stands for /proc may have their files a little later."""
+    return until(lambda: len(found := run_json(stack, "list")) >= count
+                 and all("OomRank" in process for process in found) and found, f"{count} that run")
+
+
 class Later:
     """It runs meanwhile. lines grows as it prints."""
 

@@ -135,7 +135,7 @@ def test_list(sample):
     sample.control.update_windows(SAMPLE, active=1)
     tasker.start(sample)
     tasker.wait_running(sample)
-    found = ctl.run_json(sample, "list")
+    found = ctl.run_json_of_all(sample, 2)
     assert [process["Id"] for process in found] == [SAMPLE, tasker.task_id("work")]
     text = ctl.run(sample, "list").out
     if all(sample.hierarchies.is_real(name) for name in ("cpu", "memory", "freezer")):
@@ -200,6 +200,7 @@ def test_memory(own_memory):
     own_memory.install_sample(sandbox=UNSANDBOXED)
     own_memory.start()
     started = own_memory.control.start(SAMPLE)
+    ctl.run_json_of_all(own_memory)
     own_memory.memory.set_level("low")
     assert ctl.run_json(own_memory, "memory")["Level"] == 100
     ctl.golden("memory", re.sub(r"\d+ ms|[\d.]+ %", "N", ctl.normal(ctl.run(own_memory, "memory").out,

@@ -154,6 +154,7 @@ def test_colours_are_for_terminals(sample):
 def test_table_fits_the_terminal(sample):
     sample.control.start(SAMPLE)
     sample.sample(SAMPLE)
+    ctl.run_json_of_all(sample)
     for narrow in (on_terminal(sample, "list", columns=72, NO_COLOR="1"),
                    on_terminal(sample, "list", NO_COLOR="1", COLUMNS="72")):
         assert max(len(line) for line in narrow.splitlines()) <= 72 and "…" in narrow

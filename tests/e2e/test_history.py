@@ -182,6 +182,7 @@ def test_early_oom_tells_figures_and_rule(own_memory):
         own_memory.control.start(app_id)
         own_memory.sample(app_id)
     own_memory.control.update_windows(SAMPLE, active=1)
+    ctl.run_json_of_all(own_memory, 2)
     found = ctl.run_json(own_memory, "memory")["Candidates"]
     assert [candidate["Id"] for candidate in found] == [OTHER, SAMPLE]
     rules = {"oom_score_adj", "least recently active"}

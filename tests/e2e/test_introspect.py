@@ -37,7 +37,8 @@ def test_what_runs(sample):
     started = sample.control.start(SAMPLE)
     sample.sample(SAMPLE)
     sample.control.update_windows(SAMPLE, active=2, hidden=1)
-    (found,) = ask(sample, "ListRunning")
+    # What stands for /proc may have its files a little later.
+    (found,) = until(lambda: "OomRank" in (found := ask(sample, "ListRunning"))[0] and found, "its rank")
     assert (found["Id"], found["Kind"], found["Pid"], found["State"]) == (SAMPLE, "application", started.pid, 1)
     assert (found["StartReason"], found["RequestorId"], found["Uris"]) == (4, "", [])
     assert (found["ActiveWindows"], found["InactiveWindows"], found["HiddenWindows"]) == (2, 0, 1)
@@ -178,6 +179,7 @@ def test_memory(own_memory):
     for app_id in (SAMPLE, OTHER):
         own_memory.control.start(app_id)
     own_memory.control.update_windows(SAMPLE, active=1)
+    until(lambda: all("OomRank" in found for found in ask(own_memory, "ListRunning")), "the ranks")
     memory = ask(own_memory, "GetMemory")
     assert memory["Level"] == 0 and memory["IntervalMs"] > 0
     assert 0 < memory["AvailableKb"] <= memory["TotalKb"] and 0 < memory["Percent"] <= 100
