@@ -65,6 +65,18 @@ def test_first_application(prompt, tmp_path):
             shell.wait()
 
 
+def test_shell_that_it_speaks_of():
+    """What ./dev shell calls, with commands in place of somebody at a terminal."""
+    checked = typed().partition("procwardenctl start")[0]
+    commands = f"procwardenctl start org.example.Sample\nprocwardenctl list\nls ${{MANPATH%:}}\n{checked}"
+    shell = subprocess.run(["/usr/bin/python3", "-B", "-m", "stack", "shell"], input=commands, text=True,
+                           env={**os.environ, "ASAN_OPTIONS": "detect_leaks=0"}, capture_output=True, timeout=4 * LIMIT)
+    assert shell.returncode == 0, shell.stderr
+    told = shell.stdout.partition("exit, or Ctrl-D: everything goes")[2]
+    for line in (r"org\.example\.Sample \d+", r"org\.example\.Sample +launched .*", "man1", "1 file: nothing found"):
+        assert re.search(rf"(?m)^{line}$", told), (shell.stdout, shell.stderr)
+
+
 def test_it_has_ten_lines():
     assert len(typed().splitlines()) == 10
 
