@@ -326,7 +326,7 @@ class Stack:
         # Only one process can own a name, so each of several instances has its own.
         usual = instance_id if ".instance_" in instance_id else f"{instance_id}.Main"
         until(lambda: self.session_bus.owner(name or usual), f"the bus name {name or usual}",
-              detail=self.service.log)
+              detail=self.service and self.service.log)
         return SampleClient(self.session_bus, name or usual)
 
     def complaints(self):

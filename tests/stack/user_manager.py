@@ -41,12 +41,15 @@ class UserManager:
     """Runs from start() to stop(). Needs groups of its own in the hierarchies that systemd manages.
 
     capabilities: names of those that the manager gets, as setpriv(1) has them, although it is an ordinary user's.
+    as_root: it is root's, and can make of a unit of the system what the system's manager would make of it.
     """
 
-    def __init__(self, stack, hierarchies=("unified", "systemd"), capabilities=()):
+    def __init__(self, stack, hierarchies=("unified", "systemd"), capabilities=(), as_root=False):
         self._stack = stack
         self._capabilities = capabilities
-        self._groups = [os.path.join("/sys/fs/cgroup", name, GROUP.format(uid=stack.user.uid))
+        self._uid, self._gid = (0, 0) if as_root else (stack.user.uid, stack.user.gid)
+        group = GROUP.format(uid=stack.user.uid) + ("-root" if as_root else "")
+        self._groups = [os.path.join("/sys/fs/cgroup", name, group)
                         for name in hierarchies if os.path.isdir(os.path.join("/sys/fs/cgroup", name))]
         self._booted = None
         self._child = None
@@ -54,13 +57,12 @@ class UserManager:
 
     def start(self):
         self._booted = Booted()
-        user = self._stack.user
         for group in self._groups:
             os.makedirs(group, exist_ok=True)
             for name in ("", "cgroup.procs", "cgroup.subtree_control", "cgroup.threads", "tasks"):
                 path = os.path.join(group, name)
                 if os.path.exists(path):
-                    os.chown(path, user.uid, user.gid)
+                    os.chown(path, self._uid, self._gid)
         log = os.path.join(self._stack.directory, "log", "manager")
         self._child = Child("the user manager", self.command(MANAGER, "--user"), log, self.environment)
         until(self._ready, "the user manager", detail=self._child.output)
@@ -76,12 +78,11 @@ class UserManager:
 
         The shell goes into the manager's groups first; what it becomes, and all that this starts, stays there.
         """
-        user = self._stack.user
         joins = "".join(f"echo $$ >'{group}/cgroup.procs'; " for group in self._groups)
         gets = ",".join(f"+{name}" for name in self._capabilities)
         extra = f" --inh-caps={gets} --ambient-caps={gets}" if gets else ""
         groups = ",".join(map(str, self._stack.groups))
-        drop = (f"exec /usr/bin/setpriv --reuid={user.uid} --regid={user.gid} "
+        drop = (f"exec /usr/bin/setpriv --reuid={self._uid} --regid={self._gid} "
                 f"{f'--groups={groups}' if groups else '--clear-groups'}{extra} -- \"$@\"")
         return [*self._stack.enter(), "/bin/sh", "-c", joins + drop, "sh", *argv]
 
