@@ -32,7 +32,15 @@ for name in $TOPS; do
 done
 mount --bind "$MORE/shared-policies" "$SHARED_POLICIES"
 mount --bind "$MORE/local-policies" "$LOCAL_POLICIES"
-if [ -n "$GROUPS_PLACE" ]; then mount --rbind "$GROUPS_PLACE" /sys/fs/cgroup; fi
+for group in ${GROUPS_PLACE:+"$GROUPS_PLACE"/*}; do
+    # Beside those that managers need, where the machine has places for both.
+    if [ -d "/sys/fs/cgroup/${group##*/}" ]; then
+        mount --bind "$group" "/sys/fs/cgroup/${group##*/}"
+    else
+        mount --rbind "$GROUPS_PLACE" /sys/fs/cgroup
+        break
+    fi
+done
 # As a manager of the system has it, and by which others know of it. Were /run no mount, units with a name space of their
 # own would get an empty one.
 mount --rbind /run /run
