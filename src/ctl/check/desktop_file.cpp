@@ -117,10 +117,12 @@ void checkGroups(const DesktopSubject &subject)
     }
 }
 
-bool hasUnknownEscape(const QString &value)
+/// @param isList whether the reader splits it, and takes a semicolon behind a backslash as one of an entry
+bool hasUnknownEscape(const QString &value, bool isList)
 {
+    const QString known = isList ? QStringLiteral("sntr\\;") : QStringLiteral("sntr\\");
     for (int i = value.indexOf(QLatin1Char('\\')); i >= 0; i = value.indexOf(QLatin1Char('\\'), i + 2)) {
-        if (i + 1 >= value.size() || !QStringLiteral("sntr\\;").contains(value.at(i + 1))) {
+        if (i + 1 >= value.size() || !known.contains(value.at(i + 1))) {
             return true;
         }
     }
@@ -148,10 +150,14 @@ void checkReadKey(const DesktopSubject &subject, const KeyLine &line, const Plac
             Rule::TrailingBlank, place,
             QStringLiteral("the blanks at the end are a part of %1: it is \"%2\"").arg(line.key, line.value));
     }
-    if (hasUnknownEscape(line.value)) {
+    const bool isSplit =
+        line.key == QLatin1String("MimeType") || DesktopKeys::kindOf(line.group) == GroupKind::Task;
+    if (hasUnknownEscape(line.value, isSplit && line.key != QLatin1String("Exec"))) {
         subject.report.add(
             Rule::Escape, place,
-            QStringLiteral("%1 has a backslash that begins none of \\s \\n \\t \\r \\\\").arg(line.key));
+            QStringLiteral("%1 has a backslash that begins none of \\s \\n \\t \\r \\\\: it stays as it "
+                           "is")
+                .arg(line.key));
     }
 }
 

@@ -215,10 +215,23 @@ QString mimeTypeFault(const QString &type)
     if (type.indexOf(star) >= 0 && type.indexOf(star) != type.size() - 1) {
         return QStringLiteral("a star can only stand at the end");
     }
-    if (!type.contains(QLatin1Char('/')) && type != star) {
+    if (!type.contains(QLatin1Char('/')) && !type.endsWith(star)) {
         return QStringLiteral("it is neither a type nor a handler of addresses");
     }
     return QString();
+}
+
+void checkWildcard(const DesktopSubject &subject, const QMimeDatabase &database, const QString &prefix,
+                   const Place &place)
+{
+    const QList<QMimeType> types = database.allMimeTypes();
+    const bool isThere = std::any_of(types.cbegin(), types.cend(), [&prefix](const QMimeType &type) {
+        return type.name().startsWith(prefix);
+    });
+    if (!isThere) {
+        subject.report.add(Rule::UnknownMimeType, place,
+                           QStringLiteral("the MIME database has no type that begins with %1").arg(prefix));
+    }
 }
 
 void checkMimeTypes(const DesktopSubject &subject)
@@ -238,7 +251,11 @@ void checkMimeTypes(const DesktopSubject &subject)
             continue;
         }
         if (type.startsWith(QLatin1String("x-scheme-handler/"))
-            || type.startsWith(QLatin1String("x-url-handler/")) || type.endsWith(QLatin1Char('*'))) {
+            || type.startsWith(QLatin1String("x-url-handler/"))) {
+            continue;
+        }
+        if (type.endsWith(QLatin1Char('*'))) {
+            checkWildcard(subject, database, type.chopped(1), place);
             continue;
         }
         const QMimeType known = database.mimeTypeForName(type);

@@ -7,6 +7,8 @@ namespace Ctl::Check {
 
 namespace {
 
+const QByteArray byteOrderMark("\xef\xbb\xbf");
+
 bool isSpace(char c)
 {
     return c == ' ' || (c >= '\t' && c <= '\r');
@@ -101,7 +103,7 @@ class SettingsCutter
 public:
     explicit SettingsCutter(const QByteArray &content)
         : m_content(content)
-        , m_next(content.startsWith("\xef\xbb\xbf") ? 3 : 0)
+        , m_next(content.startsWith(byteOrderMark) ? byteOrderMark.size() : 0)
     {
     }
 
@@ -161,6 +163,11 @@ private:
         line.isCut = m_next < m_content.size() && m_content.at(m_next) == ';' && m_next > begin
             && !isBlank(m_content.at(m_next - 1));
         line.text = m_content.mid(begin, m_next - begin);
+        if (begin == byteOrderMark.size() && m_content.startsWith(byteOrderMark)
+            && !line.text.startsWith('[')) {
+            line.text.prepend(byteOrderMark); // only before a group it is passed over
+            line.equals += line.equals < 0 ? 0 : byteOrderMark.size();
+        }
     }
 
     int numberAt(int offset)
@@ -233,7 +240,9 @@ KeyLines KeyLines::ofSettings(const QByteArray &content)
                 lines.bad.append({ number, decoded(text) });
             }
             const QByteArray name = text.mid(1, end < 0 ? -1 : end - 1).trimmed();
-            group = name.compare("general", Qt::CaseInsensitive) == 0 ? QString() : unescaped(name);
+            group = name.compare("general", Qt::CaseInsensitive) == 0 ? QString()
+                : name.compare("%general", Qt::CaseInsensitive) == 0  ? decoded(name.mid(1))
+                                                                      : unescaped(name);
             lines.add(GroupLine { number, group.isEmpty() ? decoded(name) : group });
             continue;
         }

@@ -87,6 +87,14 @@ void SettingsSubject::checkLines() const
             : QStringLiteral("\"%1\" is no key with a value, and is passed over").arg(bad.text.left(60));
         report.add(Rule::BadLine, { bad.line }, fault);
     }
+    const bool beginsWithKey = !m_lines.keys.isEmpty() && m_lines.keys.first().group.isEmpty()
+        && m_lines.keys.first().key.startsWith(QString::fromLatin1("\xef\xbb\xbf"));
+    if (beginsWithKey) {
+        report.add(
+            Rule::ByteOrderMark, { 1 },
+            QStringLiteral("the file begins with a byte order mark, which is read as a part of the first "
+                           "key"));
+    }
     QHash<QPair<QString, QString>, int> seen; // line of the key
     for (const KeyLine &line : m_lines.keys) {
         const auto name = qMakePair(line.group, line.key);

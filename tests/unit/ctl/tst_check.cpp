@@ -6,9 +6,13 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QProcessEnvironment>
 #include <QRegularExpression>
 #include <QSet>
 #include <QTest>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "../common/Core/catalogue_fixture.h"
 
@@ -31,9 +35,11 @@ struct Result
 };
 
 /// @param directory where relative names of files begin
-Result run(const QStringList &arguments, const QString &directory)
+Result run(const QStringList &arguments, const QString &directory,
+           const QProcessEnvironment &environment = QProcessEnvironment::systemEnvironment())
 {
     QProcess process;
+    process.setProcessEnvironment(environment);
     process.setWorkingDirectory(directory);
     process.start(QStringLiteral(PROCWARDEN_BIN_DIR "/procwardenctl"),
                   QStringList(QStringLiteral("check")) + arguments);
@@ -67,6 +73,12 @@ private slots:
     void statusTellsWhatWasFound_data();
     void statusTellsWhatWasFound();
     void jsonHasTheSameFindings();
+    void rulesAreListed();
+    void shippedFilesAreClean();
+    void samplesHaveNoErrors();
+    void whatIsNoFileIsToldOfAtOnce();
+    void veryManyLinesAreToldOfSoon();
+    void installedFilesAreFoundAndComparedWithEachOther();
 
 private:
     void installSystem();
@@ -150,19 +162,18 @@ void CheckTest::everyRuleIsInSomeCase()
     for (const Ctl::Check::RuleInfo &rule : Ctl::Check::rules()) {
         missing.insert(QLatin1String(rule.name));
     }
+    QByteArray text = contentOf(QStringLiteral(PROCWARDEN_TEST_DATA "/ctl/check_installed.txt"));
     const QStringList names = cases.entryList(QDir::Dirs | QDir::NoDotAndDotDot);
     for (const QString &name : names) {
-        const QString text = QString::fromUtf8(contentOf(QDir(cases.filePath(name)).filePath(expectedName)));
-        static const QRegularExpression rule(QStringLiteral(" \\[([a-z-]+)\\]$"),
-                                             QRegularExpression::MultilineOption);
-        for (auto matches = rule.globalMatch(text); matches.hasNext();) {
-            missing.remove(matches.next().captured(1));
-        }
+        text += contentOf(QDir(cases.filePath(name)).filePath(expectedName));
     }
-    const QSet<QString> elsewhere { QStringLiteral("unreadable"),   QStringLiteral("not-regular"),
-                                    QStringLiteral("too-large"),    QStringLiteral("program-missing"),
-                                    QStringLiteral("duplicate-id"), QStringLiteral("overridden"),
-                                    QStringLiteral("state-files"),  QStringLiteral("hidden-directory") };
+    static const QRegularExpression rule(QStringLiteral(" \\[([a-z-]+)\\]$"),
+                                         QRegularExpression::MultilineOption);
+    for (auto matches = rule.globalMatch(QString::fromUtf8(text)); matches.hasNext();) {
+        missing.remove(matches.next().captured(1));
+    }
+    const QSet<QString> elsewhere { QStringLiteral("unreadable"), QStringLiteral("not-regular"),
+                                    QStringLiteral("too-large") };
     QCOMPARE(missing, elsewhere);
 }
 
@@ -246,6 +257,156 @@ void CheckTest::jsonHasTheSameFindings()
         { QStringLiteral("Rule"), QStringLiteral("sandboxing") },
     };
     QCOMPARE(report.value(QLatin1String("Findings")).toArray(), QJsonArray { expected });
+}
+
+void CheckTest::rulesAreListed()
+{
+    const Result result = run({ QStringLiteral("--rules"), QStringLiteral("--json") }, QDir::rootPath());
+    QCOMPARE(result.status, 0);
+    const QJsonArray listed = QJsonDocument::fromJson(result.out).array();
+    QCOMPARE(listed.size(), Ctl::Check::rules().size());
+    for (int i = 0; i < listed.size(); ++i) {
+        QCOMPARE(listed.at(i).toObject().value(QLatin1String("Rule")).toString(),
+                 QLatin1String(Ctl::Check::rules().at(i).name));
+    }
+    QVERIFY(run({ QStringLiteral("--rules") }, QDir::rootPath()).out.startsWith("RULE "));
+}
+
+void CheckTest::shippedFilesAreClean()
+{
+    QStringList files { QStringLiteral("oom.cfg"), QStringLiteral("tasks.cfg"),
+                        QStringLiteral("os-version-support.cfg") };
+    const QDir data(QStringLiteral(PROCWARDEN_DATA_DIR));
+    for (const char *directory : { "states", "intents" }) {
+        const QString name = QLatin1String(directory);
+        const QStringList names = QDir(data.filePath(name)).entryList(QDir::Files);
+        QVERIFY(!names.isEmpty());
+        for (const QString &file : names) {
+            files.append(name + QLatin1Char('/') + file);
+        }
+    }
+    const Result result = run(QStringList(QStringLiteral("--strict")) + files, data.path());
+    QCOMPARE(result.out, QStringLiteral("%1 files: nothing found\n").arg(files.size()).toUtf8());
+    QCOMPARE(result.status, 0);
+}
+
+/// Those of other tests, which are installed nowhere.
+void CheckTest::samplesHaveNoErrors()
+{
+    const QDir samples(QStringLiteral(PROCWARDEN_TEST_DATA "/regular_application"));
+    QStringList files { QStringLiteral(PROCWARDEN_TEST_DATA "/../../docs/examples/intents/example.desktop") };
+    const QStringList names = samples.entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+    for (const QString &name : names) {
+        files.append(samples.filePath(name + QStringLiteral("/in.desktop")));
+    }
+    QVERIFY(files.size() > 5);
+    const Result result = run(files, samples.path());
+    QVERIFY2(!result.out.contains(": error: "), result.out.constData());
+}
+
+void CheckTest::whatIsNoFileIsToldOfAtOnce()
+{
+    const QString directory = m_fixture.path(QStringLiteral("odd"));
+    m_fixture.write(QStringLiteral("odd/big.desktop"), QByteArray(10 * 1024 * 1024, '\n'));
+    QVERIFY(QDir(directory).mkdir(QStringLiteral("directory.desktop")));
+    for (const char *name : { "fifo.desktop", "fifo.intent", "fifo.config", "oom.cfg", "fifo" }) {
+        QCOMPARE(
+            ::mkfifo(QFile::encodeName(directory + QLatin1Char('/') + QLatin1String(name)).constData(), 0600),
+            0);
+    }
+    QVERIFY(QFile::link(QStringLiteral("loop.desktop"), directory + QStringLiteral("/loop.desktop")));
+    const Result result = run({ QStringLiteral("big.desktop"), QStringLiteral("directory.desktop"),
+                                QStringLiteral("fifo.desktop"), QStringLiteral("fifo.intent"),
+                                QStringLiteral("fifo.config"), QStringLiteral("oom.cfg"),
+                                QStringLiteral("fifo"), QStringLiteral("loop.desktop"), QStringLiteral("") },
+                              directory);
+    QCOMPARE(
+        QString::fromUtf8(result.out),
+        QStringLiteral("big.desktop: error: has 10485760 bytes; no more than 1048576 are read [too-large]\n"
+                       "directory.desktop: error: is a directory, and is not read [not-regular]\n"
+                       "fifo.desktop: error: is no regular file, and is not read [not-regular]\n"
+                       "fifo.intent: error: is no regular file, and is not read [not-regular]\n"
+                       "fifo.config: error: is no regular file, and is not read [not-regular]\n"
+                       "oom.cfg: error: is no regular file, and is not read [not-regular]\n"
+                       "fifo: error: cannot be read: No such device or address [unreadable]\n"
+                       "loop.desktop: error: cannot be read: Too many levels of symbolic links [unreadable]\n"
+                       ": error: cannot be read: No such file or directory [unreadable]\n"
+                       "9 files: 9 errors\n"));
+    QCOMPARE(result.status, 1);
+    if (::geteuid() != 0) {
+        const QString secret = m_fixture.write(QStringLiteral("odd/secret.desktop"), "[Desktop Entry]\n");
+        QFile::setPermissions(secret, QFile::Permissions());
+        QVERIFY(run({ secret }, directory).out.contains("cannot be read: Permission denied [unreadable]"));
+    }
+}
+
+/// It must not take time in proportion to their square: that would be an hour, and not some seconds.
+void CheckTest::veryManyLinesAreToldOfSoon()
+{
+    QByteArray desktop("[Desktop Entry]\n");
+    QByteArray state("[Backend settings]\n");
+    QByteArray intent("{\"hints\": {");
+    for (int i = 0; i < 20000; ++i) {
+        const QByteArray number = QByteArray::number(i);
+        desktop += "[X-Task a" + number + "]\nX-Key" + number + "=1\n";
+        state += "cgroup1.a.b" + number + "=1\n";
+        intent += "\"k" + number + "\": 1,";
+    }
+    m_fixture.write(QStringLiteral("many/a.desktop"), desktop);
+    m_fixture.write(QStringLiteral("many/hidden.config"), state);
+    m_fixture.write(QStringLiteral("many/A.intent"), intent + "\"k\": 1}}");
+    const Result result =
+        run({ QStringLiteral("a.desktop"), QStringLiteral("hidden.config"), QStringLiteral("A.intent") },
+            m_fixture.path(QStringLiteral("many")));
+    QVERIFY2(result.out.endsWith("notes\n"), result.error.constData());
+    QCOMPARE(result.status, 1);
+}
+
+void CheckTest::installedFilesAreFoundAndComparedWithEachOther()
+{
+    const QByteArray notes(
+        "[Desktop Entry]\nName=Notes\nExec=gone\n[X-Sailjail]\nOrganizationName=org.example\n"
+        "ApplicationName=Notes\n");
+    const auto write = [this](const char *path, const QByteArray &content) {
+        m_fixture.write(QStringLiteral("system/") + QLatin1String(path), content);
+    };
+    write("home/applications/notes.desktop", notes);
+    write("home/applications/kde/other.desktop", "x");
+    write("home/applications/readme.txt", "x");
+    write("share/applications/org.example.Notes.desktop", notes);
+    write("share/applications/same.desktop", notes);
+    write("home/procwarden/states/hidden.config",
+          "ApplyWithDelay=100\n[Backend settings]\ncgroup1.cpu.shares=5\n");
+    write("share/procwarden/states/hidden.config", "[Backend settings]\ncgroup1.cpu.shares=6\n");
+    write("share/procwarden/states/active.config",
+          "ApplyWithDelay=200\n[Backend settings]\ncgroup1.cpu.shares=7\ncgroup1.freezer.state=THAWED\n");
+    write("home/procwarden/intents/OpenURI.intent", "{}");
+    write("share/procwarden/intents/Share.intent", "{}");
+    write("root/etc/procwarden/oom.cfg", "LowMemoryTermMB=x\n");
+    write("root/etc/procwarden/tasks.cfg", "MaxTasksPerApp=0\n");
+    write("root/etc/procwarden/os-version-support.cfg", "[Applications]\norg*=4.2.0\n");
+    write("root/opt/app/org.example.Notes/current/manifest.json", "[]");
+    write("root/opt/app/org.example.Notes/current/solvane.pkg", "");
+    const QString system = m_fixture.path(QStringLiteral("system"));
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("XDG_DATA_HOME"), system + QStringLiteral("/home"));
+    environment.insert(QStringLiteral("XDG_DATA_DIRS"), system + QStringLiteral("/share"));
+    environment.insert(QStringLiteral("PROCWARDEN_ROOTFS"), system + QStringLiteral("/root"));
+    Result result = run({}, QDir::rootPath(), environment);
+    QCOMPARE(QString::fromUtf8(result.error), QString());
+    result.out.replace(system.toUtf8(), "SYSTEM");
+    const QString path = QStringLiteral(PROCWARDEN_TEST_DATA "/ctl/check_installed.txt");
+    if (qEnvironmentVariableIsSet("UPDATE_GOLDEN")) {
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        QCOMPARE(file.write(result.out), qint64(result.out.size()));
+    }
+    QCOMPARE(QString::fromUtf8(result.out), QString::fromUtf8(contentOf(path)));
+    QCOMPARE(result.status, 1);
+    const Result states =
+        run({ QStringLiteral("--type"), QStringLiteral("state") }, QDir::rootPath(), environment);
+    QVERIFY(states.out.contains("\n3 files: "));
+    QVERIFY(!states.out.contains(".desktop"));
 }
 
 QTEST_GUILESS_MAIN(CheckTest)
