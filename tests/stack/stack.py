@@ -136,7 +136,7 @@ class Stack:
         self._closers.append(self.system_bus.stop)
         # What it activates gets all that the service is to know of this stack.
         self.session_bus = PrivateBus("session", self._path("session"), self.user, services=self.installed_services(),
-                                      environment={**self._basic_environment(), **SANITIZER_OPTIONS}, groups=self.groups,
+                                      environment={**self._basic_environment(), **SHORT_LIVED_OPTIONS}, groups=self.groups,
                                       enter=self.machine.enter, oom_floor=self._oom_floor())
         self._closers.append(self.session_bus.stop)
 
@@ -236,7 +236,8 @@ class Stack:
 
     def start_service(self, wait=True, **environment):
         """With wait false, returns at once: for a service that is expected to fail."""
-        env = {**self.environment(), **SANITIZER_OPTIONS, **environment}
+        # It looks for no leaks itself; applications have this from it, and run the client.
+        env = {**self.environment(), **SHORT_LIVED_OPTIONS, **environment}
         if self.machine:
             del env["DBUS_SYSTEM_BUS_ADDRESS"] # it is where everybody expects it
         self.service = ServiceProcess(self.program("procwarden"), self._path("log/service"), env, self.user,
