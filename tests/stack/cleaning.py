@@ -57,6 +57,20 @@ def runtime_directory(uid):
     return f"/run/user/{uid}"
 
 
+def sandbox_directory(uid):
+    """Where the sandbox program puts the sockets of its message bus proxies."""
+    return f"/run/firejail/dbus/{uid}"
+
+
+def make_sandbox_directory(user):
+    """As the sandbox program does at its first start for a user. One that is killed after it has made the directory, and
+    before it has given it away, would leave one that is of no use to all that come later."""
+    directory = sandbox_directory(user.uid)
+    os.makedirs(directory, exist_ok=True)
+    os.chmod(directory, 0o700)
+    os.chown(directory, user.uid, user.gid)
+
+
 def empty(directory):
     """Removes everything in a directory."""
     for entry in os.scandir(directory):
@@ -76,7 +90,7 @@ def clean_processes(uid, hierarchies):
         print(f"stack: left behind: {cgroups.remove(hierarchies, uid)}", file=sys.stderr)
     clean_files(runtime_directory(uid))
     # What a killed sandbox could not put away itself.
-    shutil.rmtree(f"/run/firejail/dbus/{uid}", ignore_errors=True)
+    shutil.rmtree(sandbox_directory(uid), ignore_errors=True)
 
 
 def clean_files(directory):

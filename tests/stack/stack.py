@@ -14,7 +14,7 @@ import dbus
 from . import cgroups
 from .apps import Applications, SampleFiles
 from .bus import PrivateBus
-from .cleaning import clean_files, clean_processes, empty
+from .cleaning import clean_files, clean_processes, empty, make_sandbox_directory
 from .client import SampleClient, session_client, system_client
 from .intent_resolver import IntentResolver
 from .machine import Machine, SystemBus
@@ -84,6 +84,7 @@ class Stack:
         # Whatever an earlier holder of this user left, if the machine went down under it.
         clean_processes(self.user.uid, self.hierarchies.directories.values())
         empty(self.user.home)
+        make_sandbox_directory(self.user)
         atexit.register(self.close)
         self._closers.append(lambda: atexit.unregister(self.close))
 
