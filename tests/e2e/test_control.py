@@ -128,13 +128,13 @@ def start_error(stack, app_id):
     return raised.value.name, raised.value.message if raised.value.message != raised.value.name else ""
 
 
-def test_start_while_it_ends_is_refused(plain):
-    plain.install_sample("org.example.Stubborn", arguments="--ignore-term", sandbox=UNSANDBOXED)
-    plain.control.reload()
-    plain.control.start("org.example.Stubborn")
-    plain.sample("org.example.Stubborn")
-    plain.control.terminate("org.example.Stubborn")
-    assert start_error(plain, "org.example.Stubborn") == (ERROR + "ApplicationTerminating", "")
+def test_start_while_it_ends_is_refused(stack):
+    stack.install_sample("org.example.Stubborn", arguments="--ignore-term", sandbox=UNSANDBOXED)
+    stack.start(PROCWARDEN_KILL_TIMEOUT="600000")
+    stack.control.start("org.example.Stubborn")
+    stack.sample("org.example.Stubborn")
+    stack.control.terminate("org.example.Stubborn")
+    assert start_error(stack, "org.example.Stubborn") == (ERROR + "ApplicationTerminating", "")
 
 
 @pytest.mark.parametrize("app_id", [

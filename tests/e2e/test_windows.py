@@ -92,19 +92,21 @@ def test_settings_come_after_the_delay_of_the_state(stack):
     assert stack.freezer_state(SAMPLE) == "THAWED"
 
 
-def test_frozen_application_is_stopped_when_it_thaws(plain):
-    if not plain.hierarchies.is_real("freezer"):
+def test_frozen_application_is_stopped_when_it_thaws(stack):
+    stack.install_sample(sandbox=UNSANDBOXED)
+    stack.start(PROCWARDEN_KILL_TIMEOUT="600000")
+    if not stack.hierarchies.is_real("freezer"):
         pytest.skip("no freezer on this machine")
-    started = plain.control.start(SAMPLE)
-    plain.sample()
-    plain.control.update_windows(SAMPLE, hidden=1)
-    until(lambda: plain.freezer_state(SAMPLE) == "FROZEN", "the freezing")
-    monitor = plain.monitor()
-    plain.control.terminate(SAMPLE)
-    assert plain.control.running()[0][0][3] == TERMINATING
-    assert plain.freezer_state(SAMPLE) == "FROZEN"
+    started = stack.control.start(SAMPLE)
+    stack.sample()
+    stack.control.update_windows(SAMPLE, hidden=1)
+    until(lambda: stack.freezer_state(SAMPLE) == "FROZEN", "the freezing")
+    monitor = stack.monitor()
+    stack.control.terminate(SAMPLE)
+    assert stack.control.running()[0][0][3] == TERMINATING
+    assert stack.freezer_state(SAMPLE) == "FROZEN"
     # A window update thaws it, and the signals that have been waiting arrive.
-    plain.control.update_windows(SAMPLE, inactive=1)
+    stack.control.update_windows(SAMPLE, inactive=1)
     terminated = monitor.wait_for("Terminated", SAMPLE)[-1]
     assert terminated.arguments[1]["Pid"] == started.pid
     assert terminated.arguments[1]["StopReason"] == 5
