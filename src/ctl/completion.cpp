@@ -33,6 +33,7 @@ int kindsFor(const QString &command)
         { QStringLiteral("stop"), Running },
         { QStringLiteral("task"), Declared | RunningTasks },
         { QStringLiteral("tasks"), Installed | RunningApplications },
+        { QStringLiteral("top"), Running },
         { QStringLiteral("unblock"), Installed },
         { QStringLiteral("wait"), RunningApplications },
         { QStringLiteral("windows"), Running },

@@ -188,7 +188,7 @@ def test_ids_for_the_completion(stack):
     for command in ("list", "status", "history", "frob"):
         assert ids(command) == [OTHER, SAMPLE, work]
     assert ids() == [OTHER, SAMPLE, work]
-    assert ids("stop") == ids("windows") == ids("wait") == []
+    assert ids("stop") == ids("windows") == ids("wait") == ids("top") == []
     tasker.start(stack)
     tasker.wait_running(stack)
     assert ids("stop") == [work] and ids("wait") == [SAMPLE] and ids("tasks") == [OTHER, SAMPLE]

@@ -48,6 +48,12 @@ class Service:
             self._served[at].connection.send_message(reply)
         return True
 
+    def tell(self, signal_name, signature, *arguments):
+        """As a signal of the object that tells of starts and ends."""
+        message = dbus.lowlevel.SignalMessage("/org/kestrix/Procwarden/Control1", SERVICE + ".Control1", signal_name)
+        message.append(*arguments, signature=signature)
+        self._served[0].send(message)
+
     def close(self):
         for served in self._served:
             served.close()
@@ -156,6 +162,10 @@ def variants(*pairs):
     return dbus.Dictionary(dict(pairs), signature="sv")
 
 
+def nested():
+    return variants(("x", dbus.Array([1, 2], signature="i")))
+
+
 HOSTILE = [
     ("", []),
     ("s", ["text"]),
@@ -202,6 +212,28 @@ def test_answers_that_make_no_sense(stack, fake, answer):
             assert not re.search(r"[\x00-\x09\x0b-\x1f\x7f-\x9f\u202e]", shown), (words, shown)
             if form:
                 json.loads(result.stdout)
+
+
+def test_monitor_of_signals_that_make_no_sense(stack, fake):
+    service = fake({"Get": ("v", [dbus.Int32(77)]), "GetHistory": ("s", ["x"])})
+    monitors = [ctl.Later(stack, "monitor", *form) for form in ([], ["--json"])]
+    for monitor in monitors:
+        monitor.wait_for("77")
+    nonsense = variants(("Pid", "x"), ("State", "\x1b[2J"), ("StartReason", -1), ("RequestorId", "\x9b\u202e"),
+                        ("ExitStatus", dbus.UInt64(2 ** 63)), ("Deep", dbus.Array([nested()], signature="a{sv}")))
+    for name in ("Started", "Terminated", "StateChanged"):
+        service.tell(name, "sa{sv}", "\x1b[2Jid", nonsense)
+        service.tell(name, "sa{sv}", "", variants())
+        service.tell(name, "i", 3)
+    service.tell("SelectedByOom", "s", "\x1b]0;id\x07")
+    for monitor in monitors:
+        monitor.wait_for("oom")
+        assert monitor.running
+        # The memory, two of each kind that makes sense to the bus, and the last one.
+        assert len(monitor.lines) == 8
+        assert not re.search(r"[\x00-\x1f\x7f-\x9f\u202e]", "".join(monitor.lines))
+        monitor.close()
+    assert all(json.loads(line)["Event"] for line in monitors[1].lines)
 
 
 def test_errors_of_the_service_do_not_reach_the_terminal(stack, fake):
