@@ -68,11 +68,12 @@ class SystemManager(UserManager):
     def _shell(self, text):
         subprocess.run([*self._machine.enter, "/bin/sh", "-ec", text], check=True)
 
-    def install(self, place, unit, *more):
+    def install(self, tree, unit, *more):
         """more: settings of the service besides. What is not there, the manager of the user, is not waited for."""
+        source = next(path for path in tree.files() if path.endswith(f"/systemd/system/{unit}"))
         target = f"{RUNTIME}/systemd/user/{unit}"
         lines = "\\n".join(["[Service]", "Type=exec", *more, ""])
-        self._shell(f"sed -E '/^(BindsTo|After)=/d' '{place}/{unit}' >'{target}'; mkdir '{target}.d'; "
+        self._shell(f"sed -E '/^(BindsTo|After)=/d' '{source}' >'{target}'; mkdir '{target}.d'; "
                     f"printf '{lines}' >'{target}.d/more.conf'")
         self.systemctl("daemon-reload")
 
@@ -91,7 +92,7 @@ def test_helper_works_within_its_restrictions(machine, tree):
     if not machine.hierarchies.all_real:
         pytest.skip("plain directories: only the kernel's groups are handed over without being told to")
     with SystemManager(machine) as manager:
-        manager.install(os.path.join(tree.prefix, "lib/systemd/system"), HELPER)
+        manager.install(tree, HELPER)
         manager.systemctl("start", HELPER)
         until(lambda: machine.system_bus.owner(HELPER_NAME), "the helper's name",
               detail=lambda: manager.run("systemctl", "--user", "status", HELPER).stdout)
@@ -132,7 +133,7 @@ def test_applications_do_not_outlive_a_service_that_crashes(machine, tree):
     log = os.path.join(machine.directory, "log/unit")
     with SystemManager(machine) as manager:
         variables = {name: value for name, value in machine.environment().items() if name != "DBUS_SYSTEM_BUS_ADDRESS"}
-        manager.install(os.path.join(tree.prefix, "lib/systemd/system"), "procwarden@.service",
+        manager.install(tree, "procwarden@.service",
                         # These users are no members of it in the machine's files.
                         f"SupplementaryGroups={tree.account_of('group')}", f"StandardError=append:{log}",
                         "TimeoutStopSec=1", *(f"Environment={name}={value}" for name, value in variables.items()))

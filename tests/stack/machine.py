@@ -79,7 +79,12 @@ class Machine:
             self._write("etc/passwd", file.read() + "".join(
                 f"{name}:x:{number}:{number}::/nonexistent:/usr/sbin/nologin\n"
                 for name, number in (accounts or {}).items()))
-        tops = sorted(os.listdir(tree))
+        tops = []
+        for name in sorted(os.listdir(tree)):
+            if os.path.islink(f"/{name}"): # such as /lib, which is /usr/lib
+                shutil.copytree(os.path.join(tree, name), self._more + os.path.realpath(f"/{name}"))
+            else:
+                tops.append(name)
         for name in tops:
             os.makedirs(os.path.join(self._more, name), exist_ok=True)
         self._holder = Child("the machine", ["/usr/bin/unshare", "--mount", "/bin/sh", "-c", SET_UP],
