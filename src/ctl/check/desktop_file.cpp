@@ -155,8 +155,10 @@ void checkReadKey(const DesktopSubject &subject, const KeyLine &line, const Plac
     if (hasUnknownEscape(line.value, isSplit && line.key != QLatin1String("Exec"))) {
         subject.report.add(
             Rule::Escape, place,
-            QStringLiteral("%1 has a backslash that begins none of \\s \\n \\t \\r \\\\: it stays as it "
-                           "is")
+            (line.value.endsWith(QLatin1Char('\\'))
+                 ? QStringLiteral("the backslash at the end of %1 is dropped")
+                 : QStringLiteral(
+                     "%1 has a backslash that begins none of \\s \\n \\t \\r \\\\: it stays as it is"))
                 .arg(line.key));
     }
 }

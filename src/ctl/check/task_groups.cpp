@@ -26,7 +26,8 @@ void checkType(const DesktopSubject &subject, const QString &group, const QStrin
             (type.isEmpty()
                  ? QStringLiteral("there is no Type")
                  : QStringLiteral("there is no type \"%1\"%2").arg(type, didYouMean(closest(type, types))))
-                + QStringLiteral(": the task runs when its conditions hold, for no more than 60 seconds"));
+                + QStringLiteral(": the task runs when its conditions hold, for 60 seconds unless its "
+                                 "request says otherwise"));
     }
 }
 
