@@ -40,7 +40,7 @@ class Masks:
         while lines:
             if re.fullmatch(r"[A-Z][A-Z% ]*?(  +[A-Z][A-Z% ]*?)+", lines[0]):
                 count = next((i for i, line in enumerate(lines) if not line), len(lines))
-                result += self._table([re.split(r"  +", line.strip()) for line in lines[:count]])
+                result += self._table(cells_of(lines[:count]))
                 lines = lines[count:]
             else:
                 result.append(self._line(lines.pop(0)))
@@ -49,9 +49,9 @@ class Masks:
     def _table(self, rows):
         titles = rows[0]
         for row in rows[1:]:
-            for i, title in enumerate(titles[:len(row)]):
-                row[i] = self._cell(title, row[i], row)
-        widths = [max(len(row[i]) for row in rows if i < len(row)) for i in range(len(titles))]
+            for i, title in enumerate(titles):
+                row[i] = row[i] and self._cell(title, row[i], row)
+        widths = [max(len(row[i]) for row in rows) for i in range(len(titles))]
         return ["  ".join(cell.rjust(width) if title in RIGHT else cell.ljust(width)
                           for cell, width, title in zip(row, widths, titles)).rstrip() for row in rows]
 
@@ -69,6 +69,7 @@ class Masks:
         text = re.sub(r"(\bpid |\bPid: )(\d+)", lambda found: found[1] + self.pid(found[2]), text)
         text = re.sub(r"^(org\.[\w.]+ )(\d+)$", lambda found: found[1] + self.pid(found[2]), text)
         text = re.sub(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d", DATE, text)
+        text = re.sub(r"  \d\d:\d\d:\d\d$", f"  {DATE.split()[1]}", text)
         text = re.sub(r"\bfor \d+ \w+( \d+ \w+)?", "for 2 s", text)
         text = re.sub(rf"\b({'|'.join(STEPS)}) \d+ ms", lambda found: f"{found[1]} {STEPS[found[1]]} ms", text)
         text = re.sub(r"Memory: [\d.]+ \wB(, processes: )\d+", rf"Memory: {self._sizes[app]}\g<1>5", text)
@@ -89,6 +90,18 @@ class Masks:
             now = next(seconds)
             return f"{now // 3600:02}:{now // 60 % 60:02}:{now % 60:02}.{now % 7}42"
         return re.sub(r"(?m)^\d\d:\d\d:\d\d\.\d{3}", clock, text)
+
+
+def cells_of(lines):
+    """A table as rows of cells, empty ones included. A cell begins or ends where its title does."""
+    titles = list(re.finditer(r"\S+(?: \S+)*", lines[0]))
+    rows = [[title[0] for title in titles]]
+    for line in lines[1:]:
+        cells = list(re.finditer(r"\S+(?: \S+)*", line))
+        rows.append([next((cell[0] for cell in cells
+                           if (cell.end() == title.end() if title[0] in RIGHT else cell.start() == title.start())), "")
+                     for title in titles])
+    return rows
 
 
 class Shell:
