@@ -93,7 +93,9 @@ def in_zsh(stack, line, directory):
     try:
         until(lambda: b"READY> " in read(), "zsh's prompt", detail=lambda: seen.decode(errors="replace"))
         os.write(ours, b"\x14")
-        until(lambda: read() and os.path.exists(offered + ".done"), "the completion", limit=2 * LIMIT,
+        # It is there before it has its line.
+        until(lambda: read() and os.path.exists(offered + ".done") and os.path.getsize(offered + ".done"),
+              "the completion", limit=2 * LIMIT,
               detail=lambda: seen.decode(errors="replace"))
     finally:
         shell.kill()
