@@ -93,6 +93,34 @@ def clean_processes(uid, hierarchies):
     shutil.rmtree(sandbox_directory(uid), ignore_errors=True)
 
 
+def _start_of(pid):
+    """When a process began, in the kernel's ticks; None if there is none."""
+    try:
+        with open(f"/proc/{pid}/stat") as file:
+            return int(file.read().rpartition(")")[2].split()[19])
+    except OSError:
+        return None
+
+
+def remember_daemon(directory, pid):
+    """Notes a process that end_daemon(directory) is to end."""
+    with open(os.path.join(directory, "daemon"), "w") as file:
+        file.write(f"{pid} {_start_of(pid)}")
+
+
+def end_daemon(directory):
+    """Ends it if it is still that one, and no later process with its number."""
+    try:
+        with open(os.path.join(directory, "daemon")) as file:
+            pid, start = map(int, file.read().split())
+        process = os.pidfd_open(pid)
+    except (OSError, ValueError):
+        return
+    if _start_of(pid) == start:
+        signal.pidfd_send_signal(process, signal.SIGKILL)
+    os.close(process)
+
+
 def clean_files(directory):
     """Removes a directory, with what is mounted below it."""
     libc = ctypes.CDLL(None)

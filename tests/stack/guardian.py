@@ -10,7 +10,7 @@ import signal
 import sys
 
 from . import cgroups
-from .cleaning import clean_files, clean_processes, empty
+from .cleaning import clean_files, clean_processes, empty, end_daemon
 from .users import Lease
 
 
@@ -23,6 +23,7 @@ def main():
         signal.signal(number, signal.SIG_IGN)
     lock, everybody, uid, home, directory, *hierarchies = sys.argv[1:]
     if os.read(0, 16) != b"done":
+        end_daemon(os.path.join(directory, "system"))
         clean_processes(int(uid), hierarchies)
         empty(home)
         Lease.inherited(int(lock), int(everybody)).release(when_last=lambda: cgroups.remove_top(hierarchies))

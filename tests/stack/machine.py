@@ -9,6 +9,7 @@ import shutil
 import subprocess
 
 from .bus import PrivateBus
+from .cleaning import remember_daemon
 from .process import Child
 
 BUS_PLACE = "/run/dbus" # where the system bus listens, by its own configuration
@@ -129,5 +130,7 @@ class SystemBus(PrivateBus):
         self.kind = "system"
         self._start(["--system"], os.path.join(machine.bus_directory, "log"), None, {"PATH": "/usr/bin:/bin"},
                     enter=machine.enter)
+        # It changes its user, and so does not get the signal that others get when this process dies.
+        remember_daemon(machine.bus_directory, self.daemon.pid)
         # Seen from outside.
         self.address = f"unix:path={machine.bus_directory}/{SOCKET}"
