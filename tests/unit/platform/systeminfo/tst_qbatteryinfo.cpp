@@ -129,8 +129,8 @@ void tst_QBatteryInfo::levelIsRoundedDown()
     QFETCH(const double, percentage);
     QFETCH(const int, level);
 
-    const QBatteryInfo info;
     change(battery(percentage, charging));
+    const QBatteryInfo info;
     QTRY_COMPARE(info.chargingState(), QBatteryInfo::Charging);
     QCOMPARE(info.level(), level);
 }
@@ -155,8 +155,8 @@ void tst_QBatteryInfo::stateIsUPowers()
     QFETCH(const uint, upowers);
     QFETCH(const int, ours);
 
-    const QBatteryInfo info;
     change(battery(50, upowers));
+    const QBatteryInfo info;
     QTRY_COMPARE(info.level(), 50);
     QCOMPARE(int(info.chargingState()), ours);
 }
