@@ -80,7 +80,11 @@ Reply Bus::send(const QDBusConnection &connection, const QDBusMessage &call, int
         reply.status = NotThere;
         return reply;
     }
-    const QDBusMessage answer = connection.call(call, QDBus::Block, timeoutMs);
+    return replyOf(connection.call(call, QDBus::Block, timeoutMs));
+}
+
+Reply Bus::replyOf(const QDBusMessage &answer)
+{
     if (answer.type() != QDBusMessage::ReplyMessage) {
         return failure(answer);
     }

@@ -43,6 +43,9 @@ public:
     /// Any call on the session bus.
     [[nodiscard]] Reply call(const QDBusMessage &call) const;
 
+    /// What came back of a call that was made by other means.
+    [[nodiscard]] static Reply replyOf(const QDBusMessage &answer);
+
     [[nodiscard]] static QString pathOf(const QString &object);
     [[nodiscard]] static QString interfaceOf(const QString &object);
 

@@ -26,6 +26,7 @@ public:
     void setJson(bool json) { m_isJson = json; }
     [[nodiscard]] bool isJson() const { return m_isJson; }
     [[nodiscard]] bool isColoured() const { return m_isColoured; }
+    [[nodiscard]] int width() const { return m_width; } ///< columns of the terminal, 0 for no limit
 
     /// A table with one line for each of @p entries; as JSON an array. @p whenEmpty stands for an empty
     /// table.

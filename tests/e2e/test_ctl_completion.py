@@ -136,6 +136,7 @@ def test_commands_and_options(stack, completed):
     assert completed(stack, "procwardenctl history -") == {"--help", "--json", "--lines", "-h", "-n"}
     assert completed(stack, "procwardenctl debug --s") == {"--stdout", "--stderr"}
     assert completed(stack, "procwardenctl task ") == {"start", "stop"}
+    assert completed(stack, "procwardenctl top --sort ") == {"memory", "cpu", "state", "oom", "id"}
 
 
 def test_ids(stack, completed):

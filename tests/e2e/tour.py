@@ -190,6 +190,11 @@ def _run_short(tour):
     tour.run(f"procwardenctl windows {ALBUM} 0 0 1")
     tour.run(f"procwardenctl windows {READER} 1 0 0")
     tour.run("procwardenctl list", shows=r"(?s)hidden, frozen.*active ")
+    tour.say("""
+        `procwardenctl top` has the same on the whole screen, as it changes, with keys to sort and to stop. This is one look
+        of it:
+        """)
+    tour.run("procwardenctl top --sort id --iterations 1")
     tour.say("What would happen if the memory ran short:")
     tour.run("procwardenctl memory")
     tour.quote("procwarden-oom.cfg(5)", "Critical memory is told, too, and at each look one victim is killed: what has "

@@ -1,0 +1,137 @@
+#include "top/source.h"
+
+#include <QDBusPendingCallWatcher>
+#include <QDateTime>
+
+namespace Ctl::Top {
+
+namespace {
+
+constexpr int answerTimeoutMs = 5000; // then it is asked anew
+constexpr int patienceMs = 2000; // then it is told that it does not answer
+constexpr int stopTimeoutMs = 25000;
+
+} // namespace
+
+Source::Source(QObject *parent)
+    : QObject(parent)
+{
+    m_clock.start();
+    m_patience.setSingleShot(true);
+    connect(&m_timer, &QTimer::timeout, this, &Source::ask);
+    connect(&m_patience, &QTimer::timeout, this, &Source::silent);
+    QDBusConnection::sessionBus().connect(QString(), QStringLiteral("/org/freedesktop/DBus/Local"),
+                                          QStringLiteral("org.freedesktop.DBus.Local"),
+                                          QStringLiteral("Disconnected"), this, SLOT(onBusGone()));
+}
+
+void Source::start(int intervalMs, bool mustFollow)
+{
+    if (mustFollow) {
+        follow();
+    }
+    m_timer.start(intervalMs);
+    ask();
+}
+
+void Source::follow()
+{
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    for (const char *signal : { "Started", "Terminated", "StateChanged", "SelectedByOom" }) {
+        bus.connect(Bus::sessionName, Bus::pathOf(QStringLiteral("Control1")),
+                    Bus::interfaceOf(QStringLiteral("Control1")), QLatin1String(signal), this,
+                    SLOT(onChanged()));
+    }
+    m_watcher.setConnection(bus);
+    m_watcher.setWatchMode(QDBusServiceWatcher::WatchForOwnerChange);
+    m_watcher.addWatchedService(Bus::sessionName);
+    connect(&m_watcher, &QDBusServiceWatcher::serviceOwnerChanged, this, &Source::onChanged);
+}
+
+QDBusMessage Source::question(const QString &object, const QString &member)
+{
+    auto message = QDBusMessage::createMethodCall(Bus::sessionName, Bus::pathOf(object),
+                                                  Bus::interfaceOf(object), member);
+    message.setAutoStartService(false);
+    return message;
+}
+
+void Source::call(const QDBusMessage &message, int timeoutMs, const std::function<void(const Reply &)> &then)
+{
+    auto *watcher =
+        new QDBusPendingCallWatcher(QDBusConnection::sessionBus().asyncCall(message, timeoutMs), this);
+    connect(watcher, &QDBusPendingCallWatcher::finished, this, [watcher, then] {
+        watcher->deleteLater();
+        then(Bus::replyOf(watcher->reply()));
+    });
+}
+
+void Source::ask()
+{
+    if (m_openCalls > 0) {
+        return;
+    }
+    m_openCalls = 2;
+    m_mustAskAgain = false;
+    m_patience.start(patienceMs);
+    const QString object = QStringLiteral("Introspect1");
+    call(question(object, QStringLiteral("ListRunning")), answerTimeoutMs, [this](const Reply &reply) {
+        m_running = reply;
+        onAnswered();
+    });
+    call(question(object, QStringLiteral("GetMemory")), answerTimeoutMs, [this](const Reply &reply) {
+        m_memory = reply;
+        onAnswered();
+    });
+}
+
+void Source::onAnswered()
+{
+    if (--m_openCalls > 0) {
+        return;
+    }
+    m_patience.stop();
+    Sample sample;
+    sample.steadyMs = m_clock.elapsed();
+    sample.timeMs = QDateTime::currentMSecsSinceEpoch();
+    if (m_running.failed()) {
+        sample.service = m_running.status == NotThere ? Service::Gone
+            : m_running.status == TimedOut            ? Service::Silent
+                                                      : Service::Refuses;
+        sample.failure = m_running;
+    } else {
+        sample.service = Service::Answers;
+        sample.processes = m_running.value().toList();
+        sample.memory = m_memory.value().toMap();
+    }
+    emit sampled(sample);
+    if (m_mustAskAgain) {
+        ask();
+    }
+}
+
+void Source::onChanged()
+{
+    m_mustAskAgain = true; // what is being answered may be from before
+    ask();
+}
+
+void Source::onBusGone()
+{
+    m_timer.stop();
+    m_patience.stop();
+    emit busGone();
+}
+
+void Source::stop(const Row &row)
+{
+    QDBusMessage message = row.isTask ? question(QStringLiteral("Tasks1"), QStringLiteral("Stop"))
+                                      : question(QStringLiteral("Control1"), QStringLiteral("Terminate"));
+    message << row.id;
+    if (row.isTask) {
+        message << false; // it is not forgotten
+    }
+    call(message, stopTimeoutMs, [this, row](const Reply &reply) { emit stopAnswered(row, reply); });
+}
+
+} // namespace Ctl::Top
