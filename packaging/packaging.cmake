@@ -76,10 +76,12 @@ intents. Tables or JSON, with completion for bash and zsh.")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME procwarden-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION devel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS "python3-dbusmock")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
 "interfaces of the application runtime service
 Documented introspection data of every D-Bus interface that the application
-runtime service offers or calls, for generating clients and for tests.")
+runtime service offers or calls, for generating clients, and a mock of the
+service for applications' tests.")
 
 # What Debian wants in every package and no other installation does, once all components lie in place.
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/packaging/complete.cmake)
