@@ -97,7 +97,7 @@ public:
             map.insert(QStringLiteral("Memory"), m_sample.memory);
         }
         QVariantList running;
-        for (const Top::Row &row : model.rows()) {
+        for (const Top::Row &row : shownRows()) {
             QVariantMap process = processOf(row.id);
             insertKnown(process, "CpuPercent", row.cpuPercent);
             insertKnown(process, "FrozenChanged", row.frozenChangedMs);
@@ -114,6 +114,12 @@ public:
     Top::Model model;
 
 private:
+    /// Those of an earlier sample may be gone.
+    [[nodiscard]] QVector<Top::Row> shownRows() const
+    {
+        return m_sample.service == Top::Service::Answers ? model.rows() : QVector<Top::Row>();
+    }
+
     [[nodiscard]] QVariantMap processOf(const QString &id) const
     {
         for (const QVariant &process : m_sample.processes) {
@@ -163,7 +169,7 @@ int runBatch(const Session &session, const TopOptions &options)
         }
         output.event(output.isJson() ? feed.toMap() : QVariantMap(), text);
         if (++printed == options.count) {
-            QCoreApplication::exit(sample.failure.status);
+            QCoreApplication::exit(sample.failure.failed() ? session.fail(sample.failure) : int(Done));
         }
     });
     QObject::connect(&source, &Top::Source::busGone, &source, [] {
@@ -225,6 +231,7 @@ int runScreen(const Session &session, const TopOptions &options)
         QObject::connect(&terminal, &Top::Terminal::pressed, &terminal, [&](int key) {
             const Top::Model::Action action = feed.model.press(key);
             if (action.kind == Top::Model::Action::Quit) {
+                terminal.ignoreKeys();
                 QCoreApplication::exit(Done);
                 return;
             }

@@ -18,7 +18,7 @@ from stack.waiting import LIMIT, NotInTime
 # As the terminal sends them that TERM names below.
 UP, DOWN, PAGE_UP, PAGE_DOWN = "\x1bOA", "\x1bOB", "\x1b[5~", "\x1b[6~"
 HOME, END, DELETE, ESCAPE = "\x1b[1~", "\x1b[4~", "\x1b[3~", "\x1b"
-INTERRUPT = "\x03"
+INTERRUPT, SUSPEND, QUIT = "\x03", "\x1a", "\x1c"
 
 
 class _Contents(pyte.Screen):
@@ -46,7 +46,8 @@ class _Stream(pyte.ByteStream):
 class Screen:
     """It runs meanwhile, as the leader of a session whose terminal this is."""
 
-    def __init__(self, stack, *words, columns=100, lines=30, term="screen-256color", **more):
+    def __init__(self, stack, *words, columns=100, lines=30, term="screen-256color", before=(),
+                 **more):
         self._screen = _Contents(columns, lines)
         self._stream = _Stream(self._screen)
         self.raw = b""
@@ -54,7 +55,7 @@ class Screen:
         self._set_size(columns, lines)
         self.before = termios.tcgetattr(self._its)
         self.process = subprocess.Popen(
-            ctl.command(stack, *words), env=ctl.environment(stack, TERM=term, **more), stdin=self._its,
+            [*before, *ctl.command(stack, *words)], env=ctl.environment(stack, TERM=term, **more), stdin=self._its,
             stdout=self._its, stderr=self._its, start_new_session=True,
             preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0))
 

@@ -9,8 +9,8 @@ import pytest
 
 import ctl
 import tasker
-from screen import (DELETE, DOWN, END, ESCAPE, HOME, INTERRUPT, PAGE_DOWN, PAGE_UP, UP, Screen)
-from stack.process import state
+from screen import (DELETE, DOWN, END, ESCAPE, HOME, INTERRUPT, PAGE_DOWN, PAGE_UP, QUIT, SUSPEND, UP, Screen)
+from stack.process import descendants, state
 from stack.waiting import until
 
 SAMPLE, OTHER = "org.example.Sample", "org.example.Other"
@@ -192,6 +192,8 @@ def test_options_open_the_screen_as_they_say(pair, screens):
     screen = screens(pair, "--sort", "id", "--reverse", "--freeze-watch", "--delay", "0.2", OTHER)
     screen.wait_for("1 run", "by id, reversed", "Freezing of all")
     screen.until(lambda: screen.ids() == [OTHER], "the wanted one alone")
+    wrong = screens(pair, LINES="10", COLUMNS="30")
+    wrong.wait_for("q quit", "SINCE", "2 run")
     short = screens(pair, "-s", "oom", "-r", "-f", "-d", "0.2")
     short.wait_for("2 run", "by oom, reversed", "Freezing of all")
     plain = screens(pair, NO_COLOR="1")
@@ -215,12 +217,14 @@ def test_screen_follows_its_size(pair, screens):
     assert screen.end() == ctl.DONE
 
 
-@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP])
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGQUIT, signal.SIGTERM, signal.SIGHUP])
 def test_signal_restores_the_terminal(pair, screens, number):
     screen = screens(pair)
     screen.wait_for("2 run")
     if number == signal.SIGINT:
         screen.press(INTERRUPT)
+    elif number == signal.SIGQUIT:
+        screen.press(QUIT)
     else:
         screen.process.send_signal(number)
     assert screen.end() == -number
@@ -228,18 +232,38 @@ def test_signal_restores_the_terminal(pair, screens, number):
 
 
 def test_stopped_and_continued(pair, screens):
-    screen = screens(pair)
+    # A shell with job control, which waits for a line before it has the job go on.
+    shell = ["/bin/bash", "-c", 'set -m; "$@"; read; fg >/dev/null', "bash"]
+    screen = screens(pair, before=shell)
     screen.wait_for("2 run")
-    # Of its own process group alone, the kernel would not stop it.
-    screen.process.send_signal(signal.SIGTSTP)
-    screen.until(lambda: state(screen.process.pid) == "T", "that it is stopped")
+    (pid,) = descendants(screen.process.pid)
+    screen.press(SUSPEND)
+    screen.until(lambda: state(pid) == "T", "that it is stopped")
     screen.until(screen.is_restored, "the terminal as before")
     pair.control.terminate(OTHER)
     until(lambda: running(pair) == [SAMPLE], "the end of the other")
-    screen.process.send_signal(signal.SIGCONT)
+    screen.press("\r")
     screen.wait_for("1 run", "q quit")
     screen.press("q")
     assert screen.end() == ctl.DONE and screen.is_restored()
+
+
+def test_it_is_not_stopped_where_nobody_could_go_on_with_it(pair, screens):
+    screen = screens(pair)
+    screen.wait_for("2 run")
+    screen.press(SUSPEND)
+    screen.press("i")
+    screen.wait_for("by id", "2 run")
+    screen.press("q")
+    assert screen.end() == ctl.DONE and screen.is_restored()
+
+
+def test_keys_behind_the_last_one_count_no_more(pair, screens):
+    screen = screens(pair)
+    screen.wait_for("2 run")
+    screen.press("qxy")
+    assert screen.end() == ctl.DONE
+    assert running(pair) == [OTHER, SAMPLE]
 
 
 def test_service_may_go_and_come_back(pair, screens):
@@ -318,12 +342,22 @@ def test_batch_outlives_the_service(pair):
     try:
         later.wait_for('"Running": ?\\[{')
         pair.service.stop()
-        later.wait_for("NameHasNoOwner")
+        assert json.loads(later.wait_for("NameHasNoOwner"))["Running"] == []
         pair.start_service()
         later.wait_for('"Running": ?\\[\\]', 2)
         assert later.running
     finally:
         later.close()
+
+
+def test_service_that_does_not_answer_is_told(pair):
+    pair.service.child.send(signal.SIGSTOP)
+    try:
+        silent = ctl.run(pair, "top", "-n", "1", status=ctl.TIMED_OUT)
+    finally:
+        pair.service.child.send(signal.SIGCONT)
+    assert "org.freedesktop.DBus.Error.NoReply" in silent.error
+    assert "The service does not answer" in silent.out
 
 
 def test_wrong_words(pair):

@@ -3,6 +3,8 @@
 #include <QDBusPendingCallWatcher>
 #include <QDateTime>
 
+#include <algorithm>
+
 namespace Ctl::Top {
 
 namespace {
@@ -10,6 +12,7 @@ namespace {
 constexpr int answerTimeoutMs = 5000; // then it is asked anew
 constexpr int patienceMs = 2000; // then it is told that it does not answer
 constexpr int stopTimeoutMs = 25000;
+constexpr int shortestPauseMs = 100; // between an answer and a question, however much happens
 
 } // namespace
 
@@ -18,7 +21,9 @@ Source::Source(QObject *parent)
 {
     m_clock.start();
     m_patience.setSingleShot(true);
+    m_soon.setSingleShot(true);
     connect(&m_timer, &QTimer::timeout, this, &Source::ask);
+    connect(&m_soon, &QTimer::timeout, this, &Source::ask);
     connect(&m_patience, &QTimer::timeout, this, &Source::silent);
     QDBusConnection::sessionBus().connect(QString(), QStringLiteral("/org/freedesktop/DBus/Local"),
                                           QStringLiteral("org.freedesktop.DBus.Local"),
@@ -105,20 +110,25 @@ void Source::onAnswered()
         sample.memory = m_memory.value().toMap();
     }
     emit sampled(sample);
+    m_sinceAnswer.start();
     if (m_mustAskAgain) {
-        ask();
+        m_soon.start(shortestPauseMs);
     }
 }
 
 void Source::onChanged()
 {
     m_mustAskAgain = true; // what is being answered may be from before
-    ask();
+    if (m_openCalls == 0 && !m_soon.isActive()) {
+        const qint64 pause = m_sinceAnswer.isValid() ? m_sinceAnswer.elapsed() : shortestPauseMs;
+        m_soon.start(int(std::clamp<qint64>(shortestPauseMs - pause, 0, shortestPauseMs)));
+    }
 }
 
 void Source::onBusGone()
 {
     m_timer.stop();
+    m_soon.stop();
     m_patience.stop();
     emit busGone();
 }

@@ -58,8 +58,10 @@ private:
     static QDBusMessage question(const QString &object, const QString &member);
 
     QTimer m_timer;
+    QTimer m_soon; // runs from a change to the question about it
     QTimer m_patience; // runs while there is no answer
     QElapsedTimer m_clock;
+    QElapsedTimer m_sinceAnswer;
     QDBusServiceWatcher m_watcher;
     int m_openCalls = 0;
     bool m_mustAskAgain = false; // something has changed since the open question was asked

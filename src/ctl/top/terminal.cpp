@@ -29,7 +29,7 @@ namespace {
 
 int signalPipe[2] = { -1, -1 };
 
-const int caught[] = { SIGWINCH, SIGINT, SIGTERM, SIGHUP, SIGTSTP, SIGCONT };
+const int caught[] = { SIGWINCH, SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP, SIGCONT };
 
 /// Nothing but async-signal-safe calls.
 void onSignal(int number)
@@ -85,6 +85,7 @@ public:
     void readKeys();
     void readSignals();
     void suspend();
+    void resume();
     void resize() const;
     [[nodiscard]] attr_t attributes(Style style, short *pair) const;
 
@@ -94,6 +95,7 @@ public:
     bool hasColours = false;
     struct sigaction before[std::size(caught)] = {};
     bool isCatching = false;
+    bool isOver = false; // no key counts any more
     std::unique_ptr<QSocketNotifier> keys;
     std::unique_ptr<QSocketNotifier> arrivals; // of signals
 };
@@ -104,7 +106,7 @@ bool TerminalPrivate::openScreen()
     if (std::strcmp(nl_langinfo(CODESET), "ANSI_X3.4-1968") == 0) {
         (void)std::setlocale(LC_CTYPE, "C.UTF-8");
     }
-    set_escdelay(25); // the keys of a terminal come in one piece
+    set_escdelay(100); // long enough for the rest of a key, short enough for who presses Escape
     screen = newterm(nullptr, stdout, stdin);
     if (!screen) {
         return false;
@@ -113,6 +115,7 @@ bool TerminalPrivate::openScreen()
     if (!canPlaceCursor()) {
         return false;
     }
+    resize(); // LINES and COLUMNS may say otherwise
     cbreak();
     noecho();
     nonl();
@@ -179,8 +182,8 @@ void TerminalPrivate::readKeys()
         if (key != 0) {
             emit q->pressed(key);
         }
-        if (!screen) {
-            return;
+        if (isOver) {
+            return; // what was typed behind it is for nobody
         }
     }
     if (hasRead) {
@@ -207,11 +210,7 @@ void TerminalPrivate::readSignals()
             suspend();
             break;
         case SIGCONT:
-            // The terminal may have been used, and been given another size.
-            reset_prog_mode();
-            resize();
-            clearok(curscr, true);
-            emit q->resized();
+            resume();
             break;
         default:
             emit q->ended(numbers[i]);
@@ -224,7 +223,23 @@ void TerminalPrivate::suspend()
 {
     endwin();
     fflush(stdout);
-    raise(SIGSTOP); // SIGCONT, which ends this, is read next
+    // As if nobody caught it: the kernel stops nobody whom no shell could have go on.
+    struct sigaction usual = {};
+    usual.sa_handler = SIG_DFL;
+    struct sigaction ours = {};
+    sigaction(SIGTSTP, &usual, &ours);
+    raise(SIGTSTP); // returns after SIGCONT, or at once
+    sigaction(SIGTSTP, &ours, nullptr);
+    resume();
+}
+
+/// The terminal may have been used meanwhile, and been given another size.
+void TerminalPrivate::resume()
+{
+    reset_prog_mode();
+    resize();
+    clearok(curscr, true);
+    emit q->resized();
 }
 
 void TerminalPrivate::resize() const
@@ -297,6 +312,11 @@ bool Terminal::open()
     return true;
 }
 
+void Terminal::ignoreKeys()
+{
+    d->isOver = true;
+}
+
 QSize Terminal::size() const
 {
     constexpr int usualHeight = 24; // for terminals that do not tell
@@ -321,7 +341,11 @@ void Terminal::show(const QVector<Line> &lines)
                 attributes |= A_REVERSE;
             }
             wattr_set(stdscr, attributes, pair, nullptr);
-            wmove(stdscr, y, x); // each at its place, though terminals disagree about widths
+            // Each at its place, though terminals disagree about widths. The screen may just have become
+            // smaller.
+            if (wmove(stdscr, y, x) == ERR) {
+                break;
+            }
             const std::wstring text = span.text.toStdWString();
             waddnwstr(stdscr, text.c_str(), int(text.size()));
             x += columnsOf(span.text);

@@ -28,6 +28,8 @@ public:
 
     [[nodiscard]] QSize size() const;
     void show(const QVector<Line> &lines);
+    /// No pressed() any more, also not for keys that have come already.
+    void ignoreKeys();
 
 signals:
     void pressed(int key); ///< a character, or one of Key

@@ -340,7 +340,7 @@ QVector<Line> helpLines()
         "q             quit",
         "",
         "CPU%          of one processor, since the last sample",
-        "CPU HIDDEN    processor time since it was hidden",
+        "CPU HIDDEN    processor time since it was seen hidden",
     };
     QVector<Line> lines;
     for (const char *text : texts) {

@@ -50,6 +50,7 @@ struct Verdict
     Decision decision = Decision::Exited;
     QString detail;
     QString requestor;
+    bool isAttributed = false; ///< it is known who requested it, be it nobody of the service's own
 };
 
 QString applicationOf(const QString &id)
@@ -72,7 +73,7 @@ QString exitText(int exitStatus)
 /// What decided an end that nobody here had a part in.
 Verdict ownVerdict(int exitStatus)
 {
-    return { WIFSIGNALED(exitStatus) ? Decision::Crashed : Decision::Exited, QString(), QString() };
+    return { WIFSIGNALED(exitStatus) ? Decision::Crashed : Decision::Exited, QString(), QString(), false };
 }
 
 } // namespace
@@ -278,14 +279,17 @@ void Chronicle::decide(const QString &id, Decision decision, const QString &deta
         return;
     }
     if (!d->verdicts.contains(id) || decision == Decision::EarlyOom) {
-        d->verdicts.insert(id, { decision, detail, QString() });
+        d->verdicts.insert(id, { decision, detail, QString(), false });
     }
 }
 
 void Chronicle::requestedBy(const QString &id, const QString &requestor)
 {
     const auto verdict = d->verdicts.find(id);
-    if (verdict != d->verdicts.end() && verdict->requestor.isEmpty()) {
+    const bool canBeRequested = verdict != d->verdicts.end()
+        && (verdict->decision == Decision::Requested || verdict->decision == Decision::Stopped);
+    if (canBeRequested && !verdict->isAttributed) {
+        verdict->isAttributed = true;
         verdict->requestor = requestor;
     }
 }

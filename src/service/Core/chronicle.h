@@ -101,7 +101,7 @@ public:
     /// Says what is about to end @p id, as soon as it is decided. The first decision stands, but for one that
     /// kills at once. Forgotten with the end.
     void decide(const QString &id, Decision decision, const QString &detail = QString());
-    /// Who asked for what has been decided.
+    /// Who asked for it, if a request decided: the first who did. Empty for nobody of the service's own.
     void requestedBy(const QString &id, const QString &requestor);
 
     // Told to who asks

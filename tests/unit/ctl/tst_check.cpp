@@ -318,7 +318,7 @@ void CheckTest::whatIsNoFileIsToldOfAtOnce()
     const Result result = run({ QStringLiteral("big.desktop"), QStringLiteral("directory.desktop"),
                                 QStringLiteral("fifo.desktop"), QStringLiteral("fifo.intent"),
                                 QStringLiteral("fifo.config"), QStringLiteral("oom.cfg"),
-                                QStringLiteral("fifo"), QStringLiteral("loop.desktop"), QStringLiteral("") },
+                                QStringLiteral("fifo"), QStringLiteral("loop.desktop"), QLatin1String("") },
                               directory);
     QCOMPARE(
         QString::fromUtf8(result.out),

@@ -8,6 +8,7 @@
 
 #include "support/log_capture.h"
 
+#include <QRegularExpression>
 #include <QTest>
 #include <QUrl>
 

@@ -4,6 +4,8 @@
 #include "manager_stand_in.h"
 #include "units.h"
 
+#include "support/patience.h"
+
 #include <QDBusArgument>
 #include <QDateTime>
 #include <QtTest>
@@ -237,5 +239,3 @@ void TestTrigger::brokenEventIsNotTriedAgain()
 QTEST_GUILESS_MAIN(TestTrigger)
 
 #include "tst_trigger.moc"
-
-#include "support/patience.h"

@@ -43,6 +43,8 @@ private slots:
     void verdictGoesWithTheEnd();
     void whatDoesNotRunCannotBeDecided();
     void requestorNeedsADecision();
+    void firstWhoAskedStands();
+    void whatNobodyAskedForHasNoRequestor();
     void whoIsAskedAbout_data();
     void whoIsAskedAbout();
     void onlyTheLastOnesAreKept();
@@ -273,6 +275,29 @@ void TestChronicle::requestorNeedsADecision()
     m_chronicle->requestedBy(sample, QStringLiteral("org.example.Second"));
     end(sample, exited(0));
     QCOMPARE(m_chronicle->endings().first().requestor, QStringLiteral("org.example.First"));
+}
+
+void TestChronicle::firstWhoAskedStands()
+{
+    // Nobody of the service's own, say the user by the task switcher.
+    start(sample);
+    m_chronicle->decide(sample, Decision::Requested);
+    m_chronicle->requestedBy(sample, QString());
+    m_chronicle->requestedBy(sample, QStringLiteral("org.example.Late"));
+    end(sample, exited(0));
+    QCOMPARE(m_chronicle->endings().first().requestor, QString());
+}
+
+void TestChronicle::whatNobodyAskedForHasNoRequestor()
+{
+    for (const Decision decision : { Decision::Closed, Decision::EarlyOom, Decision::TimeLimit }) {
+        start(sample);
+        m_chronicle->decide(sample, decision);
+        m_chronicle->requestedBy(sample, QStringLiteral("org.example.Late"));
+        end(sample, exited(0));
+        QCOMPARE(m_chronicle->endings().first().decision, decision);
+        QCOMPARE(m_chronicle->endings().first().requestor, QString());
+    }
 }
 
 void TestChronicle::whoIsAskedAbout_data()
