@@ -97,7 +97,8 @@ public:
             map.insert(QStringLiteral("Memory"), m_sample.memory);
         }
         QVariantList running;
-        for (const Top::Row &row : shownRows()) {
+        const QVector<Top::Row> rows = shownRows();
+        for (const Top::Row &row : rows) {
             QVariantMap process = processOf(row.id);
             insertKnown(process, "CpuPercent", row.cpuPercent);
             insertKnown(process, "FrozenChanged", row.frozenChangedMs);

@@ -221,7 +221,7 @@ void checkApplicationProgram(const Core::ApplicationInfo &info, const QStringLis
     if (isQuotedProgram(line)) {
         return;
     }
-    checkProgramWord(Core::splitCommandLine(line).first(), place, report);
+    checkProgramWord(Core::splitCommandLine(line).constFirst(), place, report);
     const auto command = Core::ApplicationCommand::make(launchData, Core::DebugParams(),
                                                         { { QStringLiteral("startDBus"), overDBus } }, {});
     const QString program = QString::fromUtf8(command.program);
