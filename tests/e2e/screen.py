@@ -90,9 +90,9 @@ class Screen:
         return self._screen.buffer[row][0].reverse
 
     def colour(self, word):
-        """Of the last character of a word that is shown."""
-        row = next(i for i, line in enumerate(self.rows) if word in line)
-        return self._screen.buffer[row][self.rows[row].index(word) + len(word) - 1].fg
+        """Of the last character of a word; None while it is not shown. What is drawn at once may come in parts."""
+        row = next((i for i, line in enumerate(self.rows) if word in line), None)
+        return None if row is None else self._screen.buffer[row][self.rows[row].index(word) + len(word) - 1].fg
 
     def press(self, *keys):
         os.write(self._ours, "".join(keys).encode())

@@ -62,13 +62,13 @@ def test_rows_tell_what_runs(pair, screens):
     screen.until(lambda: len(screen.row(OTHER)) > 8, "a share of the processor")
     screen.until(lambda: screen.row(OTHER)[:3] == [OTHER, "active", "no"], "its state")
     screen.until(lambda: str(told[OTHER]["Pid"]) in screen.row(OTHER), "its process id")
-    screen.until(lambda: screen.row(SAMPLE)[1] == "launched", "the other's state")
+    screen.until(lambda: screen.row(SAMPLE)[1:2] == ["launched"], "the other's state")
     screen.until(lambda: screen.colour(" active") == "green", "its colour")
     # What comes and goes is seen at once, not at the next look.
     slow = screens(pair, "-d", "3600")
     slow.wait_for("2 run")
     pair.control.update_windows(SAMPLE, inactive=1)
-    slow.until(lambda: slow.row(SAMPLE)[1] == "inactive", "the change of the state")
+    slow.until(lambda: slow.row(SAMPLE)[1:2] == ["inactive"], "the change of the state")
     pair.control.terminate(SAMPLE)
     slow.wait_for("1 run")
     slow.until(lambda: slow.ids() == [OTHER], "the other's row alone")
@@ -180,7 +180,7 @@ def test_freezing_is_watched(pair, screens, key, watched):
     screen.until(lambda: re.search(rf"{SAMPLE} thawed after .*, in which it used .* of processor time", screen.text),
                  "the thaw")
     screen.wait_for("2 run, 0 frozen")
-    screen.until(lambda: screen.row(OTHER)[1] == "inactive", "the other's state")
+    screen.until(lambda: screen.row(OTHER)[1:2] == ["inactive"], "the other's state")
     if watched == "all":
         screen.wait_for(f"{OTHER} inactive")
     assert watched == "all" or f"{OTHER} inactive" not in screen.text
@@ -197,7 +197,7 @@ def test_options_open_the_screen_as_they_say(pair, screens):
     short = screens(pair, "-s", "oom", "-r", "-f", "-d", "0.2")
     short.wait_for("2 run", "by oom, reversed", "Freezing of all")
     plain = screens(pair, NO_COLOR="1")
-    plain.wait_for("2 run")
+    plain.wait_for("2 run", "active")
     assert plain.colour("active") == "default"
 
 
