@@ -361,7 +361,7 @@ void CheckReadersTest::fieldCodesAreReplacedAsTold()
 void CheckReadersTest::laterFileOfAnIdCounts()
 {
     const QByteArray content = "[Desktop Entry]\nName=Notes\nExec=notes\n" + idGroup;
-    const QString local = m_fixture.write(QStringLiteral("home/data/applications/a.desktop"), content);
+    m_fixture.write(QStringLiteral("home/data/applications/a.desktop"), content);
     const QString system = m_fixture.write(QStringLiteral("two/applications/b.desktop"), content);
     const Core::ApplicationRegistry registry;
     QCOMPARE(registry.desktopFile(Core::ApplicationId(QStringLiteral("org.example.Notes"))), system);
