@@ -143,8 +143,8 @@ def test_application_under_test_runs_from_the_beginning(mock):
 
 def test_start_can_be_refused(mock):
     blocked = OWN_ERROR + "ApplicationBlocked"
-    mock.say("RefuseStart", "sss", OTHER, blocked, "for now")
-    assert refusal(mock.call, "Control1", "Start", "s", OTHER) == (blocked, "for now")
+    mock.say("RefuseStart", "sss", OTHER, blocked, "Kept from starting")
+    assert refusal(mock.call, "Control1", "Start", "s", OTHER) == (blocked, "Kept from starting")
     mock.say("RefuseStart", "sss", OTHER, "", "")
     assert mock.call("Control1", "Start", "s", OTHER)[0] == OTHER
 
