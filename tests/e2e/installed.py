@@ -26,7 +26,10 @@ def run(*command, **options):
 
 
 def package_files():
-    return sorted(glob.glob(os.path.join(PACKAGES, "*.deb")))
+    found = sorted(glob.glob(os.path.join(PACKAGES, "*.deb"))) if PACKAGES else []
+    if not found:
+        raise FileNotFoundError(f"no packages in PROCWARDEN_PACKAGES={PACKAGES}: ctest -L package makes some")
+    return found
 
 
 def unit_directory():
