@@ -38,7 +38,7 @@ set(CPACK_DEBIAN_SERVICE_PACKAGE_DEPENDS
 set(CPACK_DEBIAN_SERVICE_PACKAGE_RECOMMENDS "shared-mime-info, xdg-dbus-proxy, xdg-desktop-portal")
 set(CPACK_DEBIAN_SERVICE_PACKAGE_SUGGESTS "procwarden-tools, upower")
 set(CPACK_DEBIAN_SERVICE_PACKAGE_CONTROL_EXTRA
-    "${scripts}/service/conffiles;${scripts}/service/postinst;${scripts}/service/postrm")
+    "${scripts}/service/conffiles;${scripts}/service/postinst;${scripts}/service/prerm;${scripts}/service/postrm")
 set(CPACK_COMPONENT_SERVICE_DESCRIPTION
 "application runtime service of a mobile device
 Starts applications in their sandboxes, follows every process that belongs to
