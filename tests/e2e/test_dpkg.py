@@ -18,8 +18,8 @@ SPACES = ("--mount", "--net", "--ipc", "--uts")
 ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C", "DEBIAN_FRONTEND": "noninteractive"}
 STATE = {"ii": "installed", "rc": "removed"}
 
-# What is not there: the group that the packages make, what would keep packages from starting anything, and the permission
-# to look through all man pages, which takes long.
+# What is not there: the group that the packages make, what would keep packages from starting anything or from bringing man
+# pages along, and the permission to look through all of these, which takes long.
 SET_UP = """set -e
 mount -t tmpfs tmpfs "$PLACE"
 cd "$PLACE"
@@ -32,7 +32,7 @@ mount -t tmpfs tmpfs root/run
 mkdir -p root/run/systemd/system "root$FILES" "root$CHANGED"
 mount --bind "$PACKAGES" "root$FILES"
 sed -i '/^privileged:/d' root/etc/group root/etc/gshadow
-rm -f root/usr/sbin/policy-rc.d root/var/lib/man-db/auto-update
+rm -rf root/usr/sbin/policy-rc.d root/var/lib/man-db/auto-update root/etc/dpkg/dpkg.cfg.d
 rm -f root/usr/bin/systemctl root/bin/systemctl
 cat >root/usr/bin/systemctl <<'END'
 #!/bin/sh
@@ -72,7 +72,7 @@ class Machine:
         """names: of packages; all of them if there is none. What dpkg says of it."""
         files = [f"{FILES}/{os.path.basename(file)}" for file in package_files()
                  if control_fields(file)["Package"] in (names or COMPONENTS)]
-        return self.try_to_run("dpkg", "--force-confdef", "--force-confold", "-i", *files)
+        return self.try_to_run("dpkg", "--force-unsafe-io", "--force-confdef", "--force-confold", "-i", *files)
 
     def packages(self):
         """Name -> whether it is "installed" or "removed", which leaves configuration behind."""
@@ -149,6 +149,9 @@ def test_everything_is_put_in_its_place(machine):
     wanted = re.findall(r"(?m)^g (\S+)", machine.read("/usr/lib/sysusers.d/procwarden.conf"))
     assert "privileged" in wanted and set(wanted) <= machine.groups()
     assert machine.run("procwardenctl", "--version").startswith("procwardenctl ")
+    # The pages are found by what their files are called, too.
+    for name, key in (("oom.cfg", "CheckIntervalMsec"), ("tasks.cfg", "MaxTasksPerApp"), ("procwarden.desktop", "Exec")):
+        assert key in machine.run("man", "5", name)
     # Units are made known; nothing is enabled, and nothing is started.
     assert set(machine.asked()) == {"daemon-reload"}
     assert machine.run("find", f"{CHANGED}/etc", "-type", "l") == ""

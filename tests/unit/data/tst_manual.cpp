@@ -10,6 +10,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include "manual_page.h"
+
 namespace {
 
 const QDir manual(QStringLiteral(PROCWARDEN_MANUAL_DIR));
@@ -25,15 +27,10 @@ QString contentOf(const QString &path)
     return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
 }
 
-QStringList pages()
-{
-    return manual.entryList({ QStringLiteral("*.[1-8]") }, QDir::Files, QDir::Name);
-}
-
 /// Whether the page has @p key, as a whole word, in bold: an example alone does not explain it.
 bool names(const QString &page, const QString &key)
 {
-    const QString text = contentOf(manual.filePath(page)).replace(QLatin1String("\\-"), QLatin1String("-"));
+    const QString text = ManualPage(page).source();
     const QRegularExpression expression(
         QStringLiteral("^\\.B.*(?<![\\w.-])%1(?![\\w-])").arg(QRegularExpression::escape(key)),
         QRegularExpression::MultilineOption);
@@ -89,6 +86,7 @@ private slots:
     void everyPageIsCleanForAnotherFormatter();
     void everyPageBearsItsName_data() { addPages(); }
     void everyPageBearsItsName();
+    void everyOtherNameLeadsToItsPage();
     void everyReferenceLeadsToAPage_data() { addPages(); }
     void everyReferenceLeadsToAPage();
     void everyPageIsInstalled();
@@ -102,7 +100,7 @@ private:
 void ManualTest::addPages()
 {
     QTest::addColumn<QString>("page");
-    const QStringList all = pages();
+    const QStringList all = ManualPage::names();
     QVERIFY(!all.isEmpty());
     for (const QString &page : all) {
         QTest::newRow(qUtf8Printable(page)) << page;
@@ -137,22 +135,48 @@ void ManualTest::everyPageIsCleanForAnotherFormatter()
 void ManualTest::everyPageBearsItsName()
 {
     QFETCH(QString, page);
-    const QString text = contentOf(manual.filePath(page)).replace(QLatin1String("\\-"), QLatin1String("-"));
+    const QString text = ManualPage(page).source();
     const QString name = page.left(page.size() - 2);
     QVERIFY(text.startsWith(QStringLiteral(".TH %1 %2 ").arg(name.toUpper(), page.right(1))));
-    QVERIFY(text.contains(QStringLiteral("\n.SH NAME\n%1 - ").arg(name)));
+    const QRegularExpression line(
+        QStringLiteral("\n\\.SH NAME\n%1(?:, [\\w.-]+)* - ").arg(QRegularExpression::escape(name)));
+    QVERIFY(line.match(text).hasMatch());
+}
+
+/// What a page calls itself besides has to be found under that name, too; whatis(1) looks there.
+void ManualTest::everyOtherNameLeadsToItsPage()
+{
+    QStringList aliases, told;
+    const QStringList files = manual.entryList({ QStringLiteral("*.[1-8]") }, QDir::Files, QDir::Name);
+    for (const QString &file : files) {
+        const QString target = ManualPage(file).aliasOf();
+        if (!target.isEmpty()) {
+            aliases << file + QLatin1Char(' ') + target;
+        }
+    }
+    const QRegularExpression line(QStringLiteral("\n\\.SH NAME\n[^ ,]+, (.*) - "));
+    for (const QString &page : ManualPage::names()) {
+        const QString more = line.match(ManualPage(page).source()).captured(1);
+        for (const QString &name : more.split(QStringLiteral(", "), Qt::SkipEmptyParts)) {
+            told << QStringLiteral("%1.%2 man%2/%3").arg(name, page.right(1), page);
+        }
+    }
+    told.sort();
+    QCOMPARE(aliases, told);
+    QVERIFY(aliases.contains(QLatin1String("oom.cfg.5 man5/procwarden-oom.cfg.5")));
+    QVERIFY(aliases.contains(QLatin1String("tasks.cfg.5 man5/procwarden-tasks.cfg.5")));
 }
 
 void ManualTest::everyReferenceLeadsToAPage()
 {
     QFETCH(QString, page);
-    const QString text = contentOf(manual.filePath(page)).replace(QLatin1String("\\-"), QLatin1String("-"));
+    const QString text = ManualPage(page).source();
     const QRegularExpression reference(QStringLiteral("^\\.BR (procwarden\\S*) \\(([1-8])\\)"),
                                        QRegularExpression::MultilineOption);
     for (auto matches = reference.globalMatch(text); matches.hasNext();) {
         const QRegularExpressionMatch match = matches.next();
         const QString target = match.captured(1) + QLatin1Char('.') + match.captured(2);
-        QVERIFY2(pages().contains(target), qUtf8Printable(target));
+        QVERIFY2(ManualPage::names().contains(target), qUtf8Printable(target));
     }
 }
 
@@ -178,7 +202,7 @@ void ManualTest::everyPageIsInstalled()
         installed << file.fileName();
     }
     installed.sort();
-    QStringList expected = pages();
+    QStringList expected = manual.entryList({ QStringLiteral("*.[1-8]") }, QDir::Files);
 #ifndef PROCWARDEN_HAS_EVENTD
     expected.removeAll(QStringLiteral("procwarden-eventd.8"));
 #endif
