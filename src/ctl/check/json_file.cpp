@@ -228,9 +228,7 @@ void checkHints(const JsonSubject &subject, const QString &intent)
         return;
     }
     const QJsonObject hints = value.toObject();
-    QStringList known;
     for (const HintInfo &info : hintInfos()) {
-        known.append(QLatin1String(info.name));
         checkHint(subject, info, intent);
     }
     const QStringList descriptors { QStringLiteral("readFds"), QStringLiteral("writeFds") };
@@ -247,7 +245,8 @@ void checkHints(const JsonSubject &subject, const QString &intent)
         subject.report.add(Rule::Hint, subject.place(hintsKey, QStringLiteral("startDBus")),
                            QStringLiteral("\"startDBus\" is for Start only, which no file defines"));
     }
-    subject.checkNames(hintsKey, hints, known + descriptors + QStringList(QStringLiteral("startDBus")),
+    subject.checkNames(hintsKey, hints,
+                       intentHints() + descriptors + QStringList(QStringLiteral("startDBus")),
                        Rule::UnknownHint);
 }
 
@@ -267,6 +266,15 @@ void checkRequiredParams(const JsonSubject &subject)
 }
 
 } // namespace
+
+QStringList intentHints()
+{
+    QStringList names;
+    for (const HintInfo &info : hintInfos()) {
+        names.append(QLatin1String(info.name));
+    }
+    return names;
+}
 
 void checkIntentDefinition(const QString &path, Report &report)
 {
