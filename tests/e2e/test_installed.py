@@ -1,13 +1,15 @@
 """The service as it is installed: programs, states, intents and configuration come from an installed tree."""
 
+import fnmatch
 import grp
 import os
+import re
 import shutil
 
 import ctl
 import pytest
 from conftest import bring_up
-from installed import COMPONENTS, PROGRAMS, InstalledTree, listed, run, write_list
+from installed import COMPONENTS, PROGRAMS, InstalledTree, listed, run, unit_directory, write_list
 from stack.client import Client
 from stack.service import SESSION_NAME
 from stack.stack import HELPER_NAME, TREE
@@ -63,6 +65,22 @@ def test_each_file_lies_where_debian_expects_it(tmp_path):
     if os.environ.get("UPDATE_GOLDEN"):
         write_list(found)
     assert found == listed()
+
+
+def test_page_names_each_file_and_its_package():
+    """docs/configuration.md has a line for each, or for several of a kind; of two that fit, the longer one counts."""
+    with open(os.path.join(TREE, "docs/configuration.md")) as file:
+        lines = dict(re.findall(r"(?m)^\| `(/\S+)` \| `(procwarden\S*)` \| \S", file.read()))
+    used, wrong = set(), {}
+    for package, paths in listed().items():
+        for path in paths:
+            path = path.replace(unit_directory() + "/", "/lib/systemd/system/")
+            line = max((line for line in lines if fnmatch.fnmatchcase(path, line)), key=len, default=None)
+            used.add(line)
+            if lines.get(line) != package:
+                wrong[path] = line
+    assert wrong == {}
+    assert set(lines) - used == set()
 
 
 def test_everything_that_is_shipped_is_there(tree):
