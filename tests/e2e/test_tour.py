@@ -1,4 +1,4 @@
-"""The tour, taken in the installed tree; docs/tour.md has to be what it makes."""
+"""The tour, taken with what the Debian packages hold; docs/tour.md has to be what it makes."""
 
 import difflib
 import os
@@ -8,7 +8,7 @@ import pytest
 import ctl
 import tour
 from conftest import bring_up
-from installed import InstalledTree
+from installed import InstalledTree, package_files
 from stack.newcomer import Newcomer
 from stack.stack import SANITIZER_OPTIONS, TREE
 from transcript import Masks, Shell, Transcript
@@ -18,6 +18,7 @@ PAGE = os.path.join(TREE, "docs", "tour.md")
 
 @pytest.fixture
 def transcript(request, tmp_path):
+    assert package_files()
     tree = InstalledTree(str(tmp_path / "tree"))
     manual = tree.below_prefix("share/man")
     for stack in bring_up(request, bin_dir=tree.make_bin_dir(str(tmp_path / "bin")), own_proc=True):

@@ -35,11 +35,14 @@ def _begin(tour):
         <!-- Made by tests/e2e/tour.py; UPDATE_GOLDEN=1 rewrites it. -->
 
         A program becomes an application: it is declared, checked, started, watched, frozen, and killed when memory runs
-        short. Everything that had to be known for it stands in the man pages. The commands were really typed, and a
-        test types them again and compares what they print; only process ids, times, sizes and places are examples.
+        short. Everything that had to be known for it stands in the man pages, which are quoted where they tell it. The
+        commands were really typed, and a test types them again and compares what they print; only process ids, times,
+        sizes and places are examples.
 
-        This is the prompt that `./dev shell` opens, of an ordinary user. Service, buses, sandbox and control groups are
-        real. The permission daemon is a stand-in that agrees to everything. Three things are there for trying out:
+        Service, helper, tools, man pages, states and configuration are what the Debian packages hold, unpacked by
+        `dpkg-deb -x`. The prompt is an ordinary user's; `./dev shell` opens the same one over what has just been built.
+        Buses, sandbox and control groups are real. The permission daemon is a stand-in that agrees to everything. Three
+        things are there for trying out:
 
         - what is `/` on a device lies below `$PROCWARDEN_ROOTFS`, and the user may put packages into its `opt/app`;
         - its `proc/meminfo` says how much memory there is, and the user may write to it;
@@ -51,8 +54,10 @@ def _write_a_program(tour):
     tour.say("""
         ## A program
 
-        The album takes as many megabytes for pictures as it is told to, and waits.
+        The album takes as many megabytes for pictures as it is told to, and waits. A script would not do:
         """)
+    tour.quote("procwarden.desktop(5)", "In a sandbox, the program must be executable and an ELF binary: a script is "
+               'refused with "is not an ELF binary".')
     tour.run("""\
 cat >album.c <<'END'
 #include <stdlib.h>
@@ -75,8 +80,12 @@ def _declare(tour):
     tour.say("""
         ## A desktop file, and its faults
 
-        A desktop file makes an application of it. This one is written in good faith.
+        Now for its description.
         """)
+    tour.quote("procwarden.desktop(5)", "A desktop file makes an application known to procwarden(8). It has the form of "
+               "the Desktop Entry Specification. This page names every key that the service reads.")
+    tour.quote("procwarden.desktop(5)", "The id of the application is organization.name.")
+    tour.say("This one is written in good faith, by somebody who has not read much further.")
     tour.run(f"cd {FILES}")
     tour.run(f"""\
 cat >{ALBUM}.desktop <<END
@@ -90,9 +99,11 @@ OrganizationName=org.example
 ApplicationName=Album
 Sandboxing=disabled
 END""")
+    tour.quote("procwardenctl(1)", "Tells what the service would pass over in silence, or take for something else than "
+               "it seems: in these files, or else in all that are installed.")
     check = f"procwardenctl check {ALBUM}.desktop"
     tour.run(check, status=1)
-    tour.say("The man page agrees. First, the quotes:")
+    tour.say("The man page of the format agrees. First, the quotes:")
     tour.quote("procwarden.desktop(5)", 'There is no quoting: with Exec="/usr/bin/my app" %U the program is '
                '/usr/bin/"/usr/bin/my, which does not exist.')
     tour.run(f"""sed -i 's/"//g' {ALBUM}.desktop""")
@@ -114,8 +125,12 @@ def _understand(tour):
 
         What the service makes of the file:
         """)
+    tour.quote("procwardenctl(1)", "Shows all that the desktop file, the manifest and the package of an application "
+               "declare, and its background policy with the reason for it.")
     tour.run(f"procwardenctl app {ALBUM}")
-    tour.say("And what a start would do, without starting anything.")
+    tour.say("And what would come of a start:")
+    tour.quote("procwardenctl(1)", "Shows what a start would do, without starting anything: each check with its result, "
+               "the counts against their limits, the complete command line one argument a line, and the environment.")
     tour.run(f"procwardenctl explain {ALBUM} | head -n 19")
     tour.say("The command line goes on until the program and its own arguments; the environment comes after it.")
 
@@ -126,9 +141,14 @@ def _watch(tour):
 
         Whatever happens from now on is written down beside.
         """)
+    tour.quote("procwardenctl(1)", "Shows what happens until it is interrupted: starts, ends with their exit status and "
+               "what decided them, states, memory levels, and who is chosen to be killed.")
     tour.run("procwardenctl monitor >~/events &")
     tour.wait("cat ~/events", "memory")
     _start(tour, ALBUM, 64)
+    tour.quote("procwardenctl(1)", "Shows what runs, or what of it belongs to these applications: state, process id, for "
+               "how long, the memory and the processor time of its control group, its place among those that are killed "
+               "when memory runs short (1 is the first), and its place in the control group hierarchies.")
     tour.run("procwardenctl list")
     tour.say("More about one of them, also how long its start took:")
     tour.run(f"procwardenctl status {ALBUM}")
@@ -140,15 +160,18 @@ def _freeze(tour):
     tour.say("""
         ## Frozen
 
-        An application that nobody sees is frozen. The compositor reports what can be seen, and here the user does: one
-        active window, then a hidden one.
+        An application that nobody sees is frozen. The compositor says what can be seen, and here the user does: one active
+        window, then a hidden one.
         """)
+    tour.quote("procwardenctl(1)", "Reports numbers of windows, as the compositor does, and prints the state that follows.")
     tour.run(f"procwardenctl windows {ALBUM} 1 0 0")
     tour.run(f"procwardenctl windows {ALBUM} 0 0 1")
     tour.say("""
         It should be hidden now, and is inactive. The end of what `app` printed says why: without a manifest, it is made for
         a system that froze nothing.
         """)
+    tour.quote("procwarden-states(5)", "It has a visible window, but no active one; or only hidden ones, and it may not "
+               "be frozen now (see procwarden-os-version-support.cfg(5)).")
     tour.quote("procwarden-os-version-support.cfg(5)",
                "Without an entry, an application whose package has a valid manifest.json counts as made for 5.2.0, and "
                "any other one as made for 4.0.0.")
@@ -191,11 +214,12 @@ def _run_short(tour):
     tour.run(f"procwardenctl windows {READER} 1 0 0")
     tour.run("procwardenctl list", shows=r"(?s)hidden, frozen.*active ")
     tour.say("""
-        `procwardenctl top` has the same on the whole screen, as it changes, with keys to sort and to stop. This is one look
-        of it:
+        `procwardenctl top` has the same on the whole screen, as it changes, with keys to sort, to stop, and to watch the
+        freezing. This is one look of it:
         """)
     tour.run("procwardenctl top --sort id --iterations 1")
     tour.say("What would happen if the memory ran short:")
+    tour.quote("procwardenctl(1)", "Shows how short the memory is, and who would be killed, in this order.")
     tour.run("procwardenctl memory")
     tour.quote("procwarden-oom.cfg(5)", "Critical memory is told, too, and at each look one victim is killed: what has "
                "offered itself most through its oom_score_adj, then what the user has left longest ago.")
@@ -204,11 +228,18 @@ def _run_short(tour):
     tour.run("procwardenctl memory | head -n 2", shows="critical")
     tour.run(f"procwardenctl status {ALBUM}", shows=r"(?s)not running.*early-oom")
     tour.say("""
-        That is why: which figures, which rule, which signal. The reader goes on, and the album's whole life is in what was
-        written down beside. It is inactive for a moment at its end, since what is frozen does not die of a signal.
+        That is why: which figures, which rule, which signal. How little it had to be, the configuration says, and its page
+        what the configuration means.
+        """)
+    tour.run("grep ^MinMemoryTermPercent $PROCWARDEN_ROOTFS/etc/procwarden/oom.cfg")
+    tour.run("man oom.cfg | grep -A 2 'MinMemoryTermPercent$'")
+    tour.say("""
+        The reader goes on, and the album's whole life is in what was written down beside. It is inactive for a moment at its
+        end, since what is frozen does not die of a signal.
         """)
     tour.run("procwardenctl list", shows=f"^(?!.*{ALBUM})")
     tour.run(f"grep {ALBUM} ~/events", shows=r"early-oom")
+    tour.quote("procwardenctl(1)", "Shows the last 200 ends, the latest first: when, how long it ran, and what decided it")
     tour.run("procwardenctl history -n 1")
     tour.wait("kill %1", "")
 

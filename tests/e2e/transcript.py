@@ -158,7 +158,7 @@ class Transcript:
             words = plain(file.read())
         if plain(text.replace("`", "")) not in words:
             raise AssertionError(f"{page} does not say: {text}")
-        self.say("\n".join(f"> {line}" for line in textwrap.wrap(f"{text} ({page})", 118)))
+        self.say("\n".join(f"> {line}" for line in textwrap.wrap(f"{text} ({page})", 118, break_on_hyphens=False)))
 
     def run(self, command, shows=None, status=0):
         """Types a command, and shows it with what it prints.
