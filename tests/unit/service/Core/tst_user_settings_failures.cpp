@@ -54,6 +54,30 @@ int inChild(const std::function<int()> &work)
     return waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+/// The same as an ordinary user, to whom the permissions of a file apply.
+int inOrdinaryChild(const std::function<int()> &work)
+{
+    return inChild([&work] {
+        if (geteuid() == 0 && setresuid(ordinaryUser, ordinaryUser, ordinaryUser) != 0) {
+            return 1;
+        }
+        return work();
+    });
+}
+
+/// The exit status of an ordinary child that changed the settings: all is well if it logged @p expected.
+int statusOfAChange(const QStringList &expected)
+{
+    return inOrdinaryChild([&expected] {
+        const LogCapture log;
+        {
+            UserSettings settings;
+            settings.setAutostartEntry(task, entryOfSize(1));
+        }
+        return log.messages() == expected ? allWell : 2;
+    });
+}
+
 /// Mounts a file system of 16 kB, seen by this process only.
 bool mountTinyDisk(const QByteArray &directory)
 {
@@ -161,10 +185,7 @@ void tst_UserSettingsFailures::fileThatMayNotBeReadIsWarnedAbout()
 {
     m_fixture->write(before);
     QCOMPARE(chmod(QFile::encodeName(m_fixture->path()).constData(), 0), 0);
-    const int status = inChild([this] {
-        if (geteuid() == 0 && setresuid(ordinaryUser, ordinaryUser, ordinaryUser) != 0) {
-            return 1;
-        }
+    const int status = inOrdinaryChild([this] {
         const LogCapture log;
         const UserSettings settings;
         return settings.autostartEntries().isEmpty() && log.messages() == QStringList(readWarning()) ? allWell
@@ -177,18 +198,7 @@ void tst_UserSettingsFailures::readOnlyDirectoryIsWarnedAbout()
 {
     m_fixture->write(before);
     QCOMPARE(chmod(QFile::encodeName(m_fixture->directory()).constData(), 0555), 0);
-    const int status = inChild([this] {
-        if (geteuid() == 0 && setresuid(ordinaryUser, ordinaryUser, ordinaryUser) != 0) {
-            return 1;
-        }
-        const LogCapture log;
-        {
-            UserSettings settings;
-            settings.setAutostartEntry(task, entryOfSize(1));
-        }
-        return log.messages() == QStringList(writeWarning()) ? allWell : 2;
-    });
-    QCOMPARE(status, allWell);
+    QCOMPARE(statusOfAChange({ writeWarning() }), allWell);
     QCOMPARE(m_fixture->read(), before);
     QCOMPARE(chmod(QFile::encodeName(m_fixture->directory()).constData(), 0755), 0);
 }
@@ -198,18 +208,7 @@ void tst_UserSettingsFailures::readOnlyFileIsWarnedAbout()
     m_fixture->write(before);
     QCOMPARE(chmod(QFile::encodeName(m_fixture->directory()).constData(), 0777), 0);
     QCOMPARE(chmod(QFile::encodeName(m_fixture->path()).constData(), 0444), 0);
-    const int status = inChild([this] {
-        if (geteuid() == 0 && setresuid(ordinaryUser, ordinaryUser, ordinaryUser) != 0) {
-            return 1;
-        }
-        const LogCapture log;
-        {
-            UserSettings settings;
-            settings.setAutostartEntry(task, entryOfSize(1));
-        }
-        return log.messages() == QStringList(writeWarning()) ? allWell : 2;
-    });
-    QCOMPARE(status, allWell);
+    QCOMPARE(statusOfAChange({ writeWarning() }), allWell);
     QCOMPARE(m_fixture->read(), before);
 }
 
