@@ -7,7 +7,7 @@ import subprocess
 import pytest
 from conftest import bring_up
 from installed import InstalledTree
-from stack.process import is_running
+from stack.process import descendants, is_running
 from stack.service import SESSION_NAME
 from stack.stack import HELPER_NAME
 from stack.user_manager import UserManager
@@ -15,6 +15,7 @@ from stack.waiting import until
 
 SAMPLE = "org.example.Sample"
 HELPER = "procwarden-helper.service"
+CAP_SYS_MODULE, CAP_SYS_ADMIN, CAP_SYS_TIME = 16, 21, 25
 RUNTIME = "/run/systemd/manager" # in the machine alone, and hidden by no unit
 
 
@@ -124,44 +125,78 @@ def test_helper_works_within_its_restrictions(machine, tree):
         assert manager.systemctl("show", "-P", "Result", HELPER) == "success"
 
 
-def test_applications_do_not_outlive_a_service_that_crashes(machine, tree):
-    """Not even a frozen one, which no signal ends. The service comes back."""
-    if not machine.hierarchies.is_real("freezer"):
-        pytest.skip("no freezer here")
-    machine.start_helper()
-    machine.install_sample(sandbox={"Sandboxing": "Disabled"})
-    unit = f"procwarden@{machine.user.uid}.service"
-    log = os.path.join(machine.directory, "log/unit")
-    with SystemManager(machine) as manager:
+class UnitOfTheService:
+    """procwarden@.service, run by a manager for the user of the stack."""
+
+    def __init__(self, machine, tree, manager):
+        self._machine, self._manager = machine, manager
+        self.name = f"procwarden@{machine.user.uid}.service"
+        log = os.path.join(machine.directory, "log/unit")
         variables = {name: value for name, value in machine.environment().items() if name != "DBUS_SYSTEM_BUS_ADDRESS"}
         manager.install(tree, "procwarden@.service",
                         # These users are no members of it in the machine's files.
                         f"SupplementaryGroups={tree.account_of('group')}", f"StandardError=append:{log}",
                         "TimeoutStopSec=1", *(f"Environment={name}={value}" for name, value in variables.items()))
 
-        def main():
-            pid = manager.systemctl("show", "-P", "MainPID", unit)
-            owner = machine.session_bus.owner(SESSION_NAME)
-            return int(pid) if owner and pid != "0" else None
+    def start(self):
+        self._manager.systemctl("start", self.name)
+        return until(self.main, "the service", detail=self.state)
 
-        def state():
-            return manager.run("systemctl", "--user", "status", unit).stdout
+    def main(self):
+        """Process id of the service, once it has its name."""
+        pid = self._manager.systemctl("show", "-P", "MainPID", self.name)
+        owner = self._machine.session_bus.owner(SESSION_NAME)
+        return int(pid) if owner and pid != "0" else None
 
-        manager.systemctl("start", unit)
-        first = until(main, "the service", detail=state)
+    def state(self):
+        return self._manager.run("systemctl", "--user", "status", self.name).stdout
+
+    def stop(self):
+        self._manager.systemctl("stop", self.name)
+        assert self._manager.systemctl("show", "-P", "Result", self.name) == "success"
+
+
+def test_applications_do_not_outlive_a_service_that_crashes(machine, tree):
+    """Not even a frozen one, which no signal ends. The service comes back."""
+    if not machine.hierarchies.is_real("freezer"):
+        pytest.skip("no freezer here")
+    machine.start_helper()
+    machine.install_sample(sandbox={"Sandboxing": "Disabled"})
+    with SystemManager(machine) as manager:
+        unit = UnitOfTheService(machine, tree, manager)
+        first = unit.start()
         assert status_of(first)["Uid"].split() == 4 * [str(machine.user.uid)]
         mark = f"/proc/{first}/root{RUNTIME}/procwarden/{machine.user.uid}"
         assert os.stat(mark).st_uid == machine.user.uid
         started = machine.control.start(SAMPLE)
         machine.sample()
         machine.control.update_windows(started.instance_id, hidden=1)
-        until(lambda: machine.freezer_state(SAMPLE) == "FROZEN", "the freezer", detail=state)
+        until(lambda: machine.freezer_state(SAMPLE) == "FROZEN", "the freezer", detail=unit.state)
 
-        manager.systemctl("kill", "--kill-whom=main", "--signal=KILL", unit)
-        until(lambda: not is_running(started.pid), "the end of the application", detail=state)
-        second = until(lambda: (pid := main()) != first and pid, "the next service", detail=state)
-        assert manager.systemctl("show", "-P", "NRestarts", unit) == "1"
+        manager.systemctl("kill", "--kill-whom=main", "--signal=KILL", unit.name)
+        until(lambda: not is_running(started.pid), "the end of the application", detail=unit.state)
+        second = until(lambda: (pid := unit.main()) != first and pid, "the next service", detail=unit.state)
+        assert manager.systemctl("show", "-P", "NRestarts", unit.name) == "1"
         assert os.path.isdir(f"/proc/{second}/root{RUNTIME}/procwarden/{machine.user.uid}")
-        until(lambda: machine.control.running() == ([], []), "its answer", detail=state)
-        manager.systemctl("stop", unit)
-        assert manager.systemctl("show", "-P", "Result", unit) == "success"
+        until(lambda: machine.control.running() == ([], []), "its answer", detail=unit.state)
+        unit.stop()
+
+
+def test_sandbox_works_within_what_the_unit_of_the_service_forbids(machine, tree):
+    """The sandbox program takes new privileges, and makes name spaces; neither gets what nobody below it needs."""
+    if not machine.hierarchies.all_real:
+        pytest.skip("plain directories: only the kernel's groups are handed over without being told to")
+    machine.start_helper()
+    machine.install_sample()
+    with SystemManager(machine) as manager:
+        unit = UnitOfTheService(machine, tree, manager)
+        service = unit.start()
+        started = machine.control.start(SAMPLE)
+        machine.sample()
+        sandbox = descendants(started.pid)
+        assert any(os.readlink(f"/proc/{pid}/ns/mnt") != os.readlink(f"/proc/{service}/ns/mnt") for pid in sandbox)
+        for pid in (service, started.pid, *sandbox):
+            bounds = int(status_of(pid)["CapBnd"], 16)
+            assert not bounds & (1 << CAP_SYS_MODULE | 1 << CAP_SYS_TIME), pid
+        assert int(status_of(service)["CapBnd"], 16) & 1 << CAP_SYS_ADMIN
+        unit.stop()
