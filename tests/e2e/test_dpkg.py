@@ -13,7 +13,8 @@ import pytest
 from installed import COMPONENTS, control_fields, listed, package_files, run
 from stack.process import Child
 
-CHANGED, ASKED, FILES = "/run/changed", "/run/asked", "/run/packages" # on that machine
+# On that machine; the last one is systemd's own.
+CHANGED, ASKED, FILES, SYSTEMCTL = "/run/changed", "/run/asked", "/run/packages", "/run/systemctl"
 SPACES = ("--mount", "--net", "--ipc", "--uts")
 ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C", "DEBIAN_FRONTEND": "noninteractive"}
 STATE = {"ii": "installed", "rc": "removed"}
@@ -33,7 +34,8 @@ mkdir -p root/run/systemd/system "root$FILES" "root$CHANGED"
 mount --bind "$PACKAGES" "root$FILES"
 sed -i '/^privileged:/d' root/etc/group root/etc/gshadow
 rm -rf root/usr/sbin/policy-rc.d root/var/lib/man-db/auto-update root/etc/dpkg/dpkg.cfg.d
-rm -f root/usr/bin/systemctl root/bin/systemctl
+cp root/usr/bin/systemctl "root$SYSTEMCTL"
+rm root/usr/bin/systemctl
 cat >root/usr/bin/systemctl <<'END'
 #!/bin/sh
 echo "$*" >>/run/asked
@@ -53,7 +55,7 @@ class Machine:
         self._holder = Child("the machine", ["/usr/bin/unshare", *SPACES, "/bin/sh", "-c", SET_UP],
                              str(directory / "log"),
                              {**ENVIRONMENT, "PLACE": str(place), "PACKAGES": str(packages), "CHANGED": CHANGED,
-                              "FILES": FILES}, stdout=subprocess.PIPE)
+                              "FILES": FILES, "SYSTEMCTL": SYSTEMCTL}, stdout=subprocess.PIPE)
         if self._holder.popen.stdout.readline() != b"up\n":
             raise RuntimeError(f"no machine over this one: {self._holder.output()}")
         self._before = self._changed()
@@ -129,6 +131,7 @@ def machine(tmp_path, directory):
         machine.stop()
 
 
+LINK = "/etc/systemd/system/user@{0}.service.wants/procwarden@{0}.service"
 CONFIGURATION = [path for path in listed()["procwarden"] if path.startswith("/etc/")]
 
 
@@ -196,10 +199,10 @@ def test_upgrade_keeps_what_an_administrator_has_changed(machine, directory, tmp
 
 def test_removal_keeps_configuration_and_purge_leaves_nothing(machine):
     install(machine)
-    link = "/etc/systemd/system/user@1000.service.wants/procwarden@1000.service"
-    machine.write(link, "")
     machine.write("/etc/systemd/system/user@1001.service.wants/other.service", "")
-    machine.write("/etc/systemd/system/user@1001.service.wants/procwarden@1001.service", "")
+    for uid in (1000, 1001):
+        machine.run(SYSTEMCTL, "--root=/", "enable", f"procwarden@{uid}.service")
+        assert machine.run("readlink", LINK.format(uid)).endswith("/procwarden@.service\n")
     machine.asked()
     machine.run("dpkg", "-r", *COMPONENTS)
     assert machine.packages() == {"procwarden": "removed", "procwarden-helper": "removed"}
@@ -209,7 +212,7 @@ def test_removal_keeps_configuration_and_purge_leaves_nothing(machine):
     assert asked.index("stop procwarden@*.service") < asked.index("daemon-reload")
     left = [path for path in machine.left_behind() if not path.startswith(("/etc/systemd/", "/var/lib/dpkg/info/"))]
     assert left == ["/etc/procwarden", *CONFIGURATION]
-    assert machine.is_there(link)
+    assert {LINK.format(1000), LINK.format(1001)} <= set(machine.left_behind())
 
     machine.run("dpkg", "-P", "procwarden", "procwarden-helper")
     assert machine.packages() == {}
