@@ -50,6 +50,8 @@ void ScreenSaver::onOwnerChanged(const QString &newOwner)
 
 void ScreenSaver::onActiveChanged(bool active)
 {
+    // An answer that is handled after this may have come before it, and says nothing that this does not.
+    delete m_question;
     setStatus(statusOf(active));
 }
 

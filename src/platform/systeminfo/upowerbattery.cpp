@@ -11,6 +11,7 @@ const QString service = QStringLiteral("org.freedesktop.UPower");
 const QString path = QStringLiteral("/org/freedesktop/UPower/devices/DisplayDevice");
 const QString deviceInterface = QStringLiteral("org.freedesktop.UPower.Device");
 const QString propertiesInterface = QStringLiteral("org.freedesktop.DBus.Properties");
+const QString isPresent = QStringLiteral("IsPresent");
 
 /// Percent, rounded down; -1 for what is no percentage.
 int levelOf(const QVariant &percentage)
@@ -77,7 +78,9 @@ void UPowerBattery::onPropertiesChanged(const QString &interface, const QVariant
     if (interface != deviceInterface) {
         return;
     }
-    if (!invalidated.isEmpty()) {
+    // What waits for an answer may be told of it only after a change that came later than the answer, and
+    // would take the old values for the new ones. And without an answer, all the rest is missing.
+    if (m_question || !invalidated.isEmpty() || !m_properties.contains(isPresent)) {
         ask();
     }
     for (auto property = changed.cbegin(); property != changed.cend(); ++property) {
@@ -105,7 +108,7 @@ void UPowerBattery::ask()
 
 void UPowerBattery::update()
 {
-    const bool present = m_properties.value(QStringLiteral("IsPresent")).toBool();
+    const bool present = m_properties.value(isPresent).toBool();
     const int level = present ? levelOf(m_properties.value(QStringLiteral("Percentage"))) : -1;
     const QBatteryInfo::ChargingState state = present
         ? stateOf(m_properties.value(QStringLiteral("State")).toUInt())

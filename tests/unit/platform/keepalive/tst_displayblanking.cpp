@@ -2,9 +2,12 @@
 
 #include "support/bus_stand_in.h"
 #include "support/dbus_mock.h"
+#include "support/interruption.h"
 #include "support/patience.h"
 #include "support/private_bus.h"
 
+#include <QDBusConnection>
+#include <QDBusMessage>
 #include <QSignalSpy>
 #include <QtTest>
 
@@ -12,6 +15,7 @@
 
 using TestSupport::BusStandIn;
 using TestSupport::DbusMock;
+using TestSupport::Interruption;
 using TestSupport::PrivateBus;
 
 namespace {
@@ -45,6 +49,7 @@ private slots:
     void manyChangesEndAtTheLast();
     void objectsShareOneQuestion();
     void withAMockedScreenSaver();
+    void changeThatOvertakesTheAnswerStands();
 
 private:
     void startScreenSaver(bool active);
@@ -287,6 +292,37 @@ void tst_DisplayBlanking::withAMockedScreenSaver()
     mock.suspend(); // hangs, and keeps its name
     const DisplayBlanking other;
     QCOMPARE(other.status(), DisplayBlanking::On);
+}
+
+// An answer and a change may both have come before the object that waits for the answer is made, and then
+// the change is handled first.
+void tst_DisplayBlanking::changeThatOvertakesTheAnswerStands()
+{
+    if (!DbusMock::isInstalled()) {
+        QSKIP("python3-dbusmock is not installed");
+    }
+    DbusMock mock(*m_bus, service, { QStringLiteral("--session"), service, path, service });
+    mock.call(path, QStringLiteral("AddMethod"),
+              { service, QStringLiteral("GetActive"), QString(), QStringLiteral("b"),
+                QStringLiteral("ret = False") });
+    // A new connection holds signals back until the event loop has been there.
+    QVERIFY(QDBusConnection::sessionBus().isConnected());
+    QCoreApplication::processEvents();
+    const Interruption interruption("ScreenSaver", [] {
+        // On the connection of the question, whose answer is there, too, when this call has been answered.
+        QDBusMessage call = QDBusMessage::createMethodCall(
+            service, path, QStringLiteral("org.freedesktop.DBus.Mock"), QStringLiteral("EmitSignal"));
+        call << service << QStringLiteral("ActiveChanged") << QStringLiteral("b") << QVariantList { true };
+        QCOMPARE(QDBusConnection::sessionBus().call(call).type(), QDBusMessage::ReplyMessage);
+    });
+    const DisplayBlanking display;
+    QVERIFY(interruption.happened());
+    QTRY_COMPARE(display.status(), DisplayBlanking::Off);
+    QSignalSpy changes(&display, &DisplayBlanking::statusChanged);
+    mock.call(path, QStringLiteral("EmitSignal"),
+              { service, QStringLiteral("ActiveChanged"), QStringLiteral("b"), QVariantList { false } });
+    QTRY_COMPARE(display.status(), DisplayBlanking::On);
+    QCOMPARE(changes.size(), 1);
 }
 
 QTEST_GUILESS_MAIN(tst_DisplayBlanking)

@@ -1,9 +1,14 @@
 #include "qbatteryinfo.h"
+#include "upowerbattery.h"
 
 #include "support/dbus_mock.h"
+#include "support/interruption.h"
 #include "support/patience.h"
 #include "support/private_bus.h"
 
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusPendingCallWatcher>
 #include <QElapsedTimer>
 #include <QSignalSpy>
 #include <QtTest>
@@ -11,6 +16,7 @@
 #include <memory>
 
 using TestSupport::DbusMock;
+using TestSupport::Interruption;
 using TestSupport::PrivateBus;
 
 namespace {
@@ -28,6 +34,21 @@ QVariantMap battery(double percentage, uint state)
              { QStringLiteral("Percentage"), percentage },
              { QStringLiteral("State"), state } };
 }
+
+/// A battery as UPower offers it, in this process.
+class Device : public QObject
+{
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.UPower.Device")
+    Q_PROPERTY(bool IsPresent MEMBER isPresent)
+    Q_PROPERTY(double Percentage MEMBER percentage)
+    Q_PROPERTY(uint State MEMBER state)
+
+public:
+    bool isPresent = true;
+    double percentage = 67;
+    uint state = charging;
+};
 
 } // namespace
 
@@ -50,6 +71,8 @@ private slots:
     void changeOfBothIsSeenWhole();
     void otherChangesAreNotSignalled();
     void invalidatedPropertyIsAskedFor();
+    void changeThatOvertakesTheAnswerStands();
+    void refusedQuestionIsAskedAgain();
     void wrongTypesAreNoBattery();
     void batteryAppearsAndGoes();
     void withoutUPowerThereIsNoBattery();
@@ -239,6 +262,49 @@ void tst_QBatteryInfo::invalidatedPropertyIsAskedFor()
     QTRY_COMPARE(levels.size(), 2);
     QCOMPARE(levels.first().first().toInt(), 12); // as the signal says
     QCOMPARE(levels.last().first().toInt(), 66); // as the device says when it is asked
+}
+
+// An answer and a change may both have come before the object that waits for the answer is made, and then
+// the change is handled first.
+void tst_QBatteryInfo::changeThatOvertakesTheAnswerStands()
+{
+    change(battery(67, discharging));
+    // A new connection holds signals back until the event loop has been there.
+    QVERIFY(QDBusConnection::systemBus().isConnected());
+    QCoreApplication::processEvents();
+    const Interruption interruption("UPowerBattery", [] {
+        // On the connection of the question, whose answer is there, too, when this call has been answered.
+        QDBusMessage call = QDBusMessage::createMethodCall(
+            upower, display, QStringLiteral("org.freedesktop.DBus.Mock"), QStringLiteral("UpdateProperties"));
+        call << device << QVariantMap { { QStringLiteral("Percentage"), 66.0 } };
+        QCOMPARE(QDBusConnection::systemBus().call(call).type(), QDBusMessage::ReplyMessage);
+    });
+    const QBatteryInfo info;
+    QVERIFY(interruption.happened());
+    change({ { QStringLiteral("State"), charging } });
+    QTRY_COMPARE(info.chargingState(), QBatteryInfo::Charging);
+    QCOMPARE(info.level(), 66);
+}
+
+void tst_QBatteryInfo::refusedQuestionIsAskedAgain()
+{
+    m_upower.reset();
+    QDBusConnection daemon = m_bus->connect();
+    QVERIFY(daemon.registerService(upower));
+    const QBatteryInfo info;
+    // There is no such object yet.
+    QTRY_VERIFY(UPowerBattery::shared()->findChildren<QDBusPendingCallWatcher *>().isEmpty());
+    QCOMPARE(info.level(), -1);
+
+    Device battery;
+    QVERIFY(daemon.registerObject(display, &battery, QDBusConnection::ExportAllProperties));
+    QDBusMessage signal = QDBusMessage::createSignal(
+        display, QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("PropertiesChanged"));
+    signal << device << QVariantMap { { QStringLiteral("Percentage"), 67.0 } } << QStringList();
+    QVERIFY(daemon.send(signal));
+    QTRY_COMPARE(info.level(), 67);
+    QCOMPARE(info.chargingState(), QBatteryInfo::Charging);
+    m_bus->disconnect(daemon);
 }
 
 void tst_QBatteryInfo::wrongTypesAreNoBattery()
