@@ -1,6 +1,7 @@
 #include "Core/notification_proxy.h"
 
 #include "support/bus_stand_in.h"
+#include "support/held_bus.h"
 #include "support/message_probe.h"
 #include "support/private_bus.h"
 
@@ -95,6 +96,7 @@ private slots:
     void eventsOfOthersAreNot();
     void eventsOfOtherTypesAreNot();
     void restartedServerIsHeard();
+    void eventThatComesWithTheServerIsHeard();
 
     void hintsPassAsTheyCame_data();
     void hintsPassAsTheyCame();
@@ -457,6 +459,33 @@ void TestNotificationProxy::restartedServerIsHeard()
     QSignalSpy closed(m_proxy.get(), &NotificationProxy::notificationClosed);
     signal(QStringLiteral("NotificationClosed"), { 1U, 1U });
     QTRY_COMPARE(closed.size(), 1);
+}
+
+// What a server has kept over a restart may be out of date when it is back.
+void TestNotificationProxy::eventThatComesWithTheServerIsHeard()
+{
+    m_server->answerWith({ 7U });
+    notify();
+    QTRY_COMPARE(m_results, QStringList { QStringLiteral("id 7") });
+    m_server->leave();
+    QSignalSpy closed(m_proxy.get(), &NotificationProxy::notificationClosed);
+    QSignalSpy invoked(m_proxy.get(), &NotificationProxy::actionInvoked);
+    QSignalSpy input(m_proxy.get(), &NotificationProxy::inputTextSet);
+    bool sent = false;
+    {
+        const HeldBus held(QDBusConnection::sessionBus());
+        const OtherProgram restarted(m_bus.address());
+        const char *const object = "/org/freedesktop/Notifications";
+        const char *const events = "org.freedesktop.Notifications";
+        sent = restarted.own("org.solvaneos.Notifications")
+            && restarted.signal(object, events, "ActionInvoked", "us", 7U, "default")
+            && restarted.signal(object, events, "InputTextSet", "us", 7U, "text")
+            && restarted.signal(object, events, "NotificationClosed", "uu", 7U, 1U) && restarted.finish();
+    }
+    QVERIFY(sent);
+    QTRY_COMPARE(closed.size(), 1);
+    QCOMPARE(invoked.size(), 1);
+    QCOMPARE(input.size(), 1);
 }
 
 void TestNotificationProxy::hintsPassAsTheyCame_data()

@@ -3,6 +3,7 @@
 #include "Core/runtime_tracker.h"
 #include "runtime_fixture.h"
 
+#include "support/held_bus.h"
 #include "support/log_capture.h"
 
 #include <QDBusConnection>
@@ -75,6 +76,7 @@ private slots:
     void anotherArgumentIsIgnored_data();
     void anotherArgumentIsIgnored();
     void daemonMayComeLaterAndAgain();
+    void listThatComesWithTheDaemonCounts();
     void hiddenApplicationThatPlaysIsNotFrozen();
 
 private:
@@ -312,6 +314,25 @@ void tst_ResourceUsageWatcher::daemonMayComeLaterAndAgain()
             QVERIFY(owner->unregisterService(daemonName));
         }
     }
+}
+
+// A daemon that has crashed and is back tells at once who plays, and then nothing until that changes.
+void tst_ResourceUsageWatcher::listThatComesWithTheDaemonCounts()
+{
+    notify({ { audio, QStringLiteral("org.example.Other"), 0 } });
+    QVERIFY(m_daemon.unregisterService(daemonName));
+    bool sent = false;
+    {
+        const TestSupport::HeldBus held(m_daemon);
+        const TestSupport::OtherProgram restarted(m_runtime->bus().address());
+        sent = restarted.own("org.freedesktop.ohm")
+            && restarted.signal("/org/solvaneos/PrivacyViolation", "org.solvaneos.PrivacyViolation", "Notify",
+                                "a(ssi)", 1, "audio_playback", "org.example.Player", 0)
+            && restarted.finish();
+    }
+    QVERIFY(sent);
+    QTRY_VERIFY(m_watcher->isUsingResource(player));
+    QTRY_VERIFY(m_daemon.registerService(daemonName));
 }
 
 void tst_ResourceUsageWatcher::hiddenApplicationThatPlaysIsNotFrozen()
