@@ -1,5 +1,7 @@
 #include "Core/resource_configuration.h"
 
+#include "Core/regular_file.h"
+
 #include <QDebug>
 #include <QDir>
 #include <QFileInfo>
@@ -41,6 +43,11 @@ void ResourceConfigurationPrivate::loadStateDirectory(const QString &path)
 
 void ResourceConfigurationPrivate::loadStateFile(const QString &state, const QString &path)
 {
+    stateDelays.insert(state, 0);
+    // The listing lets links to anything through.
+    if (!isRegularFile(path)) {
+        return;
+    }
     QSettings file(path, QSettings::IniFormat);
     stateDelays.insert(state, file.value(QStringLiteral("ApplyWithDelay"), 0).toInt());
 

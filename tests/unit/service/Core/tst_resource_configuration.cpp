@@ -8,6 +8,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <sys/stat.h>
+
 using Core::ResourceConfiguration;
 
 class ResourceConfigurationTest : public QObject
@@ -29,6 +31,8 @@ private slots:
     void stateIsTheNameBeforeTheFirstDot();
     void otherFilesAreNotRead();
     void fileThatCannotBeParsedGivesADelayOfZero();
+    void whatIsNoFileOrTooLargeIsNotRead_data();
+    void whatIsNoFileOrTooLargeIsNotRead();
     void leastLocalDirectoryWinsValueByValue();
     void laterFileOfTheSameStateResetsTheDelay();
     void lookUpOfTheUnknownInsertsNothing();
@@ -183,6 +187,36 @@ void ResourceConfigurationTest::fileThatCannotBeParsedGivesADelayOfZero()
     QCOMPARE(configuration.applyDelay(QStringLiteral("broken")), 0);
     QCOMPARE(configuration.applyDelay(QStringLiteral("empty")), 0);
     QVERIFY(configuration.settingsFor(QStringLiteral("empty"), QStringLiteral("cgroup1")).isEmpty());
+}
+
+void ResourceConfigurationTest::whatIsNoFileOrTooLargeIsNotRead_data()
+{
+    QTest::addColumn<QString>("target");
+    QTest::newRow("link to a FIFO") << QStringLiteral("fifo");
+    QTest::newRow("link to a device without an end") << QStringLiteral("/dev/zero");
+    QTest::newRow("10 GiB") << QStringLiteral("sparse");
+    QTest::newRow("a byte above 1 MiB") << QStringLiteral("large");
+    QTest::newRow("link to nothing") << QStringLiteral("nothing");
+    QTest::newRow("link to itself") << QStringLiteral("home/procwarden/states/hidden.config");
+}
+
+void ResourceConfigurationTest::whatIsNoFileOrTooLargeIsNotRead()
+{
+    QFETCH(QString, target);
+    QCOMPARE(::mkfifo(QFile::encodeName(m_directory->filePath(QStringLiteral("fifo"))).constData(), 0600), 0);
+    write(QStringLiteral("sparse"), "ApplyWithDelay=5\n");
+    QVERIFY(QFile::resize(m_directory->filePath(QStringLiteral("sparse")), 10LL * 1024 * 1024 * 1024));
+    write(QStringLiteral("large"), QByteArray("ApplyWithDelay=5\n").leftJustified(1024 * 1024 + 1, '\n'));
+    writeState(QStringLiteral("active.config"), "ApplyWithDelay=7\n");
+    QVERIFY(QFile::link(QDir(m_directory->path()).filePath(target),
+                        m_directory->filePath(QStringLiteral("home/procwarden/states/hidden.config"))));
+
+    const TestSupport::LogCapture log;
+    const ResourceConfiguration configuration;
+    QCOMPARE(configuration.applyDelay(QStringLiteral("hidden")), 0);
+    QVERIFY(configuration.settingsFor(QStringLiteral("hidden"), QStringLiteral("cgroup1")).isEmpty());
+    QCOMPARE(configuration.applyDelay(QStringLiteral("active")), 7);
+    QCOMPARE(log.messages(), QStringList());
 }
 
 void ResourceConfigurationTest::leastLocalDirectoryWinsValueByValue()
