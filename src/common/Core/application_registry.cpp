@@ -1,6 +1,7 @@
 #include "Core/application_registry.h"
 
 #include "Core/file_watcher.h"
+#include "Core/missing_directories.h"
 #include "Core/regular_file.h"
 #include "Core/version_overrides.h"
 
@@ -85,6 +86,8 @@ public:
     // What lookups would have to compute each time.
     QSet<QString> mimeParentsIds; // of the applications with supportMimeParents
     int longestHandlerKey = 0;
+
+    MissingDirectories missing; // those of the location list that the last scan did not find
 };
 
 void ApplicationRegistryPrivate::scan()
@@ -93,10 +96,11 @@ void ApplicationRegistryPrivate::scan()
     handlers.clear();
     longestHandlerKey = 0;
     applications.clear();
+    missing.clear();
     IdsByFileName ids;
     const QStringList directories = QStandardPaths::standardLocations(QStandardPaths::ApplicationsLocation);
     for (const QString &directory : directories) {
-        if (!QFileInfo::exists(directory)) {
+        if (!missing.await(directory)) {
             continue;
         }
         // Watched before it is listed, and files before they are read, so that no change falls in between.
@@ -342,6 +346,7 @@ ApplicationRegistry::ApplicationRegistry(QObject *parent)
 {
     connect(&d->watcher, &FileWatcher::fileChanged, this, &ApplicationRegistry::reload);
     connect(&d->watcher, &FileWatcher::directoryChanged, this, &ApplicationRegistry::reload);
+    connect(&d->missing, &MissingDirectories::appeared, this, &ApplicationRegistry::reload);
     reload();
 }
 

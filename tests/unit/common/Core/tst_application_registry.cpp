@@ -63,6 +63,9 @@ private slots:
     void fileOverriddenElsewhereStaysWatched();
     void unusableFileStaysWatched();
     void directoriesThatVanishAreNoticed();
+    void directoryThatComesLaterIsNoticed();
+    void directoryThatComesAgainIsNoticed();
+    void othersBesideAMissingDirectoryAreNoChange();
     void valuesOutliveAScan();
     void reloadFromTheSignalIsHarmless();
 
@@ -310,7 +313,6 @@ void TestApplicationRegistry::reloadScansAndSignals()
 {
     ApplicationRegistry registry;
     QSignalSpy changed(&registry, &ApplicationRegistry::manifestsChanged);
-    // A directory that was not there at the last scan is not watched.
     write("one", "a", "");
     QCOMPARE(registry.desktopFile(appId("org.kestrix.a")), QString());
     registry.reload();
@@ -392,12 +394,55 @@ void TestApplicationRegistry::directoriesThatVanishAreNoticed()
     QTRY_COMPARE(registry.desktopFile(appId("org.kestrix.a")), QString());
     QCOMPARE(registry.desktopFile(appId("org.kestrix.b")), file("two", "b"));
 
-    // And what takes their place, once a scan has found it.
+    // And what takes their place.
     write("one", "a", "Exec=1\n");
-    registry.reload();
-    QCOMPARE(registry.launchData(appId("org.kestrix.a")).exec, QStringLiteral("1"));
+    QTRY_COMPARE(registry.launchData(appId("org.kestrix.a")).exec, QStringLiteral("1"));
     write("one", "c", "");
     QTRY_COMPARE(registry.desktopFile(appId("org.kestrix.c")), file("one", "c"));
+}
+
+void TestApplicationRegistry::directoryThatComesLaterIsNoticed()
+{
+    // Not even a home. All of it comes at once, and then step by step.
+    const ApplicationRegistry registry;
+    write("home/data", "a", "Exec=a\n");
+    QTRY_COMPARE(registry.desktopFile(appId("org.kestrix.a")), file("home/data", "a"));
+    write("home/data", "a", "Exec=changed\n");
+    QTRY_COMPARE(registry.launchData(appId("org.kestrix.a")).exec, QStringLiteral("changed"));
+
+    QVERIFY(QDir().mkdir(m_fixture.path(QStringLiteral("one"))));
+    QTest::qWait(0);
+    QVERIFY(QDir().mkdir(m_fixture.path(QStringLiteral("one/applications"))));
+    QTest::qWait(0);
+    write("one", "b", "");
+    QTRY_COMPARE(registry.desktopFile(appId("org.kestrix.b")), file("one", "b"));
+}
+
+void TestApplicationRegistry::directoryThatComesAgainIsNoticed()
+{
+    write("home/data", "a", "");
+    const ApplicationRegistry registry;
+    const ApplicationId a = appId("org.kestrix.a");
+    for (const char *removed : { "home/data/applications", "home" }) {
+        QVERIFY(QDir(m_fixture.path(QString::fromLatin1(removed))).removeRecursively());
+        QTRY_COMPARE(registry.desktopFile(a), QString());
+        write("home/data", "a", "");
+        QTRY_COMPARE(registry.desktopFile(a), file("home/data", "a"));
+    }
+}
+
+void TestApplicationRegistry::othersBesideAMissingDirectoryAreNoChange()
+{
+    m_fixture.write(QStringLiteral("home/data/other"), "");
+    ApplicationRegistry registry;
+    QSignalSpy changed(&registry, &ApplicationRegistry::manifestsChanged);
+    for (int i = 0; i < 3; ++i) {
+        m_fixture.write(QStringLiteral("home/data/other%1").arg(i), "");
+        QTest::qWait(0);
+    }
+    write("home/data", "a", "");
+    QTRY_COMPARE(registry.desktopFile(appId("org.kestrix.a")), file("home/data", "a"));
+    QVERIFY(changed.count() <= 2); // the directory, and maybe the file in it
 }
 
 void TestApplicationRegistry::valuesOutliveAScan()
