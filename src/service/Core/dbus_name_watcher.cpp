@@ -21,12 +21,24 @@ struct Entry
 
 using Entries = QHash<QString, QList<std::shared_ptr<Entry>>>;
 
-void add(Entries &entries, const QString &name, QObject *guard, const DBusNameWatcher::Callback &callback)
+// What a callback has with it may be large, and its name may never come.
+void forgetUnguarded(Entries &entries, const QString &name)
 {
-    // One without a guard would be dropped when its turn comes: kept until then, they would only pile up.
-    if (guard) {
-        entries[name].append(std::make_shared<Entry>(Entry { guard, callback }));
+    const auto list = entries.find(name);
+    if (list == entries.end()) {
+        return;
     }
+    QList<std::shared_ptr<Entry>> guarded;
+    for (const std::shared_ptr<Entry> &entry : qAsConst(*list)) {
+        if (entry->guard) {
+            guarded.append(entry);
+        }
+    }
+    list->swap(guarded);
+    if (list->isEmpty()) {
+        entries.erase(list);
+    }
+    // Only now the others go: with them, other guards may, which comes back here.
 }
 
 // A callback may register the next one for the same name, or delete the guard of another: the list has left
@@ -51,14 +63,29 @@ public:
     {
     }
 
+    void add(Entries &entries, const QString &name, QObject *guard,
+             const DBusNameWatcher::Callback &callback);
     void nameAppeared(const QString &name);
     void nameDisappeared(const QString &name);
 
     QDBusConnection connection;
     QSet<QString> names; // those that have an owner; empty: the bus has not answered yet
-    Entries appearing; // name -> who waits; removed when the name appears
-    Entries disappearing; // name -> who waits; removed when the name disappears
+    Entries appearing; // name -> who waits; removed when the name appears, or with its guard
+    Entries disappearing; // name -> who waits; removed when the name disappears, or with its guard
+    QObject context; // of the connections that look after the tables, and gone before them
 };
+
+void DBusNameWatcherPrivate::add(Entries &entries, const QString &name, QObject *guard,
+                                 const DBusNameWatcher::Callback &callback)
+{
+    // One without a guard would be dropped when its turn comes: kept until then, they would only pile up.
+    if (!guard) {
+        return;
+    }
+    entries[name].append(std::make_shared<Entry>(Entry { guard, callback }));
+    QObject::connect(guard, &QObject::destroyed, &context,
+                     [&entries, name] { forgetUnguarded(entries, name); });
+}
 
 void DBusNameWatcherPrivate::nameAppeared(const QString &name)
 {
@@ -119,7 +146,7 @@ void DBusNameWatcher::onNameAppeared(const QString &name, QObject *guard, const 
     if (d->names.contains(name)) {
         callback();
     } else {
-        add(d->appearing, name, guard, callback);
+        d->add(d->appearing, name, guard, callback);
     }
 }
 
@@ -128,7 +155,7 @@ void DBusNameWatcher::onNameDisappeared(const QString &name, QObject *guard, con
     if (!d->names.isEmpty() && !d->names.contains(name)) {
         callback();
     } else {
-        add(d->disappearing, name, guard, callback);
+        d->add(d->disappearing, name, guard, callback);
     }
 }
 

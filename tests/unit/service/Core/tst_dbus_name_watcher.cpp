@@ -68,6 +68,8 @@ private slots:
     void entryFiresOnce();
     void entryWithoutGuardIsDropped();
     void entryWithDeadGuardIsDropped();
+    void deadGuardTakesItsCallbackAlong();
+    void callbackMayOwnTheGuardOfAnother();
     void everyEntryOfTheNameFiresInOrder();
     void otherNamesDoNotFire();
     void changeOfOwnerIsNoDisappearance();
@@ -242,6 +244,49 @@ void tst_DBusNameWatcher::entryWithDeadGuardIsDropped()
     guard.reset();
     QVERIFY(m_owner->registerService(name));
     QTRY_COMPARE(m_calls, QStringList { QStringLiteral("alive") });
+}
+
+// A name that nobody will ever own is waited for again and again, as that of a handler that does not answer.
+void tst_DBusNameWatcher::deadGuardTakesItsCallbackAlong()
+{
+    const auto watcher = readyWatcher();
+    const auto load = std::make_shared<int>();
+    auto alive = std::make_unique<QObject>();
+    const QString there = m_owner->baseService();
+    for (int i = 0; i < 100; ++i) {
+        QObject guard;
+        watcher->onNameAppeared(name, &guard, [load] {});
+        watcher->onNameDisappeared(there, &guard, [load] {});
+        watcher->onNameAppeared(name, alive.get(), [this, load] { m_calls.append(QStringLiteral("alive")); });
+    }
+    QCOMPARE(load.use_count(), 1 + 100);
+
+    QVERIFY(m_owner->registerService(name));
+    QTRY_COMPARE(m_calls.size(), 100);
+    QCOMPARE(load.use_count(), 1);
+    alive.reset(); // has nothing left to take along
+}
+
+void tst_DBusNameWatcher::callbackMayOwnTheGuardOfAnother()
+{
+    auto watcher = readyWatcher();
+    const auto load = std::make_shared<int>();
+    for (const bool byTheGuard : { true, false }) {
+        auto first = std::make_unique<QObject>();
+        QObject *guard = first.get();
+        for (int i = 0; i < 3; ++i) {
+            const auto next = std::make_shared<QObject>();
+            watcher->onNameAppeared(name, guard, [next, load] {});
+            guard = next.get();
+        }
+        QCOMPARE(load.use_count(), 1 + 3);
+        if (byTheGuard) {
+            first.reset();
+        } else {
+            watcher.reset();
+        }
+        QCOMPARE(load.use_count(), 1);
+    }
 }
 
 void tst_DBusNameWatcher::everyEntryOfTheNameFiresInOrder()
