@@ -1,7 +1,9 @@
 #pragma once
 
 #include <QDBusPendingCall>
+#include <QVariantList>
 
+class QDBusAbstractInterface;
 class QDBusConnection;
 class QDBusMessage;
 
@@ -13,5 +15,9 @@ namespace Core {
 /// this returns always does: with `Disconnected` then.
 [[nodiscard]] QDBusPendingCall callOverBus(const QDBusConnection &connection, const QDBusMessage &message,
                                            int timeoutMs = -1);
+
+/// The same for a method of the object that @p proxy stands for; the limit is the proxy's.
+[[nodiscard]] QDBusPendingCall callOverBus(QDBusAbstractInterface &proxy, const QString &method,
+                                           const QVariantList &arguments);
 
 } // namespace Core

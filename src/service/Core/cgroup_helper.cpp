@@ -1,5 +1,6 @@
 #include "Core/cgroup_helper.h"
 
+#include "Core/bus_call.h"
 #include "Core/error.h"
 
 #include <QDBusAbstractInterface>
@@ -49,24 +50,17 @@ void CGroupHelperPrivate::createUserHierarchies(uint userId,
                                                 const CGroupHelper::CreateUserHierarchiesCb &callback)
 {
     // The bus's own time-out holds: a helper that never answers comes back as an error.
-    const QDBusPendingCall call = asyncCall(QStringLiteral("CreateUserHierarchies"), userId);
-    // A reply whose first argument is no string counts as an error here.
-    const auto finish = [callback](const QDBusPendingReply<QString> &reply) {
+    auto *watcher = new QDBusPendingCallWatcher(
+        callOverBus(*this, QStringLiteral("CreateUserHierarchies"), { userId }), this);
+    connect(watcher, &QDBusPendingCallWatcher::finished, this, [callback](QDBusPendingCallWatcher *call) {
+        call->deleteLater();
+        // A reply whose first argument is no string counts as an error here.
+        const QDBusPendingReply<QString> reply = *call;
         if (reply.isError()) {
             callback(QString(), toCoreError(reply.error()));
         } else {
             callback(reply.value(), Error());
         }
-    };
-    // Without a connection to the bus the call fails here and now, and a watcher would never tell.
-    if (call.isFinished()) {
-        finish(call);
-        return;
-    }
-    auto *watcher = new QDBusPendingCallWatcher(call, this);
-    connect(watcher, &QDBusPendingCallWatcher::finished, this, [watcher, finish] {
-        watcher->deleteLater();
-        finish(*watcher);
     });
 }
 

@@ -1,5 +1,6 @@
 #include "Core/document_portal.h"
 
+#include "Core/bus_call.h"
 #include "Core/document_portal_p.h"
 
 #include <QDBusConnection>
@@ -77,11 +78,6 @@ DocumentPortalPrivate::DocumentPortalPrivate()
 QDBusPendingCall DocumentPortalPrivate::addFull(const QVector<FileDescriptor> &fds, const QString &appId,
                                                 const QStringList &permissions)
 {
-    if (!connection().isConnected()) {
-        // Left to itself, Qt makes a pending call of this that never finishes.
-        return QDBusPendingCall::fromError(
-            QDBusError(QDBusError::Disconnected, QStringLiteral("Not connected to the session bus")));
-    }
     if (fds.size() > FileDescriptor::maximumPerMessage) {
         return QDBusPendingCall::fromError(
             QDBusError(QDBusError::LimitsExceeded, QStringLiteral("Too many file descriptors")));
@@ -94,8 +90,9 @@ QDBusPendingCall DocumentPortalPrivate::addFull(const QVector<FileDescriptor> &f
                 QDBusError(QDBusError::InvalidArgs, QStringLiteral("Invalid file descriptor")));
         }
     }
-    return asyncCall(QStringLiteral("AddFull"), QVariant::fromValue(descriptors),
-                     uint(reuseExisting | asNeededByApp), appId, permissions);
+    return callOverBus(
+        *this, QStringLiteral("AddFull"),
+        { QVariant::fromValue(descriptors), uint(reuseExisting | asNeededByApp), appId, permissions });
 }
 
 DocumentPortal::DocumentPortal(QObject *parent)

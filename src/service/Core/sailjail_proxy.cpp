@@ -1,5 +1,6 @@
 #include "Core/sailjail_proxy.h"
 
+#include "Core/bus_call.h"
 #include "Core/sailjail_proxy_p.h"
 
 #include <QDBusConnection>
@@ -25,16 +26,6 @@ SailjailProxyPrivate::SailjailProxyPrivate()
     setTimeout(unlimitedMs);
 }
 
-QDBusPendingCall SailjailProxyPrivate::ask(const QString &method, const QString &application)
-{
-    if (!connection().isConnected()) {
-        // Left to itself, Qt makes a pending call of this that never finishes.
-        return QDBusPendingCall::fromError(
-            QDBusError(QDBusError::Disconnected, QStringLiteral("Not connected to the system bus")));
-    }
-    return asyncCall(method, application);
-}
-
 SailjailProxy::SailjailProxy(QObject *parent)
     : QObject(parent)
     , d(std::make_unique<SailjailProxyPrivate>())
@@ -45,7 +36,8 @@ SailjailProxy::~SailjailProxy() = default;
 
 void SailjailProxy::getAllowed(const QString &application, const std::function<void(bool)> &callback)
 {
-    auto *watcher = new QDBusPendingCallWatcher(d->ask(QStringLiteral("GetAllowed"), application), this);
+    auto *watcher =
+        new QDBusPendingCallWatcher(callOverBus(*d, QStringLiteral("GetAllowed"), { application }), this);
     connect(watcher, &QDBusPendingCallWatcher::finished, this, [callback](QDBusPendingCallWatcher *call) {
         call->deleteLater();
         // Turns an answer of another type into an error.
@@ -60,8 +52,8 @@ void SailjailProxy::promptLaunchPermissions(const QString &application,
                                             const std::function<void(const QStringList &)> &success,
                                             const std::function<void(const QString &)> &failure)
 {
-    auto *watcher =
-        new QDBusPendingCallWatcher(d->ask(QStringLiteral("PromptLaunchPermissions"), application), this);
+    auto *watcher = new QDBusPendingCallWatcher(
+        callOverBus(*d, QStringLiteral("PromptLaunchPermissions"), { application }), this);
     connect(watcher, &QDBusPendingCallWatcher::finished, this,
             [success, failure](QDBusPendingCallWatcher *call) {
                 call->deleteLater();

@@ -9,9 +9,6 @@ class SailjailProxyPrivate : public QDBusAbstractInterface
 {
 public:
     SailjailProxyPrivate();
-
-    /// Calls @p method with @p application as its one argument. The call always finishes.
-    QDBusPendingCall ask(const QString &method, const QString &application);
 };
 
 } // namespace Core

@@ -1,5 +1,6 @@
 #include "Core/timed_proxy.h"
 
+#include "Core/bus_call.h"
 #include "Core/message_size.h"
 #include "Core/timed_proxy_p.h"
 #include "timed/event.h"
@@ -123,16 +124,6 @@ TimedProxyPrivate::~TimedProxyPrivate()
     }
 }
 
-QDBusPendingCall TimedProxyPrivate::ask(const QString &method, const QVariant &argument)
-{
-    if (!timed.connection().isConnected()) {
-        // Left to itself, Qt makes a pending call of this that never finishes.
-        return QDBusPendingCall::fromError(
-            QDBusError(QDBusError::Disconnected, QStringLiteral("Not connected to the session bus")));
-    }
-    return timed.asyncCall(method, argument);
-}
-
 void TimedProxyPrivate::EventTriggered(const QVariantMap &attributes)
 {
     const QString eventId = attributes.value(eventIdKey).toString();
@@ -167,7 +158,7 @@ void TimedProxy::addEvent(const TimedEventSpec &spec, const AddCallback &callbac
 {
     // The bus closes the connection of whoever sends it too much.
     const QDBusPendingCall call = fitsIntoMessage({ spec.eventId })
-        ? d->ask(addEventMethod, eventFrom(spec))
+        ? callOverBus(d->timed, addEventMethod, { eventFrom(spec) })
         : QDBusPendingCall::fromError(
             QDBusError(QDBusError::LimitsExceeded, QStringLiteral("Message is too large")));
     auto *watcher = new QDBusPendingCallWatcher(call, d.get());
@@ -188,7 +179,7 @@ void TimedProxy::addEvent(const TimedEventSpec &spec, const AddCallback &callbac
 
 void TimedProxy::removeEvent(CookieId cookie)
 {
-    auto *watcher = new QDBusPendingCallWatcher(d->ask(cancelMethod, cookie), d.get());
+    auto *watcher = new QDBusPendingCallWatcher(callOverBus(d->timed, cancelMethod, { cookie }), d.get());
     connect(watcher, &QDBusPendingCallWatcher::finished, d.get(), [](QDBusPendingCallWatcher *done) {
         done->deleteLater();
         if (done->isError()) {

@@ -21,9 +21,6 @@ public:
     TimedProxyPrivate(TimedProxy *owner, const QDBusConnection &bus);
     ~TimedProxyPrivate() override;
 
-    /// Calls the daemon. The call always finishes, later, at the latest when the time-out is over.
-    QDBusPendingCall ask(const QString &method, const QVariant &argument);
-
     Maemo::Timed::Interface timed;
     bool ready = false;
     QStringList pending; ///< event ids, in the order of arrival; emptied once ready
