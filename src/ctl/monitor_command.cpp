@@ -1,8 +1,8 @@
 #include "running_text.h"
 #include "session.h"
-#include "words.h"
-
+#include "text_width.h"
 #include "wire_value.h"
+#include "words.h"
 
 #include <QCoreApplication>
 #include <QDBusServiceWatcher>
@@ -98,12 +98,11 @@ void Monitor::print(const QString &event, Style style, const QString &id, const 
         data.insert(QStringLiteral("Id"), id);
     }
     const Output &output = m_session.output;
-    const QString blanks(std::max(eventWidth - displayWidth(event), 0), QLatin1Char(' '));
+    const QString blanks = padded(event, eventWidth).mid(event.size());
     const QString line =
         QStringLiteral("%1  %2%3  %4  %5")
             .arg(output.highlighted(now.toString(QStringLiteral("HH:mm:ss.zzz")), Style::Dim),
-                 output.highlighted(event, style), blanks, printable(id).leftJustified(idWidth),
-                 printable(text));
+                 output.highlighted(event, style), blanks, padded(printable(id), idWidth), printable(text));
     output.event(data, line);
 }
 

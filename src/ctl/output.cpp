@@ -1,6 +1,7 @@
 #include "output.h"
 
 #include "exit_status.h"
+#include "text_width.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -148,14 +149,14 @@ QString Sheet::text() const
 {
     int width = 0;
     for (const auto &line : m_lines) {
-        width = std::max(width, displayWidth(line.first));
+        width = std::max(width, columnsOf(line.first));
     }
     QString result;
     for (const auto &line : m_lines) {
         QString value = line.second;
         value.replace(QLatin1Char('\n'), QLatin1Char('\n') + QString(width + 2, QLatin1Char(' ')));
-        result += QString(width - displayWidth(line.first), QLatin1Char(' ')) + line.first
-            + QStringLiteral(": ") + value + QLatin1Char('\n');
+        result += QString(width - columnsOf(line.first), QLatin1Char(' ')) + line.first + QStringLiteral(": ")
+            + value + QLatin1Char('\n');
     }
     return result;
 }

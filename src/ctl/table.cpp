@@ -1,9 +1,9 @@
 #include "table.h"
 
+#include "text_width.h"
+
 #include <algorithm>
 #include <numeric>
-
-#include <wchar.h>
 
 namespace Ctl {
 
@@ -11,30 +11,6 @@ namespace {
 
 constexpr int gap = 2; // between columns
 constexpr int narrowest = 8; // of a column that is cut: enough to tell entries apart
-
-/// East Asian characters take two columns, combining ones none. One where the locale does not know.
-int widthOf(uint character)
-{
-    const int width = wcwidth(wchar_t(character));
-    return width < 0 ? 1 : width;
-}
-
-/// @p text in at most @p width columns, with an ellipsis for what is missing.
-QString cut(const QString &text, int width)
-{
-    if (displayWidth(text) <= width) {
-        return text;
-    }
-    const QVector<uint> characters = text.toUcs4();
-    int count = 0;
-    for (int left = width - 1; count < characters.size(); ++count) {
-        left -= widthOf(characters.at(count));
-        if (left < 0) {
-            break;
-        }
-    }
-    return QString::fromUcs4(characters.constData(), count) + QChar(0x2026);
-}
 
 QString escape(Style style)
 {
@@ -55,10 +31,10 @@ QString escape(Style style)
     return QString();
 }
 
-QString padded(const QString &text, int width, Table::Align align)
+QString aligned(const QString &text, int width, Table::Align align)
 {
-    const QString blanks(std::max(width - displayWidth(text), 0), QLatin1Char(' '));
-    return align == Table::Align::Right ? blanks + text : text + blanks;
+    const QString whole = padded(text, width);
+    return align == Table::Align::Right ? whole.mid(text.size()) + text : whole;
 }
 
 } // namespace
@@ -86,13 +62,6 @@ QString printable(const QString &text)
     return result;
 }
 
-int displayWidth(const QString &text)
-{
-    const QVector<uint> characters = text.toUcs4();
-    return std::accumulate(characters.cbegin(), characters.cend(), 0,
-                           [](int sum, uint character) { return sum + widthOf(character); });
-}
-
 Table::Table(const QVector<Column> &columns)
     : m_columns(columns)
 {
@@ -112,9 +81,9 @@ QVector<int> Table::widths(int limit) const
 {
     QVector<int> result;
     for (int i = 0; i < m_columns.size(); ++i) {
-        int width = displayWidth(m_columns.at(i).title);
+        int width = columnsOf(m_columns.at(i).title);
         for (const QVector<Cell> &row : m_rows) {
-            width = std::max(width, displayWidth(row.at(i).text));
+            width = std::max(width, columnsOf(row.at(i).text));
         }
         result.append(width);
     }
@@ -149,7 +118,7 @@ QString Table::render(int width, bool coloured) const
         int blanks = 0; // that stand before the next text
         for (int i = 0; i < cells.size(); ++i) {
             const QString text = cut(cells.at(i).text, columnWidths.at(i));
-            const QString whole = padded(text, columnWidths.at(i), m_columns.at(i).align);
+            const QString whole = aligned(text, columnWidths.at(i), m_columns.at(i).align);
             const int before = whole.indexOf(text);
             if (!text.isEmpty()) {
                 line += QString(blanks + before, QLatin1Char(' '));

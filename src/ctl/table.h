@@ -18,9 +18,6 @@ enum class Style { Plain, Bold, Dim, Good, Notice, Bad };
 /// @p text without anything that a terminal would obey: each such character becomes "?".
 [[nodiscard]] QString printable(const QString &text);
 
-/// How many columns of a terminal @p text takes.
-[[nodiscard]] int displayWidth(const QString &text);
-
 /// Aligned columns under their titles.
 class Table
 {

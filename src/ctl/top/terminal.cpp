@@ -1,7 +1,7 @@
 #include "top/terminal.h"
 
+#include "text_width.h"
 #include "top/terminal_capabilities.h"
-#include "top/text_width.h"
 
 #include <QSocketNotifier>
 

@@ -1,7 +1,6 @@
 #include "top/view.h"
 
-#include "top/text_width.h"
-
+#include "text_width.h"
 #include "words.h"
 
 #include "Core/application_state.h"
@@ -237,7 +236,7 @@ private:
         QString blanks = m_hasMark ? QString(QLatin1Char(isSelected ? '>' : ' ')) : QString();
         for (int i = 0; i < cells.size(); ++i) {
             const QString text = shortened(cells.at(i).text, m_widths.at(i));
-            const QString padding(std::max(m_widths.at(i) - columnsOf(text), 0), QLatin1Char(' '));
+            const QString padding = padded(text, m_widths.at(i)).mid(text.size());
             const bool isRight = m_columns.at(i).align == Table::Align::Right;
             line.spans.append({ isRight ? blanks + padding : blanks, Style::Plain });
             line.spans.append({ text, cells.at(i).style });

@@ -2,8 +2,6 @@
 
 #include <QTest>
 
-#include <locale.h>
-
 using Ctl::Style;
 using Ctl::Table;
 
@@ -98,15 +96,12 @@ void TableTest::coloursDoNotCountAsWidth()
 void TableTest::charactersCountAndNotCodeUnits()
 {
     Table table({ { QStringLiteral("A") }, { QStringLiteral("B") } });
-    table.addRow({ { QString::fromUtf8("\xf0\x9f\x8c\x8d") }, { QStringLiteral("x") } });
-    QCOMPARE(table.render(0, false), QString::fromUtf8("A  B\n\xf0\x9f\x8c\x8d  x\n"));
+    table.addRow({ { QString::fromUtf8("\xf0\x9d\x84\x9e") }, { QStringLiteral("x") } });
+    QCOMPARE(table.render(0, false), QString::fromUtf8("A  B\n\xf0\x9d\x84\x9e  x\n"));
 }
 
 void TableTest::wideCharactersTakeTwoColumns()
 {
-    if (!setlocale(LC_CTYPE, "C.UTF-8")) {
-        QSKIP("needs the locale C.UTF-8");
-    }
     Table table({ { QStringLiteral("A"), Table::Align::Left, true }, { QStringLiteral("B") } });
     table.addRow({ { QString::fromUtf8("\u6f22\u5b57") }, { QStringLiteral("x") } });
     table.addRow({ { QString::fromUtf8("e\u0301") }, { QStringLiteral("y") } });
@@ -116,7 +111,6 @@ void TableTest::wideCharactersTakeTwoColumns()
     QCOMPARE(narrow.render(8, false),
              QStringLiteral("A\n") + QString::fromUtf8("\u6f22").repeated(3) + QChar(0x2026)
                  + QLatin1Char('\n'));
-    setlocale(LC_CTYPE, "C");
 }
 
 void TableTest::turnedTextIsNotObeyed()

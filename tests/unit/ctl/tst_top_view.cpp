@@ -1,4 +1,4 @@
-#include "top/text_width.h"
+#include "text_width.h"
 #include "top/view.h"
 
 #include <QTest>
@@ -26,7 +26,6 @@ private slots:
     void longTableFollowsTheSelectedRow();
     void helpTakesTheTable();
     void textIsNotObeyed();
-    void wideCharactersAreNotHalved();
     void stopIsAskedFor();
     void questionIsAboutOneProcess();
     void selectionPassesToWhoComesInItsPlace();
@@ -187,7 +186,7 @@ void TopViewTest::everySizeIsKept()
                 const QVector<Line> lines = Top::draw(model, { width, height });
                 QVERIFY2(lines.size() <= height, qPrintable(QString::number(height)));
                 for (const QString &text : textsOf(lines)) {
-                    QVERIFY2(Top::columnsOf(text) <= width, qPrintable(text));
+                    QVERIFY2(columnsOf(text) <= width, qPrintable(text));
                 }
                 QVERIFY(Top::pageOf(model, height) >= 1);
             }
@@ -245,17 +244,6 @@ void TopViewTest::textIsNotObeyed()
             QVERIFY2(character.isPrint(), qPrintable(text));
         }
     }
-}
-
-void TopViewTest::wideCharactersAreNotHalved()
-{
-    const QString wide = QStringLiteral(u"\u6f22\u5b57\u6f22");
-    QCOMPARE(Top::columnsOf(wide), 6);
-    QCOMPARE(Top::clipped(wide, 5), wide.left(2));
-    QCOMPARE(Top::columnsOf(Top::shortened(wide, 5)), 5);
-    QCOMPARE(Top::shortened(wide, 6), wide);
-    QCOMPARE(Top::shortened(wide, 0), QString());
-    QCOMPARE(Top::columnsOf(QStringLiteral(u"e\u0301")), 1);
 }
 
 void TopViewTest::stopIsAskedFor()

@@ -1,4 +1,4 @@
-#include "top/text_width.h"
+#include "text_width.h"
 
 #include <QVector>
 
@@ -7,7 +7,7 @@
 
 #include <glib.h>
 
-namespace Ctl::Top {
+namespace Ctl {
 
 namespace {
 
@@ -52,6 +52,14 @@ QString clipped(const QString &text, int columns)
     return toText(characters.mid(0, fitting(characters, columns)));
 }
 
+QString cut(const QString &text, int columns)
+{
+    if (columnsOf(text) <= columns) {
+        return text;
+    }
+    return columns < 1 ? QString() : clipped(text, columns - 1) + QChar(0x2026);
+}
+
 QString shortened(const QString &text, int columns)
 {
     if (columnsOf(text) <= columns) {
@@ -70,4 +78,9 @@ QString shortened(const QString &text, int columns)
     return toText(head) + QChar(0x2026) + toText(tail);
 }
 
-} // namespace Ctl::Top
+QString padded(const QString &text, int columns)
+{
+    return text + QString(std::max(columns - columnsOf(text), 0), QLatin1Char(' '));
+}
+
+} // namespace Ctl
