@@ -16,6 +16,9 @@ int Session::fail(const Reply &reply) const
     if (reply.status == NotThere) {
         Output::error(reply.isWithoutBus ? QStringLiteral("The bus cannot be reached")
                                          : QStringLiteral("The service is not running"));
+    } else if (reply.status == TimedOut) {
+        Output::error(reply.isSilent ? QStringLiteral("The service does not answer")
+                                     : QStringLiteral("Time is up"));
     }
     // Some refusals are their name alone.
     Output::error(reply.errorText.isEmpty() ? reply.errorName

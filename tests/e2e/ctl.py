@@ -4,6 +4,7 @@ import difflib
 import json
 import os
 import re
+import signal
 import subprocess
 import threading
 
@@ -76,6 +77,9 @@ class Later:
     @property
     def running(self):
         return self._process.poll() is None
+
+    def interrupt(self):
+        self._process.send_signal(signal.SIGINT)
 
     def end(self):
         """Waits for its end by itself; returns the exit status."""

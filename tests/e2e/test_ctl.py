@@ -306,8 +306,9 @@ def test_block(sample):
 
 def test_wait(sample):
     client = start(sample)
-    assert "procwardenctl: org.freedesktop.DBus.Error.NoReply" in ctl.run(
-        sample, "wait", SAMPLE, "--timeout", "1", status=ctl.TIMED_OUT).error
+    result = ctl.run(sample, "wait", SAMPLE, "--timeout", "1", status=ctl.TIMED_OUT)
+    assert re.fullmatch(r"procwardenctl: Time is up\n"
+                        r"procwardenctl: org\.freedesktop\.DBus\.Error\.NoReply: .+\n", result.error)
     ctl.run(sample, "wait", SAMPLE, "-t", "0", status=ctl.TIMED_OUT)
     waiting = ctl.Later(sample, "wait", SAMPLE)
     until(lambda: sample.service.log().count("WaitForNotRunning") >= 3, "the call")

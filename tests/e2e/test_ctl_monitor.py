@@ -110,6 +110,49 @@ def test_monitor_outlives_the_service(sample, monitors):
     monitor.wait_for("started")
 
 
+def test_monitor_tells_of_a_service_that_does_not_answer(sample, monitors):
+    text, data = monitors(sample, "-i", "100"), monitors(sample, "-i", "100", "--json")
+    sample.service.child.send(signal.SIGSTOP)
+    text.wait_for("service .* does not answer$")
+    assert json.loads(data.wait_for('"Answers":false'))["Running"] is True
+    sample.service.child.send(signal.SIGCONT)
+    text.wait_for("service .* answers again$")
+    assert json.loads(data.wait_for('"Answers":true'))["Running"] is True
+    sample.control.start(SAMPLE)
+    for monitor in (text, data):
+        monitor.wait_for("started")
+        # Told of once each, however long it took.
+        assert len(monitor.lines) == 4
+
+
+def test_monitor_of_a_service_that_does_not_answer_from_the_first(sample):
+    sample.service.child.send(signal.SIGSTOP)
+    monitor, other = ctl.Later(sample, "monitor"), ctl.Later(sample, "monitor")
+    try:
+        for each in (monitor, other):
+            each.wait_for("service .* does not answer$")
+        other.interrupt()
+        assert other.end() == -signal.SIGINT
+        sample.service.child.send(signal.SIGCONT)
+        monitor.wait_for("answers again$")
+        monitor.wait_for("memory .*normal$")
+        sample.service.stop()
+        monitor.wait_for("has gone$")
+    finally:
+        sample.service.child.send(signal.SIGCONT)
+        monitor.close()
+        other.close()
+
+
+def test_monitor_of_a_stopped_service_that_ends(sample, monitors):
+    monitor = monitors(sample)
+    sample.service.child.send(signal.SIGSTOP)
+    monitor.wait_for("does not answer$")
+    sample.service.child.stop(signal.SIGKILL)
+    monitor.wait_for("has gone$")
+    assert monitor.running
+
+
 # --- on a terminal ---
 
 

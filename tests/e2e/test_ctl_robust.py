@@ -121,28 +121,43 @@ def test_closed_descriptors(stack):
 # --- a service that does not answer ---
 
 
-def test_service_that_hangs(stack, fake):
-    service = fake()
-    asked = [["list"], ["status", SAMPLE], ["history"], ["memory"], ["explain", SAMPLE], ["tasks", SAMPLE],
-             ["stop", SAMPLE], ["windows", SAMPLE, "1", "0", "0"], ["task", "stop", SAMPLE], ["monitor"]]
-    waiting = [["start", SAMPLE], ["debug", SAMPLE], ["intent", "Start"], ["task", "start", SAMPLE],
-               ["block", SAMPLE], ["wait", SAMPLE], ["stop", "--all", SAMPLE]]
-    # All at once, since time is up for each of them after the same time.
-    processes = [subprocess.Popen(ctl.command(stack, *words), env=ctl.environment(stack), text=True,
-                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE) for words in asked + waiting]
+QUESTIONS = [["list"], ["status", SAMPLE], ["history"], ["memory"], ["explain", SAMPLE], ["tasks", SAMPLE],
+             ["stop", SAMPLE], ["windows", SAMPLE, "1", "0", "0"], ["task", "stop", SAMPLE], ["notifications"]]
+# These may take as long as whoever decides.
+ACTIONS = [["start", SAMPLE], ["start", "--raise", SAMPLE], ["start", SAMPLE, "--uri", "a:b"], ["debug", SAMPLE],
+           ["intent", "Start"], ["task", "start", SAMPLE], ["block", SAMPLE], ["unblock", SAMPLE], ["wait", SAMPLE],
+           ["wait", SAMPLE, "--timeout", "3600"], ["stop", "--all", SAMPLE]]
+
+
+def test_service_that_is_stopped(service):
+    service.service.child.send(signal.SIGSTOP)
+    # All at once, since each waits for as long.
+    processes = [subprocess.Popen(ctl.command(service, *words), env=ctl.environment(service), text=True,
+                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE) for words in QUESTIONS + ACTIONS]
     try:
-        for words, process in zip(asked, processes):
-            out, error = process.communicate(timeout=25 + LIMIT)
+        for words, process in zip(QUESTIONS + ACTIONS, processes):
+            out, error = process.communicate(timeout=30 + LIMIT)
             assert (process.returncode, out) == (ctl.TIMED_OUT, ""), words
-            assert re.fullmatch(r"procwardenctl: org\.freedesktop\.DBus\.Error\.NoReply: .*\n", error), words
-        # These may take as long as whoever decides.
-        for words, process in zip(waiting, processes[len(asked):]):
-            assert process.poll() is None, words
+            assert re.fullmatch(r"procwardenctl: The service does not answer\n"
+                                r"procwardenctl: org\.freedesktop\.DBus\.Error\.NoReply: .*\n", error), words
     finally:
         for process in processes:
             process.kill()
             process.communicate()
-    assert len(service.calls) == len(asked + waiting)
+        # It would do by now what nobody waits for any more.
+        service.service.child.stop(signal.SIGKILL)
+
+
+def test_actions_wait_for_a_service_that_answers_something_else(stack, fake):
+    service = fake({"Introspect": ("s", ["<node/>"])})
+    waiting = [ctl.Later(stack, *words) for words in ACTIONS]
+    try:
+        until(lambda: service.calls.count("Introspect") >= 2 * len(ACTIONS), "that they ask how it is, time and again")
+        for words, command in zip(ACTIONS, waiting):
+            assert command.running and not command.lines, words
+    finally:
+        for command in waiting:
+            command.close()
 
 
 def test_service_ends_over_the_call(stack, fake):
@@ -234,6 +249,21 @@ def test_monitor_of_signals_that_make_no_sense(stack, fake):
         assert not re.search(r"[\x00-\x1f\x7f-\x9f\u202e]", "".join(monitor.lines))
         monitor.close()
     assert all(json.loads(line)["Event"] for line in monitors[1].lines)
+
+
+def test_monitor_of_a_service_that_does_not_tell_why(stack, fake):
+    service = fake({"Get": ("v", [dbus.Int32(0)])})
+    monitors = [ctl.Later(stack, "monitor", *form) for form in ([], ["--json"])]
+    for monitor in monitors:
+        monitor.wait_for("memory")
+    service.tell("Terminated", "sa{sv}", SAMPLE, variants(("Pid", dbus.Int32(7)), ("ExitStatus", dbus.Int32(9)),
+                                                          ("StopReason", dbus.UInt32(5))))
+    service.tell("StateChanged", "sa{sv}", SAMPLE, variants(("State", dbus.UInt32(1))))
+    for monitor in monitors:
+        monitor.wait_for("state")
+        assert len(monitor.lines) == 3 and "ended" in monitor.lines[1], "in their order"
+        monitor.close()
+    assert monitors[0].lines[1].endswith("  pid 7, signal 9 (SIGKILL), requested")
 
 
 def test_errors_of_the_service_do_not_reach_the_terminal(stack, fake):

@@ -1,6 +1,6 @@
 #include "top/source.h"
 
-#include <QDBusPendingCallWatcher>
+#include <QDBusConnection>
 #include <QDateTime>
 
 #include <algorithm>
@@ -9,9 +9,6 @@ namespace Ctl::Top {
 
 namespace {
 
-constexpr int answerTimeoutMs = 5000; // then it is asked anew
-constexpr int patienceMs = 2000; // then it is told that it does not answer
-constexpr int stopTimeoutMs = 25000;
 constexpr int shortestPauseMs = 100; // between an answer and a question, however much happens
 
 } // namespace
@@ -53,24 +50,6 @@ void Source::follow()
     connect(&m_watcher, &QDBusServiceWatcher::serviceOwnerChanged, this, &Source::onChanged);
 }
 
-QDBusMessage Source::question(const QString &object, const QString &member)
-{
-    auto message = QDBusMessage::createMethodCall(Bus::sessionName, Bus::pathOf(object),
-                                                  Bus::interfaceOf(object), member);
-    message.setAutoStartService(false);
-    return message;
-}
-
-void Source::call(const QDBusMessage &message, int timeoutMs, const std::function<void(const Reply &)> &then)
-{
-    auto *watcher =
-        new QDBusPendingCallWatcher(QDBusConnection::sessionBus().asyncCall(message, timeoutMs), this);
-    connect(watcher, &QDBusPendingCallWatcher::finished, this, [watcher, then] {
-        watcher->deleteLater();
-        then(Bus::replyOf(watcher->reply()));
-    });
-}
-
 void Source::ask()
 {
     if (m_openCalls > 0) {
@@ -78,16 +57,17 @@ void Source::ask()
     }
     m_openCalls = 2;
     m_mustAskAgain = false;
-    m_patience.start(patienceMs);
+    m_patience.start(Bus::patienceMs);
     const QString object = QStringLiteral("Introspect1");
-    call(question(object, QStringLiteral("ListRunning")), answerTimeoutMs, [this](const Reply &reply) {
-        m_running = reply;
-        onAnswered();
-    });
-    call(question(object, QStringLiteral("GetMemory")), answerTimeoutMs, [this](const Reply &reply) {
-        m_memory = reply;
-        onAnswered();
-    });
+    const auto ask = [this, object](const QString &member, Reply &answer) {
+        Bus::callLater(Bus::question(object, member), Bus::answerTimeoutMs, this,
+                       [this, &answer](const Reply &reply) {
+                           answer = reply;
+                           onAnswered();
+                       });
+    };
+    ask(QStringLiteral("ListRunning"), m_running);
+    ask(QStringLiteral("GetMemory"), m_memory);
 }
 
 void Source::onAnswered()
@@ -135,13 +115,15 @@ void Source::onBusGone()
 
 void Source::stop(const Row &row)
 {
-    QDBusMessage message = row.isTask ? question(QStringLiteral("Tasks1"), QStringLiteral("Stop"))
-                                      : question(QStringLiteral("Control1"), QStringLiteral("Terminate"));
+    QDBusMessage message = row.isTask
+        ? Bus::question(QStringLiteral("Tasks1"), QStringLiteral("Stop"))
+        : Bus::question(QStringLiteral("Control1"), QStringLiteral("Terminate"));
     message << row.id;
     if (row.isTask) {
         message << false; // it is not forgotten
     }
-    call(message, stopTimeoutMs, [this, row](const Reply &reply) { emit stopAnswered(row, reply); });
+    Bus::callLater(message, Bus::askTimeoutMs, this,
+                   [this, row](const Reply &reply) { emit stopAnswered(row, reply); });
 }
 
 } // namespace Ctl::Top

@@ -9,8 +9,6 @@
 #include <QTimer>
 #include <QVariantMap>
 
-#include <functional>
-
 namespace Ctl::Top {
 
 /// One answer of the service, or why there is none.
@@ -54,8 +52,6 @@ private:
     void follow();
     void ask();
     void onAnswered();
-    void call(const QDBusMessage &message, int timeoutMs, const std::function<void(const Reply &)> &then);
-    static QDBusMessage question(const QString &object, const QString &member);
 
     QTimer m_timer;
     QTimer m_soon; // runs from a change to the question about it
