@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace Ctl {
@@ -36,6 +37,41 @@ QHash<QString, ValueKind> hintKinds()
     };
 }
 
+struct Opened
+{
+    int descriptor = -1;
+    QString fault; ///< why there is none
+};
+
+/// Only files can be shared, which have a place in a directory. Never waits, as opening a FIFO does.
+Opened openFile(const QString &path, int flags)
+{
+    const QByteArray name = path.toLocal8Bit();
+    const auto failure = [&path] {
+        return Opened {
+            -1, QStringLiteral("Cannot open %1: %2").arg(path, QString::fromLocal8Bit(std::strerror(errno)))
+        };
+    };
+    const Opened refusal = { -1, QStringLiteral("Not a regular file: %1").arg(path) };
+    struct stat status = {};
+    if (stat(name.constData(), &status) != 0) {
+        return failure();
+    }
+    if (!S_ISREG(status.st_mode)) {
+        return refusal; // before it is opened, which does something to some devices
+    }
+    const int descriptor = open(name.constData(), flags | O_CLOEXEC | O_NONBLOCK);
+    if (descriptor < 0) {
+        return failure();
+    }
+    if (fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) {
+        close(descriptor); // it has been replaced meanwhile
+        return refusal;
+    }
+    (void)fcntl(descriptor, F_SETFL, flags); // as whoever gets it expects it
+    return { descriptor, QString() };
+}
+
 /// Files that travel with the intent, for one purpose.
 struct Files
 {
@@ -56,13 +92,12 @@ struct Files
         const QUrl url(pair->text);
         const bool isUrl = url.isLocalFile();
         const QString path = QDir().absoluteFilePath(isUrl ? url.toLocalFile() : pair->text);
-        const int descriptor = open(path.toLocal8Bit().constData(), flags | O_CLOEXEC);
-        if (descriptor < 0) {
-            return QStringLiteral("Cannot open %1: %2")
-                .arg(path, QString::fromLocal8Bit(std::strerror(errno)));
+        const Opened opened = openFile(path, flags);
+        if (opened.descriptor < 0) {
+            return opened.fault;
         }
-        descriptors.append(QDBusUnixFileDescriptor(descriptor));
-        close(descriptor); // what is sent is a copy
+        descriptors.append(QDBusUnixFileDescriptor(opened.descriptor));
+        close(opened.descriptor); // what is sent is a copy
         const QString fault = data.add(QStringLiteral("%1=%2").arg(pair->key, isUrl ? pair->text : path));
         places.append(data.lastPlace());
         return fault;

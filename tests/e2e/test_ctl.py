@@ -102,7 +102,7 @@ def test_questions_do_not_start_the_service(stack):
     (["intent", "a", "--hint", "showDialog=x"], "Neither true nor false: showDialog=x"),
     (["intent", "a", "--file", "b"], "Not KEY=PATH: b"),
     (["intent", "a", "--file", "b=/nonexistent"], "Cannot open /nonexistent: No such file or directory"),
-    (["intent", "a", "--write-file", "b=/"], "Cannot open /: Is a directory"),
+    (["intent", "a", "--write-file", "b=/"], "Not a regular file: /"),
 ])
 def test_wrong_usage(stack, words, text):
     result = ctl.run(stack, *words, status=ctl.WRONG_USAGE)

@@ -4,6 +4,7 @@ import json
 import os
 import re
 import signal
+import socket
 import subprocess
 
 import dbus
@@ -168,6 +169,31 @@ def test_service_ends_over_the_call(stack, fake):
     assert waiting.end() == ctl.NOT_THERE
     assert waiting.lines[0] == "procwardenctl: The service is not running"
     assert waiting.lines[1].startswith("procwardenctl: org.freedesktop.DBus.Error.NoReply: ")
+
+
+@pytest.mark.parametrize("place", ["fifo", "fifo[]", "target", "device", "directory", "socket"])
+def test_only_files_go_with_an_intent(stack, tmp_path, place):
+    path = str(tmp_path / "it")
+    if place == "device":
+        path = "/dev/null"
+    elif place == "directory":
+        os.mkdir(path)
+    elif place == "socket":
+        with socket.socket(socket.AF_UNIX) as listener:
+            listener.bind(path)
+    else:
+        os.mkfifo(path) # which nobody opens for writing
+    option = "--write-file" if place == "target" else "--file"
+    result = ctl.run(stack, "intent", "X-do", option, f"{place}={path}", status=ctl.WRONG_USAGE)
+    assert result.error.splitlines()[0] == f"procwardenctl: Not a regular file: {path}"
+
+
+def test_output_of_a_command_does_not_go_with_an_intent(stack):
+    line = f"{ctl.command(stack)[0]} intent X-do --file data=<(echo x)"
+    shown = subprocess.run(["/bin/bash", "-c", line], env=ctl.environment(stack), text=True, capture_output=True,
+                           timeout=LIMIT)
+    assert shown.returncode == ctl.WRONG_USAGE
+    assert re.match(r"procwardenctl: Not a regular file: /dev/fd/\d+\n", shown.stderr)
 
 
 # --- answers that are none ---
