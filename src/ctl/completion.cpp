@@ -1,7 +1,6 @@
 #include "completion.h"
 
 #include "bus.h"
-#include "output.h"
 
 #include "Core/application_registry.h"
 #include "Core/process_id.h"
@@ -82,7 +81,7 @@ QStringList runningIds(int kinds)
 
 } // namespace
 
-void printIds(const QString &command)
+QStringList idsFor(const QString &command)
 {
     const int kinds = kindsFor(command);
     QStringList ids;
@@ -94,9 +93,7 @@ void printIds(const QString &command)
     }
     ids.sort();
     ids.removeDuplicates();
-    for (const QString &id : qAsConst(ids)) {
-        Output::print(printable(id) + QLatin1Char('\n'));
-    }
+    return ids;
 }
 
 } // namespace Ctl

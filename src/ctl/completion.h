@@ -1,11 +1,11 @@
 #pragma once
 
-#include <QString>
+#include <QStringList>
 
 namespace Ctl {
 
-/// Prints the ids that the words of @p command may be, one on each line: what is installed, what runs, or the
-/// tasks. All of these for a command that is not known. Never waits long: a user has pressed a key.
-void printIds(const QString &command);
+/// Ids that @p command may be about, or all that are known if it is empty or none: what is installed, and
+/// what runs, the tasks. Sorted. Never waits long for the service: a user has pressed a key.
+[[nodiscard]] QStringList idsFor(const QString &command);
 
 } // namespace Ctl

@@ -25,7 +25,7 @@ QString helpText()
         + QStringLiteral("\nOptions:\n"
                          "  -h, --help       Show this help, or that of a command\n"
                          "  --version        Show the version\n"
-                         "  --json           Print JSON, with every command\n"
+                         "  --json           Print JSON, with every command and option but --help\n"
                          "  --list-commands  Print the names of the commands, for the completion of shells\n"
                          "  --list-ids       Print the ids that a command may be about, for the same\n\n"
                          "Exit status: 0 done, 1 refused, 2 wrong usage, 3 the service is not running,\n"
@@ -49,6 +49,37 @@ int runCommand(const QString &name, const QStringList &words)
     return command->run(session);
 }
 
+/// What is asked of the program itself. @p words: what follows @p option.
+int answer(const QString &option, QStringList words, bool isJson)
+{
+    static const QStringList options = { QStringLiteral("--version"), QStringLiteral("--list-commands"),
+                                         QStringLiteral("--list-ids") };
+    if (!options.contains(option)) {
+        return wrong(QStringLiteral("No such option: %1").arg(option));
+    }
+    isJson = words.removeAll(QStringLiteral("--json")) > 0 || isJson;
+    if (words.size() > (option == QLatin1String("--list-ids") ? 1 : 0)) {
+        return wrong(QStringLiteral("Too many arguments"));
+    }
+    Ctl::Output output;
+    output.setJson(isJson);
+    if (option == QLatin1String("--version")) {
+        const QString version = QCoreApplication::applicationVersion();
+        output.record({ { QStringLiteral("Version"), version } },
+                      QStringLiteral("procwardenctl %1\n").arg(version));
+    } else if (option == QLatin1String("--list-commands")) {
+        QStringList names;
+        const auto &commands = Ctl::commands();
+        for (const Ctl::Command &command : commands) {
+            names.append(QLatin1String(command.name));
+        }
+        output.texts(names);
+    } else {
+        output.texts(Ctl::idsFor(words.value(0)));
+    }
+    return Ctl::Done;
+}
+
 /// @p words: what follows the program's name.
 int run(QStringList words)
 {
@@ -61,10 +92,6 @@ int run(QStringList words)
         return wrong(QStringLiteral("No command"));
     }
     const QString name = words.takeFirst();
-    if (name == QLatin1String("--version")) {
-        Ctl::Output::print(QStringLiteral("procwardenctl %1\n").arg(QCoreApplication::applicationVersion()));
-        return Ctl::Done;
-    }
     if (name == QLatin1String("help") && !words.isEmpty()) {
         return runCommand(words.first(), { QStringLiteral("--help") });
     }
@@ -72,19 +99,8 @@ int run(QStringList words)
         Ctl::Output::print(helpText());
         return Ctl::Done;
     }
-    if (name == QLatin1String("--list-commands")) {
-        const auto &commands = Ctl::commands();
-        for (const Ctl::Command &command : commands) {
-            Ctl::Output::print(QLatin1String(command.name) + QLatin1Char('\n'));
-        }
-        return Ctl::Done;
-    }
-    if (name == QLatin1String("--list-ids")) {
-        Ctl::printIds(words.value(0));
-        return Ctl::Done;
-    }
     if (name.startsWith(QLatin1Char('-'))) {
-        return wrong(QStringLiteral("No such option: %1").arg(name));
+        return answer(name, words, !before.isEmpty());
     }
     return runCommand(name, before + words);
 }

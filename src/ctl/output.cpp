@@ -74,6 +74,17 @@ void Output::rows(const QVariantList &entries, const QVector<Column> &columns, c
     }
 }
 
+void Output::texts(const QStringList &texts) const
+{
+    if (m_isJson) {
+        print(jsonText(QJsonDocument(QJsonArray::fromStringList(texts)), QJsonDocument::Indented));
+        return;
+    }
+    for (const QString &text : texts) {
+        print(printable(text) + QLatin1Char('\n'));
+    }
+}
+
 void Output::record(const QVariantMap &data, const QString &text) const
 {
     print(m_isJson ? jsonText(QJsonDocument(QJsonObject::fromVariantMap(data)), QJsonDocument::Indented)

@@ -2,6 +2,7 @@
 
 #include "table.h"
 
+#include <QStringList>
 #include <QVariantList>
 #include <QVariantMap>
 
@@ -31,6 +32,8 @@ public:
     /// A table with one line for each of @p entries; as JSON an array. @p whenEmpty stands for an empty
     /// table.
     void rows(const QVariantList &entries, const QVector<Column> &columns, const QString &whenEmpty) const;
+    /// One text a line; as JSON an array of them.
+    void texts(const QStringList &texts) const;
     /// @p text, or as JSON @p data.
     void record(const QVariantMap &data, const QString &text) const;
     /// The same on one line that is there at once, for streams.

@@ -117,9 +117,12 @@ def test_help(stack):
     ctl.golden("help", text)
     assert max(map(len, text.splitlines())) <= 80
     assert ctl.run(stack, "-h").out == ctl.run(stack, "help").out == text
-    assert re.fullmatch(r"procwardenctl \d+\.\d+\.\d+\n", ctl.run(stack, "--version").out)
+    version = re.fullmatch(r"procwardenctl (\d+\.\d+\.\d+)\n", ctl.run(stack, "--version").out).group(1)
+    for words in (["--json", "--version"], ["--version", "--json"]):
+        assert ctl.run(stack, *words).json == {"Version": version}
     names = ctl.run(stack, "--list-commands").out.split()
     assert names == re.findall(r"(?m)^  (\w+)  +\S", text.partition("Options:")[0])
+    assert ctl.run_json(stack, "--list-commands") == ctl.run(stack, "--list-commands", "--json").json == names
     every = "\n".join(ctl.run(stack, name, "--help").out for name in names)
     ctl.golden("help_of_commands", every)
 

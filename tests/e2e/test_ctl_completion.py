@@ -191,6 +191,9 @@ def test_ids_for_the_completion(stack):
     for command in ("list", "status", "history", "frob"):
         assert ids(command) == [OTHER, SAMPLE, work]
     assert ids() == [OTHER, SAMPLE, work]
+    assert ctl.run_json(stack, "--list-ids") == ctl.run(stack, "--list-ids", "--json").json == ids()
+    assert ctl.run(stack, "--list-ids", "start", "--json").json == installed
+    assert ctl.run_json(stack, "--list-ids", "stop") == []
     assert ids("stop") == ids("windows") == ids("wait") == ids("top") == []
     tasker.start(stack)
     tasker.wait_running(stack)
