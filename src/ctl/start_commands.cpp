@@ -54,14 +54,19 @@ int openUris(const Session &session, const QStringList &uris)
 int startCommand(Session &session)
 {
     session.arguments.addOption({ QStringLiteral("u"), QStringLiteral("uri") },
-                                QStringLiteral("Have it open URI, with the intent OpenURI; may be repeated"),
+                                QStringLiteral("Have it open URI, and others behind it, with the intent OpenURI"),
                                 QStringLiteral("URI"));
     session.arguments.addSwitch({ QStringLiteral("r"), QStringLiteral("raise") },
                                 QStringLiteral("With the intent Start, which raises what runs already"));
-    if (const auto end = session.begin(1, 1)) {
+    if (const auto end = session.begin(1, -1)) {
         return *end;
     }
-    const QStringList uris = session.arguments.values(QStringLiteral("uri"));
+    QStringList uris = session.arguments.values(QStringLiteral("uri"));
+    const QStringList more = session.arguments.words().mid(1);
+    if (uris.isEmpty() && !more.isEmpty()) {
+        return session.arguments.wrong(QStringLiteral("Too many arguments"));
+    }
+    uris += more;
     if (!uris.isEmpty() && session.arguments.isSet(QStringLiteral("raise"))) {
         return session.arguments.wrong(QStringLiteral("Either --raise or --uri"));
     }

@@ -257,11 +257,12 @@ def test_start_with_uris(stack):
     stack.start()
     handler = install_handler(stack, intents="OpenURI", main={"MimeType": "x-scheme-handler/test"})
     assert ctl.run(stack, "start", handler, "--uri", "test:one", "-u", "test:two").out == f"{handler}\n"
-    assert ctl.run_json(stack, "start", handler, "--uri", "test:three") == {"Id": handler}
+    assert ctl.run_json(stack, "start", handler, "--uri", "test:three", "test:four") == {"Id": handler}
     (app,), _ = stack.control.running()
     assert app[0] == handler
     heard = [line for line in stack.sample_files.diary(handler) if line.startswith("intent ")]
-    assert [json.loads(line.split(" ", 2)[2])["uri"] for line in heard] == ["test:one", "test:two", "test:three"], heard
+    opened = [json.loads(line.split(" ", 2)[2])["uri"] for line in heard]
+    assert opened == ["test:one", "test:two", "test:three", "test:four"], heard
 
 
 def test_debug(sample):
