@@ -44,6 +44,9 @@ std::optional<int> Arguments::parse(int fewest, int most, bool tailApart)
     if (!tailApart) {
         m_words += m_tail;
     }
+    if (m_words.contains(QString())) {
+        return wrong(QStringLiteral("Empty argument")); // such as a variable of a script that is not set
+    }
     if (m_words.size() < fewest) {
         return wrong(QStringLiteral("Too few arguments"));
     }

@@ -32,10 +32,6 @@ int stopCommand(Session &session)
     }
     const QString id = session.arguments.word(0);
     if (session.arguments.isSet(QStringLiteral("all"))) {
-        if (id.isEmpty()) {
-            // Which would be everything that runs.
-            return session.arguments.wrong(QStringLiteral("Empty id"));
-        }
         return session.finish(
             session.bus.actOnSystem(QStringLiteral("SystemControl1"), QStringLiteral("Terminate"), { id }),
             idMap(id));

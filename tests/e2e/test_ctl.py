@@ -90,7 +90,7 @@ def test_questions_do_not_start_the_service(stack):
     (["windows", "a", "1", "2", "-"], "Not a number: -"),
     (["wait", "a", "--timeout", "soon"], "Not a number: soon"),
     (["monitor", "--interval", "x"], "Not a number: x"),
-    (["stop", "--all", ""], "Empty id"),
+    (["stop", "--all", ""], "Empty argument"),
     (["debug", "a", "--env", "=x"], "Not NAME=VALUE: =x"),
     (["debug", "a", "--"], "No program after --"),
     (["task", "frob", "a"], "Neither start nor stop: frob"),

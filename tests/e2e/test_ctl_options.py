@@ -214,6 +214,16 @@ def test_texts_of_the_help_and_the_man_page_agree(stack):
     assert told == re.findall(r"\b(\d) ", text) == [str(status) for status in range(6)]
 
 
+def test_empty_words_are_refused(stack):
+    # An id of nothing would mean everything to some calls, and be waited for for ever by another.
+    for words in WORDS:
+        if len(words) > 1:
+            result = ctl.run(stack, *words[:-1], "", status=ctl.WRONG_USAGE)
+            assert result.error.startswith("procwardenctl: Empty argument\n"), words
+    for name in ("list", "top", "history", "check"):
+        ctl.run(stack, name, "", status=ctl.WRONG_USAGE)
+
+
 # --- where words may stand ---
 
 
