@@ -9,7 +9,8 @@ import pytest
 
 import ctl
 import tasker
-from screen import (DELETE, DOWN, END, ESCAPE, HOME, INTERRUPT, PAGE_DOWN, PAGE_UP, QUIT, SUSPEND, UP, Screen)
+from screen import (DELETE, DOWN, END, ESCAPE, HOME, INTERRUPT, PAGE_DOWN, PAGE_UP, QUIT, SUSPEND, UP,
+                    Screen)
 from stack.process import descendants, state
 from stack.waiting import until
 
@@ -44,6 +45,16 @@ def screens():
         screen.close()
 
 
+@pytest.fixture
+def both(pair, screens):
+    """both(words...) shows the two of pair."""
+    def show(*words, **more):
+        screen = screens(pair, *words, **more)
+        screen.wait_for("2 run")
+        return screen
+    return show
+
+
 def running(stack):
     return sorted(application[0] for application in stack.control.running()[0])
 
@@ -52,7 +63,7 @@ def freeze(stack, app_id):
     stack.control.update_windows(app_id, hidden=1)
 
 
-def test_rows_tell_what_runs(pair, screens):
+def test_rows_tell_what_runs(pair, both, screens):
     screen = screens(pair)
     screen.wait_for("2 run, 0 frozen", "by memory", "Memory normal", "q quit  h help")
     screen.until(lambda: "ID STATE FROZEN CPU% MEMORY OOM PID SINCE" in [" ".join(row.split()) for row in screen.rows],
@@ -65,8 +76,7 @@ def test_rows_tell_what_runs(pair, screens):
     screen.until(lambda: screen.row(SAMPLE)[1:2] == ["launched"], "the other's state")
     screen.until(lambda: screen.colour(" active") == "green", "its colour")
     # What comes and goes is seen at once, not at the next look.
-    slow = screens(pair, "-d", "3600")
-    slow.wait_for("2 run")
+    slow = both("-d", "3600")
     pair.control.update_windows(SAMPLE, inactive=1)
     slow.until(lambda: slow.row(SAMPLE)[1:2] == ["inactive"], "the change of the state")
     pair.control.terminate(SAMPLE)
@@ -74,9 +84,8 @@ def test_rows_tell_what_runs(pair, screens):
     slow.until(lambda: slow.ids() == [OTHER], "the other's row alone")
 
 
-def test_keys_sort_and_select(pair, screens):
-    screen = screens(pair)
-    screen.wait_for("2 run")
+def test_keys_sort_and_select(both):
+    screen = both()
     for key, word in (("i", "id"), ("c", "cpu"), ("s", "state"), ("o", "oom"), ("m", "memory"), ("i", "id")):
         screen.press(key)
         screen.wait_for(f"by {word} ")
@@ -113,11 +122,16 @@ def test_keys_sort_and_select(pair, screens):
     assert screen.end() == ctl.DONE and screen.is_restored()
 
 
-def test_stop_asks_first(pair, screens):
-    screen = screens(pair, "-s", "id")
-    screen.wait_for("2 run")
+def asked_to_stop(both):
+    """A screen that asks whether the other one is to be stopped."""
+    screen = both("--sort", "id")
     screen.press(HOME, "x")
     screen.wait_for(f"Stop {OTHER} (pid ", "(y/n)")
+    return screen
+
+
+def test_stop_asks_first(pair, both):
+    screen = asked_to_stop(both)
     screen.press("z") # neither
     screen.press("n")
     screen.wait_without("(y/n)")
@@ -151,11 +165,8 @@ def test_stop_of_a_frozen_one_and_of_a_task(service, screens):
     screen.wait_for(f"{SAMPLE} is told to end; it does when it is thawed")
 
 
-def test_question_goes_when_its_process_has_gone(pair, screens):
-    screen = screens(pair, "--sort", "id")
-    screen.wait_for("2 run")
-    screen.press(HOME, "x")
-    screen.wait_for(f"Stop {OTHER}")
+def test_question_goes_when_its_process_has_gone(pair, both):
+    screen = asked_to_stop(both)
     pair.control.terminate(OTHER)
     screen.wait_for("It has ended", "1 run")
     screen.press("y") # no question any more
@@ -165,9 +176,9 @@ def test_question_goes_when_its_process_has_gone(pair, screens):
 
 
 @pytest.mark.parametrize("key, watched", [("f", "all"), ("F", SAMPLE)])
-def test_freezing_is_watched(pair, screens, key, watched):
-    screen = screens(pair, "-s", "id", columns=120)
-    screen.wait_for("2 run, 0 frozen")
+def test_freezing_is_watched(pair, both, key, watched):
+    screen = both("-s", "id", columns=120)
+    screen.wait_for("0 frozen")
     screen.press(END, key)
     screen.wait_for(f"Freezing of {watched}, the latest first", "Nothing has changed yet", "HIDDEN FOR", "CPU HIDDEN")
     freeze(pair, SAMPLE)
@@ -218,9 +229,8 @@ def test_screen_follows_its_size(pair, screens):
 
 
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGQUIT, signal.SIGTERM, signal.SIGHUP])
-def test_signal_restores_the_terminal(pair, screens, number):
-    screen = screens(pair)
-    screen.wait_for("2 run")
+def test_signal_restores_the_terminal(both, number):
+    screen = both()
     if number == signal.SIGINT:
         screen.press(INTERRUPT)
     elif number == signal.SIGQUIT:
@@ -231,11 +241,10 @@ def test_signal_restores_the_terminal(pair, screens, number):
     assert screen.is_restored()
 
 
-def test_stopped_and_continued(pair, screens):
+def test_stopped_and_continued(pair, both):
     # A shell with job control, which waits for a line before it has the job go on.
     shell = ["/bin/bash", "-c", 'set -m; "$@"; read; fg >/dev/null', "bash"]
-    screen = screens(pair, before=shell)
-    screen.wait_for("2 run")
+    screen = both(before=shell)
     (pid,) = descendants(screen.process.pid)
     screen.press(SUSPEND)
     screen.until(lambda: state(pid) == "T", "that it is stopped")
@@ -248,9 +257,8 @@ def test_stopped_and_continued(pair, screens):
     assert screen.end() == ctl.DONE and screen.is_restored()
 
 
-def test_it_is_not_stopped_where_nobody_could_go_on_with_it(pair, screens):
-    screen = screens(pair)
-    screen.wait_for("2 run")
+def test_it_is_not_stopped_where_nobody_could_go_on_with_it(both):
+    screen = both()
     screen.press(SUSPEND)
     screen.press("i")
     screen.wait_for("by id", "2 run")
@@ -258,17 +266,15 @@ def test_it_is_not_stopped_where_nobody_could_go_on_with_it(pair, screens):
     assert screen.end() == ctl.DONE and screen.is_restored()
 
 
-def test_keys_behind_the_last_one_count_no_more(pair, screens):
-    screen = screens(pair)
-    screen.wait_for("2 run")
+def test_keys_behind_the_last_one_count_no_more(pair, both):
+    screen = both()
     screen.press("qxy")
     assert screen.end() == ctl.DONE
     assert running(pair) == [OTHER, SAMPLE]
 
 
-def test_service_may_go_and_come_back(pair, screens):
-    screen = screens(pair)
-    screen.wait_for("2 run")
+def test_service_may_go_and_come_back(pair, both):
+    screen = both()
     pair.service.child.send(signal.SIGSTOP)
     screen.wait_for("The service does not answer, since ")
     assert screen.ids(), "what was known is still shown"
@@ -286,9 +292,8 @@ def test_service_may_go_and_come_back(pair, screens):
     screen.wait_for("1 run")
 
 
-def test_bus_that_goes_ends_it(pair, screens):
-    screen = screens(pair)
-    screen.wait_for("2 run")
+def test_bus_that_goes_ends_it(pair, both):
+    screen = both()
     pair.session_bus.daemon.kill()
     assert screen.end() == ctl.NOT_THERE
     assert screen.settings == screen.before
