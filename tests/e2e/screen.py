@@ -19,6 +19,7 @@ from stack.waiting import LIMIT, NotInTime
 UP, DOWN, PAGE_UP, PAGE_DOWN = "\x1bOA", "\x1bOB", "\x1b[5~", "\x1b[6~"
 HOME, END, DELETE, ESCAPE = "\x1b[1~", "\x1b[4~", "\x1b[3~", "\x1b"
 INTERRUPT, SUSPEND, QUIT = "\x03", "\x1a", "\x1c"
+HOLD, GO_ON = "\x13", "\x11"
 
 
 class _Contents(pyte.Screen):

@@ -9,10 +9,10 @@ import pytest
 
 import ctl
 import tasker
-from screen import (DELETE, DOWN, END, ESCAPE, HOME, INTERRUPT, PAGE_DOWN, PAGE_UP, QUIT, SUSPEND, UP,
+from screen import (DELETE, DOWN, END, ESCAPE, GO_ON, HOLD, HOME, INTERRUPT, PAGE_DOWN, PAGE_UP, QUIT, SUSPEND, UP,
                     Screen)
-from stack.process import descendants, state
-from stack.waiting import until
+from stack.process import descendants, is_running, state
+from stack.waiting import LIMIT, until
 
 SAMPLE, OTHER = "org.example.Sample", "org.example.Other"
 UNSANDBOXED = {"Sandboxing": "Disabled"}
@@ -238,6 +238,57 @@ def test_signal_restores_the_terminal(both, number):
     else:
         screen.process.send_signal(number)
     assert screen.end() == -number
+    assert screen.is_restored()
+
+
+def waits_for_the_terminal(process):
+    """Whether it is in the midst of writing, and the terminal takes no more."""
+    with open(f"/proc/{process.pid}/wchan") as file:
+        return file.read() in ("wait_woken", "n_tty_write")
+
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGQUIT, signal.SIGTERM, signal.SIGHUP])
+def test_signal_ends_it_while_its_output_is_held(both, number):
+    screen = both("-d", "0.1")
+    screen.press(HOLD)
+    until(lambda: waits_for_the_terminal(screen.process), "that it waits")
+    screen.process.send_signal(number)
+    assert screen.end() == -number
+    assert screen.is_restored()
+
+
+def test_held_output_goes_on_where_it_was(pair, both):
+    screen = both("-d", "0.1")
+    screen.press(HOLD)
+    until(lambda: waits_for_the_terminal(screen.process), "that it waits")
+    pair.control.terminate(OTHER)
+    until(lambda: running(pair) == [SAMPLE], "the end of the other")
+    assert waits_for_the_terminal(screen.process)
+    screen.press(GO_ON)
+    screen.wait_for("1 run")
+
+
+def test_signal_ends_it_where_the_terminal_takes_nothing(both):
+    screen = both("-d", "0.1")
+    # Nobody reads, and the terminal has no more room.
+    until(lambda: screen.press(20 * "r") or waits_for_the_terminal(screen.process), "that it waits")
+    screen.process.send_signal(signal.SIGTERM)
+    assert screen.process.wait(LIMIT) == -signal.SIGTERM
+    assert screen.settings == screen.before
+
+
+def test_stopped_one_can_be_ended(both):
+    # The shell has it go on so that it can end, and keeps the terminal.
+    shell = ["/bin/bash", "-c", 'set -m; "$@"; read; kill %1; read; wait %1; echo "ended: $?"; read', "bash"]
+    screen = both(before=shell)
+    (pid,) = descendants(screen.process.pid)
+    screen.press(SUSPEND)
+    screen.until(lambda: state(pid) == "T", "that it is stopped")
+    screen.until(screen.is_restored, "the terminal as before")
+    screen.press("\r")
+    screen.until(lambda: not is_running(pid), "its end")
+    screen.press("\r")
+    screen.wait_for(f"ended: {128 + signal.SIGTERM}")
     assert screen.is_restored()
 
 

@@ -16,6 +16,7 @@
 #include <langinfo.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <termios.h>
 #include <unistd.h>
 
 // Its functions are macros otherwise, with names such as clear and move.
@@ -29,12 +30,59 @@ namespace {
 
 int signalPipe[2] = { -1, -1 };
 
-const int caught[] = { SIGWINCH, SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP, SIGCONT };
+const int caught[] = { SIGWINCH, SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP, SIGCONT, SIGALRM };
 
-/// Nothing but async-signal-safe calls.
+constexpr unsigned orderlyEndSeconds = 5; // for the screen to be left as it should
+
+termios usualSettings; // of the terminal, as they were
+volatile sig_atomic_t endSignal = 0;
+
+/// Whether the terminal is for us to change, and not the shell's or another job's just now.
+bool isForeground()
+{
+    const pid_t owner = tcgetpgrp(STDIN_FILENO);
+    return owner < 0 || owner == getpgrp(); // negative: it knows no jobs
+}
+
+/// Ends the program though the terminal takes no output, so that its screen cannot be left.
+void endAnyway()
+{
+    if (isForeground()) {
+        (void)tcsetattr(STDIN_FILENO, TCSANOW, &usualSettings);
+    }
+    struct sigaction usual = {};
+    usual.sa_handler = SIG_DFL;
+    sigaction(endSignal, &usual, nullptr);
+    (void)raise(endSignal);
+}
+
+/// The program is to end, and may be waiting just now for a terminal to take its output.
+void prepareEnd(int number)
+{
+    endSignal = number;
+    (void)alarm(orderlyEndSeconds);
+    if (isForeground()) {
+        // What has been held with Ctrl-S goes on.
+        (void)tcflow(STDOUT_FILENO, TCOOFF);
+        (void)tcflow(STDOUT_FILENO, TCOON);
+    }
+}
+
+bool isEnd(int number)
+{
+    return number == SIGINT || number == SIGTERM || number == SIGHUP || number == SIGQUIT
+        || number == SIGALRM;
+}
+
+/// Nothing but async-signal-safe calls, here and in what is called.
 void onSignal(int number)
 {
     const int before = errno;
+    if (number == SIGALRM && endSignal != 0) {
+        endAnyway();
+    } else if (isEnd(number)) {
+        prepareEnd(number);
+    }
     const auto byte = static_cast<unsigned char>(number);
     (void)!write(signalPipe[1], &byte, 1);
     errno = before;
@@ -95,6 +143,7 @@ public:
     bool hasColours = false;
     struct sigaction before[std::size(caught)] = {};
     bool isCatching = false;
+    bool isLeft = false; // the screen, for the shell
     bool isOver = false; // no key counts any more
     std::unique_ptr<QSocketNotifier> keys;
     std::unique_ptr<QSocketNotifier> arrivals; // of signals
@@ -135,7 +184,9 @@ bool TerminalPrivate::openScreen()
 void TerminalPrivate::closeScreen()
 {
     if (screen) {
-        endwin();
+        if (!isLeft) {
+            endwin();
+        }
         delscreen(screen);
         screen = nullptr;
     }
@@ -146,6 +197,7 @@ bool TerminalPrivate::catchSignals()
     if (pipe2(signalPipe, O_CLOEXEC | O_NONBLOCK) != 0) {
         return false;
     }
+    endSignal = 0;
     struct sigaction action = {};
     action.sa_handler = onSignal;
     action.sa_flags = SA_RESTART;
@@ -223,6 +275,7 @@ void TerminalPrivate::suspend()
 {
     endwin();
     fflush(stdout);
+    isLeft = true;
     // As if nobody caught it: the kernel stops nobody whom no shell could have go on.
     struct sigaction usual = {};
     usual.sa_handler = SIG_DFL;
@@ -236,6 +289,10 @@ void TerminalPrivate::suspend()
 /// The terminal may have been used meanwhile, and been given another size.
 void TerminalPrivate::resume()
 {
+    if (endSignal != 0) {
+        return; // a shell has it go on so that it ends, and has the terminal itself
+    }
+    isLeft = false;
     reset_prog_mode();
     resize();
     clearok(curscr, true);
@@ -289,14 +346,16 @@ Terminal::~Terminal()
     // The screen first: a signal that comes now is lost, and the terminal is in order.
     d->keys.reset();
     d->closeScreen();
+    (void)alarm(0);
     d->arrivals.reset();
     d->releaseSignals();
 }
 
 bool Terminal::open()
 {
-    // The signals first: curses catches those that nobody does, and ends the program with a status of its
-    // own.
+    (void)tcgetattr(STDIN_FILENO, &usualSettings);
+    // The signals before the screen: curses catches those that nobody does, and ends the program with a
+    // status of its own.
     if (!d->catchSignals()) {
         return false;
     }
@@ -330,6 +389,9 @@ QSize Terminal::size() const
 
 void Terminal::show(const QVector<Line> &lines)
 {
+    if (d->isLeft) {
+        return;
+    }
     werase(stdscr);
     for (int y = 0; y < lines.size(); ++y) {
         const Line &line = lines.at(y);

@@ -14,7 +14,8 @@ class TerminalPrivate;
 /// The whole screen of the terminal that standard output is, and its keyboard, which standard input is.
 ///
 /// One at a time; main thread. The terminal is as before once it is destroyed. The signals that end a
-/// program, or stop it, restore the terminal first.
+/// program, or stop it, restore the terminal first. Those that end it let go on what a user has held; if the
+/// terminal takes no output even so, they end the program after some seconds with the screen as it is.
 class Terminal : public QObject
 {
     Q_OBJECT
