@@ -28,7 +28,8 @@ def run(*command, **options):
 def package_files():
     found = sorted(glob.glob(os.path.join(PACKAGES, "*.deb"))) if PACKAGES else []
     if not found:
-        raise FileNotFoundError(f"no packages in PROCWARDEN_PACKAGES={PACKAGES}: ctest -L package makes some")
+        raise FileNotFoundError(f"no packages in PROCWARDEN_PACKAGES={PACKAGES}: ctest makes some, for example with\n"
+                                "cmake --preset dev && ctest --test-dir build/dev -R e2e_tour")
     return found
 
 
