@@ -1,6 +1,6 @@
 // What dies when memory is critical, with real processes whose scores the test makes up.
 
-#include "runtime_fixture.h"
+#include "early_oom_fixture.h"
 
 #include "support/log_capture.h"
 
@@ -39,14 +39,14 @@ const QString nobodyLeft = QStringLiteral("No candidates for killing, early OOM 
 
 } // namespace
 
-class tst_EarlyOom : public QObject
+class tst_EarlyOom : public EarlyOomTest
 {
     Q_OBJECT
 
 private slots:
     void initTestCase();
     void init();
-    void cleanup();
+    void cleanup() { end(); }
 
     void criticalLevelKillsOneAtOnce();
     void otherLevelsKillNobody();
@@ -73,16 +73,9 @@ private slots:
     void monitorRunsWhileTheLevelIsCritical();
 
 private:
-    static void pass() { emit MemoryMonitor::instance()->levelChanged(MemoryLevel::Critical); }
     void setState(const QString &id, ApplicationState state);
     void hideAfterBeingActive(const QString &id);
     StopReason reasonOf(const QString &id) const;
-    QStringList ended() const;
-
-    std::unique_ptr<RuntimeFixture> m_runtime;
-    std::unique_ptr<QSignalSpy> m_ended;
-    std::unique_ptr<QSignalSpy> m_selected;
-    RuntimeController *m_controller = nullptr;
 };
 
 void tst_EarlyOom::initTestCase()
@@ -101,17 +94,7 @@ void tst_EarlyOom::init()
                                  || strncmp(QTest::currentTestFunction(), "without", 7) == 0
                              ? "CheckIntervalMsecCriticalMem=200\n"
                              : "");
-    m_runtime->makeController();
-    m_controller = m_runtime->controller();
-    m_ended = std::make_unique<QSignalSpy>(m_controller, &RuntimeController::applicationTerminated);
-    m_selected = std::make_unique<QSignalSpy>(m_controller, &RuntimeController::processSelectedByOom);
-}
-
-void tst_EarlyOom::cleanup()
-{
-    m_ended.reset();
-    m_selected.reset();
-    m_runtime->end();
+    makeController();
 }
 
 void tst_EarlyOom::setState(const QString &id, ApplicationState state)
@@ -128,15 +111,6 @@ void tst_EarlyOom::hideAfterBeingActive(const QString &id)
     setState(id, ApplicationState::Hidden);
     const QDateTime now = QDateTime::currentDateTime();
     QTRY_VERIFY(QDateTime::currentDateTime() > now.addMSecs(1));
-}
-
-QStringList tst_EarlyOom::ended() const
-{
-    QStringList ids;
-    for (const QList<QVariant> &arguments : *m_ended) {
-        ids.append(arguments.at(0).toString());
-    }
-    return ids;
 }
 
 StopReason tst_EarlyOom::reasonOf(const QString &id) const

@@ -1,6 +1,6 @@
 // The early out-of-memory killer among very many, at the moment of an end, and where files cannot be read.
 
-#include "runtime_fixture.h"
+#include "early_oom_fixture.h"
 
 #include "support/log_capture.h"
 
@@ -30,7 +30,7 @@ constexpr int crowd = 1000;
 
 } // namespace
 
-class tst_EarlyOomExtremes : public QObject
+class tst_EarlyOomExtremes : public EarlyOomTest
 {
     Q_OBJECT
 
@@ -47,15 +47,9 @@ private slots:
     void withoutFiguresTheLastOnesAreTold();
 
 private:
-    static void pass() { emit MemoryMonitor::instance()->levelChanged(MemoryLevel::Critical); }
     QStringList startMany(int count);
     void setAvailable(int kilobytes);
     static QStringList killLines(const LogCapture &log);
-
-    std::unique_ptr<RuntimeFixture> m_runtime;
-    std::unique_ptr<QSignalSpy> m_ended;
-    std::unique_ptr<QSignalSpy> m_selected;
-    RuntimeController *m_controller = nullptr;
 };
 
 void tst_EarlyOomExtremes::initTestCase()
@@ -72,18 +66,13 @@ void tst_EarlyOomExtremes::initTestCase()
 void tst_EarlyOomExtremes::init()
 {
     m_runtime->configure("");
-    m_runtime->makeController();
-    m_controller = m_runtime->controller();
-    m_ended = std::make_unique<QSignalSpy>(m_controller, &RuntimeController::applicationTerminated);
-    m_selected = std::make_unique<QSignalSpy>(m_controller, &RuntimeController::processSelectedByOom);
+    makeController();
 }
 
 void tst_EarlyOomExtremes::cleanup()
 {
     const LogCapture log;
-    m_ended.reset();
-    m_selected.reset();
-    m_runtime->end();
+    end();
 }
 
 /// What is available from now on; nobody looks yet.

@@ -1,6 +1,6 @@
 // Tasks among what dies when memory is critical, with real processes whose scores the test makes up.
 
-#include "runtime_fixture.h"
+#include "early_oom_fixture.h"
 
 #include "support/log_capture.h"
 
@@ -19,14 +19,14 @@ const QString secondTask = QStringLiteral("org.example.Two.task_second");
 
 } // namespace
 
-class tst_EarlyOomTasks : public QObject
+class tst_EarlyOomTasks : public EarlyOomTest
 {
     Q_OBJECT
 
 private slots:
     void initTestCase();
-    void init();
-    void cleanup();
+    void init() { makeController(); }
+    void cleanup() { end(); }
 
     void taskDiesBeforeAnApplication();
     void applicationWithAGreaterAdjustmentDiesBeforeATask();
@@ -35,48 +35,12 @@ private slots:
     void deathOfATaskIsAnnouncedAndReported();
     void childOfATaskDiesAlone();
     void monitorRunsWhileThereIsATask();
-
-private:
-    static void pass() { emit MemoryMonitor::instance()->levelChanged(MemoryLevel::Critical); }
-    QStringList ended() const;
-
-    std::unique_ptr<RuntimeFixture> m_runtime;
-    RuntimeController *m_controller = nullptr;
-    std::unique_ptr<QSignalSpy> m_ended; ///< tasks
-    std::unique_ptr<QSignalSpy> m_applications; ///< those that have ended
-    std::unique_ptr<QSignalSpy> m_selected;
 };
 
 void tst_EarlyOomTasks::initTestCase()
 {
     m_runtime = std::make_unique<RuntimeFixture>();
     m_runtime->install(app);
-}
-
-void tst_EarlyOomTasks::init()
-{
-    m_runtime->makeController();
-    m_controller = m_runtime->controller();
-    m_ended = std::make_unique<QSignalSpy>(m_controller, &RuntimeController::taskTerminated);
-    m_applications = std::make_unique<QSignalSpy>(m_controller, &RuntimeController::applicationTerminated);
-    m_selected = std::make_unique<QSignalSpy>(m_controller, &RuntimeController::processSelectedByOom);
-}
-
-void tst_EarlyOomTasks::cleanup()
-{
-    m_ended.reset();
-    m_applications.reset();
-    m_selected.reset();
-    m_runtime->end();
-}
-
-QStringList tst_EarlyOomTasks::ended() const
-{
-    QStringList ids;
-    for (const QList<QVariant> &arguments : *m_ended) {
-        ids.append(arguments.at(0).toString());
-    }
-    return ids;
 }
 
 void tst_EarlyOomTasks::taskDiesBeforeAnApplication()
@@ -90,11 +54,11 @@ void tst_EarlyOomTasks::taskDiesBeforeAnApplication()
     QCOMPARE(m_runtime->tree().read(
                  QStringLiteral("freezer/procwarden/user-1/org.example.Two/task_second/freezer.state")),
              QByteArrayLiteral("inactive"));
-    QTRY_COMPARE(ended(), QStringList(secondTask));
-    QCOMPARE(m_applications->count(), 0);
+    QTRY_COMPARE(endedTasks(), QStringList(secondTask));
+    QCOMPARE(m_ended->count(), 0);
     QCOMPARE(log.warnings().filter(QStringLiteral("chosen by task before application")).size(), 1);
     pass();
-    QTRY_COMPARE(m_applications->count(), 1);
+    QTRY_COMPARE(m_ended->count(), 1);
 }
 
 void tst_EarlyOomTasks::applicationWithAGreaterAdjustmentDiesBeforeATask()
@@ -104,8 +68,8 @@ void tst_EarlyOomTasks::applicationWithAGreaterAdjustmentDiesBeforeATask()
     m_runtime->setScores(m_runtime->pidOf(app), 1, 0);
     m_runtime->setScores(m_runtime->pidOf(secondTask), 0, 900);
     m_runtime->setLevel(MemoryLevel::Critical);
-    QTRY_COMPARE(m_applications->count(), 1);
-    QCOMPARE(ended(), QStringList());
+    QTRY_COMPARE(m_ended->count(), 1);
+    QCOMPARE(endedTasks(), QStringList());
 }
 
 void tst_EarlyOomTasks::taskWithTheGreaterScoreDiesFirst_data()
@@ -128,9 +92,9 @@ void tst_EarlyOomTasks::taskWithTheGreaterScoreDiesFirst()
     const QStringList order { first > second ? firstTask : secondTask,
                               first > second ? secondTask : firstTask };
     m_runtime->setLevel(MemoryLevel::Critical);
-    QTRY_COMPARE(ended(), order.mid(0, 1));
+    QTRY_COMPARE(endedTasks(), order.mid(0, 1));
     pass();
-    QTRY_COMPARE(ended(), order);
+    QTRY_COMPARE(endedTasks(), order);
 }
 
 void tst_EarlyOomTasks::deathOfATaskIsAnnouncedAndReported()
@@ -143,10 +107,10 @@ void tst_EarlyOomTasks::deathOfATaskIsAnnouncedAndReported()
     QCOMPARE(m_selected->at(0).at(0).toString(), firstTask);
     QCOMPARE(changes.count(), 1);
     QCOMPARE(changes.at(0).at(1).value<ApplicationState>(), ApplicationState::Inactive);
-    QTRY_COMPARE(m_ended->count(), 1);
-    QCOMPARE(m_ended->at(0).at(1).value<pid_t>(), pid);
-    QCOMPARE(m_ended->at(0).at(2).toInt(), SIGKILL);
-    QCOMPARE(m_ended->at(0).at(3).value<StopReason>(), StopReason::OomKilled);
+    QTRY_COMPARE(m_endedTasks->count(), 1);
+    QCOMPARE(m_endedTasks->at(0).at(1).value<pid_t>(), pid);
+    QCOMPARE(m_endedTasks->at(0).at(2).toInt(), SIGKILL);
+    QCOMPARE(m_endedTasks->at(0).at(3).value<StopReason>(), StopReason::OomKilled);
 }
 
 void tst_EarlyOomTasks::childOfATaskDiesAlone()
@@ -162,8 +126,8 @@ void tst_EarlyOomTasks::childOfATaskDiesAlone()
     QVERIFY(RuntimeFixture::isAlive(leader));
     QCOMPARE(m_selected->count(), 0);
     QVERIFY(!m_controller->terminateTask(Core::ApplicationTaskId(firstTask), StopReason::Requested));
-    QTRY_COMPARE(m_ended->count(), 1);
-    QCOMPARE(m_ended->at(0).at(3).value<StopReason>(), StopReason::Requested);
+    QTRY_COMPARE(m_endedTasks->count(), 1);
+    QCOMPARE(m_endedTasks->at(0).at(3).value<StopReason>(), StopReason::Requested);
 }
 
 void tst_EarlyOomTasks::monitorRunsWhileThereIsATask()
@@ -174,7 +138,7 @@ void tst_EarlyOomTasks::monitorRunsWhileThereIsATask()
     QVERIFY(monitor->isActive());
     QVERIFY(!m_controller->terminateTask(Core::ApplicationTaskId(firstTask), StopReason::None));
     QVERIFY(monitor->isActive());
-    QTRY_COMPARE(m_ended->count(), 1);
+    QTRY_COMPARE(m_endedTasks->count(), 1);
     QVERIFY(!monitor->isActive());
 }
 
