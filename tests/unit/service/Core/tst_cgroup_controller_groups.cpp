@@ -1,44 +1,31 @@
 #include "Core/cgroup_controller.h"
 
 #include "Core/application_instance_id.h"
-#include "support/cgroup_tree.h"
-#include "support/helper_stand_in.h"
+#include "cgroup_controller_fixture.h"
 #include "support/log_capture.h"
-#include "support/patience.h"
-#include "support/private_bus.h"
 
 #include <QDir>
 #include <QFileInfo>
-#include <QSignalSpy>
 #include <QTest>
-
-#include <memory>
-#include <optional>
 
 using Core::ApplicationInstanceId;
 using Core::CGroupController;
-using TestSupport::CGroupTree;
-using TestSupport::HelperStandIn;
 using TestSupport::LogCapture;
 
 namespace {
 
-const QString subtree = QStringLiteral("/procwarden/user-77");
-const QStringList hierarchies = { QStringLiteral("cpu"), QStringLiteral("freezer"),
-                                  QStringLiteral("memory") };
 const ApplicationInstanceId app(QStringLiteral("org.example.App"));
 
 } // namespace
 
 /// What is done with groups that are there: their settings, their removal, their members.
-class CGroupControllerGroupsTest : public QObject
+class CGroupControllerGroupsTest : public CGroupTest
 {
     Q_OBJECT
 
 private slots:
-    void initTestCase();
     void init();
-    void cleanup();
+    void cleanup() { end(); }
 
     void unregisteredStateWritesNothing();
     void eachSettingGoesToTheHierarchyOfItsName();
@@ -63,48 +50,19 @@ private slots:
     void memberLineThatIsNoNumberIsSkipped();
 
 private:
-    QString inGroup(const char *hierarchy, const char *rest) const
-    {
-        return QLatin1String(hierarchy) + subtree + QLatin1Char('/') + QLatin1String(rest);
-    }
     bool exists(const QString &relative) const { return QFileInfo::exists(m_tree->group(relative)); }
     void makeGroup(const char *directory) const
     {
-        for (const QString &hierarchy : hierarchies) {
-            m_tree->makeDirectory(QStringLiteral("sys/fs/cgroup/") + hierarchy + subtree + QLatin1Char('/')
-                                  + QLatin1String(directory));
+        for (const QString &hierarchy : usualHierarchies) {
+            m_tree->makeDirectory(QStringLiteral("sys/fs/cgroup/") + inGroup(hierarchy, directory));
         }
     }
-
-    std::unique_ptr<TestSupport::PrivateBus> m_bus;
-    std::optional<QDBusConnection> m_connection;
-    std::unique_ptr<CGroupTree> m_tree;
-    std::unique_ptr<HelperStandIn> m_standIn;
-    std::unique_ptr<CGroupController> m_controller;
 };
-
-void CGroupControllerGroupsTest::initTestCase()
-{
-    m_bus = std::make_unique<TestSupport::PrivateBus>();
-    m_bus->useAsSystemBus();
-    m_connection = m_bus->connect();
-    m_standIn = std::make_unique<HelperStandIn>(*m_connection, HelperStandIn::path(subtree));
-}
 
 void CGroupControllerGroupsTest::init()
 {
-    m_tree = std::make_unique<CGroupTree>();
-    m_tree->use();
-    m_tree->setOwnGroups("3:cpu:/\n2:freezer:/\n1:memory:/\n");
-    m_tree->addHierarchies(hierarchies, subtree);
-    m_controller = std::make_unique<CGroupController>();
-    QVERIFY(QSignalSpy(m_controller.get(), &CGroupController::initializationDone).wait(patienceMs));
-}
-
-void CGroupControllerGroupsTest::cleanup()
-{
-    m_controller.reset();
-    m_tree.reset();
+    begin();
+    QVERIFY(start());
 }
 
 void CGroupControllerGroupsTest::unregisteredStateWritesNothing()
@@ -236,14 +194,13 @@ void CGroupControllerGroupsTest::removalOfTheLastInstanceRemovesTheApplication()
     makeGroup("org.example.App/instance_2");
     const LogCapture log;
     m_controller->removeApplication(ApplicationInstanceId(QStringLiteral("org.example.App.instance_1")));
-    for (const QString &hierarchy : hierarchies) {
-        const QByteArray name = hierarchy.toUtf8();
-        QVERIFY(!exists(inGroup(name.constData(), "org.example.App/instance_1")));
-        QVERIFY(exists(inGroup(name.constData(), "org.example.App/instance_2")));
+    for (const QString &hierarchy : usualHierarchies) {
+        QVERIFY(!exists(inGroup(hierarchy, "org.example.App/instance_1")));
+        QVERIFY(exists(inGroup(hierarchy, "org.example.App/instance_2")));
     }
     m_controller->removeApplication(ApplicationInstanceId(QStringLiteral("org.example.App.instance_2")));
-    for (const QString &hierarchy : hierarchies) {
-        QVERIFY(!exists(inGroup(hierarchy.toUtf8().constData(), "org.example.App")));
+    for (const QString &hierarchy : usualHierarchies) {
+        QVERIFY(!exists(inGroup(hierarchy, "org.example.App")));
     }
     QCOMPARE(log.messages(), QStringList());
 }
@@ -255,11 +212,10 @@ void CGroupControllerGroupsTest::removalKeepsWhatElseIsThere()
     makeGroup("org.example.App2/app");
     const LogCapture log;
     m_controller->removeApplication(app);
-    for (const QString &hierarchy : hierarchies) {
-        const QByteArray name = hierarchy.toUtf8();
-        QVERIFY(!exists(inGroup(name.constData(), "org.example.App/app")));
-        QVERIFY(exists(inGroup(name.constData(), "org.example.App/task_Sync")));
-        QVERIFY(exists(inGroup(name.constData(), "org.example.App2/app")));
+    for (const QString &hierarchy : usualHierarchies) {
+        QVERIFY(!exists(inGroup(hierarchy, "org.example.App/app")));
+        QVERIFY(exists(inGroup(hierarchy, "org.example.App/task_Sync")));
+        QVERIFY(exists(inGroup(hierarchy, "org.example.App2/app")));
     }
     QCOMPARE(log.messages(), QStringList());
 }
