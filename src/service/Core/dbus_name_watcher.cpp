@@ -1,9 +1,7 @@
 #include "Core/dbus_name_watcher.h"
 
 #include <QDBusConnection>
-#include <QDBusConnectionInterface>
-#include <QDBusPendingCallWatcher>
-#include <QDBusPendingReply>
+#include <QDBusMessage>
 #include <QHash>
 #include <QList>
 #include <QPointer>
@@ -109,28 +107,30 @@ DBusNameWatcher::DBusNameWatcher(const QDBusConnection &connection, QObject *par
     : QObject(parent)
     , d(new DBusNameWatcherPrivate(connection))
 {
-    QDBusConnectionInterface *bus = d->connection.interface();
-    if (!bus) {
+    if (!d->connection.isConnected()) {
         return; // no bus: no name has an owner, and nothing will ever be known
     }
     // Not by the signal of the bus interface: that object lives on Qt's own thread for the bus and passes on
     // what it hears in a later turn, so that a call would overtake the news of its caller's name.
-    d->connection.connect(QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
-                          QStringLiteral("org.freedesktop.DBus"), QStringLiteral("NameOwnerChanged"), this,
+    const QString bus = QStringLiteral("org.freedesktop.DBus");
+    const QString path = QStringLiteral("/org/freedesktop/DBus");
+    d->connection.connect(bus, path, bus, QStringLiteral("NameOwnerChanged"), this,
                           SLOT(onNameOwnerChanged(QString, QString, QString)));
-
-    auto *watcher = new QDBusPendingCallWatcher(bus->asyncCall(QStringLiteral("ListNames")), this);
-    connect(watcher, &QDBusPendingCallWatcher::finished, this, [this, watcher] {
-        watcher->deleteLater();
-        const QDBusPendingReply<QStringList> reply = *watcher;
-        const QStringList names = reply.isError() ? QStringList() : reply.value();
-        for (const QString &name : names) {
-            d->nameAppeared(name);
-        }
-    });
+    // Nor by a pending call watcher, which is made after the call was sent: an answer that is faster comes a
+    // turn later, and a name that went meanwhile would be taken for there.
+    d->connection.callWithCallback(
+        QDBusMessage::createMethodCall(bus, path, bus, QStringLiteral("ListNames")), this,
+        SLOT(onNamesListed(QStringList)));
 }
 
 DBusNameWatcher::~DBusNameWatcher() = default;
+
+void DBusNameWatcher::onNamesListed(const QStringList &names)
+{
+    for (const QString &name : names) {
+        d->nameAppeared(name);
+    }
+}
 
 void DBusNameWatcher::onNameOwnerChanged(const QString &name, const QString &, const QString &newOwner)
 {

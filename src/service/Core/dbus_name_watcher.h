@@ -2,6 +2,7 @@
 
 #include <QObject>
 #include <QString>
+#include <QStringList>
 
 #include <functional>
 #include <memory>
@@ -41,6 +42,7 @@ public:
     void onNameDisappeared(const QString &name, QObject *guard, const Callback &callback);
 
 private slots:
+    void onNamesListed(const QStringList &names);
     void onNameOwnerChanged(const QString &name, const QString &oldOwner, const QString &newOwner);
 
 private:

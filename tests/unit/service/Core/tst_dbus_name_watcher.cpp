@@ -1,5 +1,6 @@
 #include "Core/dbus_name_watcher.h"
 
+#include "support/interruption.h"
 #include "support/log_capture.h"
 #include "support/private_bus.h"
 
@@ -62,6 +63,7 @@ private slots:
     void unknownNameNeedsNoGuard();
     void nothingIsSaidBeforeTheBusHasAnswered();
     void firstAnswerOfTheBusFiresAppearance();
+    void nameThatGoesRightAfterTheFirstAnswerIsGone();
     void appearsLater();
     void disappearsLater();
     void uniqueNameDisappears();
@@ -171,6 +173,28 @@ void tst_DBusNameWatcher::firstAnswerOfTheBusFiresAppearance()
     watcher.onNameAppeared(name, &m_guard, [this] { m_calls.append(name); });
     QCOMPARE(m_calls.size(), 0);
     QTRY_COMPARE(m_calls.size(), 1);
+}
+
+void tst_DBusNameWatcher::nameThatGoesRightAfterTheFirstAnswerIsGone()
+{
+    QVERIFY(m_owner->registerService(name));
+    QCoreApplication::processEvents(); // a new connection holds signals back until then
+    const auto release = [this] {
+        QVERIFY(m_owner->unregisterService(name));
+        // The answer and the news are both there when a later question has been answered.
+        QVERIFY(m_connection->interface()->isServiceRegistered(m_owner->baseService()));
+    };
+    // At the latest moment at which it may go, without the watcher knowing of the answer.
+    const TestSupport::Interruption interruption("Core::DBusNameWatcher", release);
+    DBusNameWatcher watcher(*m_connection);
+    if (!interruption.happened()) {
+        release();
+    }
+    bool ready = false;
+    watcher.onNameAppeared(m_connection->baseService(), this, [&ready] { ready = true; });
+    QTRY_VERIFY(ready);
+    watcher.onNameAppeared(name, nullptr, [this] { m_calls.append(name); });
+    QCOMPARE(m_calls, QStringList());
 }
 
 void tst_DBusNameWatcher::appearsLater()
