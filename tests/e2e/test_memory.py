@@ -21,7 +21,7 @@ UNSANDBOXED = {"Sandboxing": "Disabled"}
 OOM_KILLED = 6
 
 KILL = re.compile(r'^Early OOM: killing "?([\w.]+)"?, pid (\d+) \((all of it|one process of it)\): memory is (\w+), '
-                  r"(\d+) kB of (\d+) kB available; oom_score_adj (-?\d+), oom_score (-?\d+), chosen by (.+)$",
+                  r"(\d+) kB of (\d+) kB available; oom_score_adj (-?\d+), oom_score (-?\d+), (?:chosen by )?(.+)$",
                   re.MULTILINE)
 
 

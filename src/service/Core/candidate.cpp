@@ -8,7 +8,7 @@ const char *victimRuleName(VictimRule rule)
 {
     switch (rule) {
     case VictimRule::None:
-        return "none";
+        return "equal to the next";
     case VictimRule::ScoreAdjustment:
         return "oom_score_adj";
     case VictimRule::TaskFirst:

@@ -29,7 +29,7 @@ enum class VictimRule {
     KernelScore, ///< of two tasks, greater oomScore
 };
 
-/// For logs, for example "oom_score_adj".
+/// In words, for example "oom_score_adj".
 const char *victimRuleName(VictimRule rule);
 
 /// The first rule that tells the two apart, whichever of them it puts first.

@@ -22,6 +22,17 @@ namespace {
 
 constexpr int maximumSubprocessKills = 5; // of one record, before all of it goes
 
+/// How the first of @p order, which is not empty, came to be that.
+QString choiceText(const QVector<Candidate> &order)
+{
+    if (order.size() == 1) {
+        return QStringLiteral("the only candidate");
+    }
+    const VictimRule rule = decidingRule(order.at(0), order.at(1));
+    return rule == VictimRule::None ? QStringLiteral("chosen among equals")
+                                    : QStringLiteral("chosen by %1").arg(QLatin1String(victimRuleName(rule)));
+}
+
 } // namespace
 
 void RuntimeControllerPrivate::onMemoryLevelChanged(MemoryLevel level)
@@ -83,15 +94,13 @@ void RuntimeControllerPrivate::runOomKiller()
         return;
     }
     const Candidate &victim = order.first();
-    const VictimRule rule = order.size() > 1 ? decidingRule(victim, order.at(1)) : VictimRule::None;
-
     Process *process = victim.process;
     bool onlySubprocess = victim.killPid != process->pid();
     if (onlySubprocess && killedSubprocesses[process->pid()]++ >= maximumSubprocessKills) {
         qDebug() << "Already killed 5 subprocesses, giving up!";
         onlySubprocess = false;
     }
-    logVictim(victim, rule, onlySubprocess);
+    logVictim(victim, choiceText(order), onlySubprocess);
     if (onlySubprocess) {
         killSubprocess(victim);
     } else {
@@ -134,7 +143,8 @@ void RuntimeControllerPrivate::killSubprocess(const Candidate &victim)
 /// The one line that tells the user of a default journal why something has gone. Its figures are of this
 /// moment: the monitor's may be as old as the last pass, and then a recovery that came since, too late for
 /// this victim, could not be told from a shortage that lasts.
-void RuntimeControllerPrivate::logVictim(const Candidate &victim, VictimRule rule, bool onlySubprocess) const
+void RuntimeControllerPrivate::logVictim(const Candidate &victim, const QString &choice,
+                                         bool onlySubprocess) const
 {
     const bool isKnown = oomController.readMemoryLevel() != MemoryLevel::Unknown;
     const MemoryReading &memory =
@@ -143,8 +153,8 @@ void RuntimeControllerPrivate::logVictim(const Candidate &victim, VictimRule rul
     QString reason;
     QDebug(&reason).nospace() << "memory is " << memoryLevelName(memory.level) << ", " << memory.availableKb
                               << " kB of " << memory.totalKb << " kB available; oom_score_adj "
-                              << victim.oomScoreAdj << ", oom_score " << victim.oomScore << ", chosen by "
-                              << victimRuleName(rule);
+                              << victim.oomScoreAdj << ", oom_score " << victim.oomScore << ", "
+                              << qUtf8Printable(choice);
     qWarning().nospace() << "Early OOM: killing " << process->id() << ", pid "
                          << (onlySubprocess ? victim.killPid : process->pid())
                          << (onlySubprocess ? " (one process of it)" : " (all of it)") << ": "

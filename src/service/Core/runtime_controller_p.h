@@ -57,7 +57,7 @@ public:
     void runOomKiller();
     QVector<Candidate> oomCandidates() const;
     void killSubprocess(const Candidate &victim);
-    void logVictim(const Candidate &victim, VictimRule rule, bool onlySubprocess) const;
+    void logVictim(const Candidate &victim, const QString &choice, bool onlySubprocess) const;
     void letClientRun(const QString &appId, UnfreezeReason reason);
 
     RuntimeController *const q;

@@ -152,7 +152,7 @@ void tst_Candidate::alikeInAllThatCountsHasNoOrder()
 
 void tst_Candidate::rulesHaveNames()
 {
-    QCOMPARE(Core::victimRuleName(VictimRule::None), "none");
+    QCOMPARE(Core::victimRuleName(VictimRule::None), "equal to the next");
     QCOMPARE(Core::victimRuleName(VictimRule::ScoreAdjustment), "oom_score_adj");
     QCOMPARE(Core::victimRuleName(VictimRule::TaskFirst), "task before application");
     QCOMPARE(Core::victimRuleName(VictimRule::LeastRecentlyActive), "least recently active");

@@ -140,7 +140,7 @@ void tst_EarlyOom::criticalLevelKillsOneAtOnce()
     QCOMPARE(log.warnings().filter(QStringLiteral("Early OOM")),
              QStringList(
                  QStringLiteral("Early OOM: killing \"%1\", pid %2 (all of it): memory is Critical, 51200 kB "
-                                "of 4000000 kB available; oom_score_adj 0, oom_score 0, chosen by none")
+                                "of 4000000 kB available; oom_score_adj 0, oom_score 0, the only candidate")
                      .arg(one)
                      .arg(pid)));
 }
