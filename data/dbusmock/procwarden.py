@@ -40,6 +40,7 @@ NORMAL, LOW, CRITICAL = 0, 100, 200
 SIGTERM, SIGKILL = 15, 9
 FIRST_PID = 100001 # no process of most machines, lest somebody signals it
 MAXIMUM_TASKS = 5
+ENDS_IN_STATUS = 5
 SHORT_TASK = 60 # seconds that a periodic or scheduled task may run at most
 SHORTEST_INTERVAL = 15 * 60
 
@@ -411,15 +412,18 @@ def get_status(_object, app_id):
     may_ask(app_id)
     status = {"Installed": world.is_installed(application_of(str(app_id))), "Running": describe_running(str(app_id)),
               "Launching": False, "Blocked": False}
-    ends = [end for end in world.ends if end["Id"] == app_id]
+    ends = ends_of(str(app_id))
+    status["History"] = dbus.Array(ends[:ENDS_IN_STATUS], signature="a{sv}")
     return variants({**status, "LastEnd": ends[0]} if ends else status)
+
+
+def ends_of(asked):
+    return [end for end in world.ends if asked in ("", end["Id"], application_of(end["Id"]))]
 
 
 def get_history(_object, app_id, limit):
     may_ask(app_id, allowed_empty=True)
-    asked = str(app_id) or world.application
-    ends = [end for end in world.ends if asked in ("", end["Id"], application_of(end["Id"]))]
-    return dbus.Array(ends[:limit or None], signature="a{sv}")
+    return dbus.Array(ends_of(str(app_id) or world.application)[:limit or None], signature="a{sv}")
 
 
 def get_memory(_object):

@@ -8,8 +8,6 @@ namespace Ctl {
 
 namespace {
 
-constexpr uint shownEnds = 5; // by status; the command history has all
-
 QString agoText(qint64 since)
 {
     return durationText(std::max<qint64>(QDateTime::currentMSecsSinceEpoch() - since, 0));
@@ -157,8 +155,7 @@ void addProcess(Sheet &sheet, const Output &output, const QVariantMap &process)
     sheet.add(QStringLiteral("Groups"), groupsOf(process));
 }
 
-QString statusText(const Output &output, const QString &id, const QVariantMap &status,
-                   const QVariantList &history)
+QString statusText(const Output &output, const QString &id, const QVariantMap &status)
 {
     const QVariantList running = status.value(QStringLiteral("Running")).toList();
     const bool isBlocked = status.value(QStringLiteral("Blocked")).toBool();
@@ -181,6 +178,7 @@ QString statusText(const Output &output, const QString &id, const QVariantMap &s
         sheet.add(QStringLiteral("Last launch"), launchText(launch));
     }
     QStringList ends;
+    const QVariantList history = status.value(QStringLiteral("History")).toList();
     for (const QVariant &entry : history) {
         const QVariantMap end = entry.toMap();
         const Style style = decisionStyle(end.value(QStringLiteral("Decision")).toString());
@@ -236,15 +234,9 @@ int statusCommand(Session &session)
     if (reply.failed()) {
         return session.fail(reply);
     }
-    QVariantMap status = reply.value().toMap();
-    const Reply ends =
-        session.bus.ask(QStringLiteral("Introspect1"), QStringLiteral("GetHistory"), { id, shownEnds });
-    if (ends.failed()) {
-        return session.fail(ends);
-    }
-    const QVariantList history = ends.value().toList();
-    status.insert(QStringLiteral("History"), history);
-    session.output.record(status, statusText(session.output, id, status, history));
+    // All in one answer: what runs in it has not ended in it.
+    const QVariantMap status = reply.value().toMap();
+    session.output.record(status, statusText(session.output, id, status));
     if (isUnknown(status)) {
         Output::error(QStringLiteral("Nothing is known of %1").arg(id));
         return NoSuchId;

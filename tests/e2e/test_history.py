@@ -196,6 +196,23 @@ def test_early_oom_tells_figures_and_rule(own_memory):
                         rf"chosen by {found[0]['Rule']}; signal 9 \(SIGKILL\)", end["Detail"]), end["Detail"]
 
 
+def test_only_candidate_is_told_to_be_that(own_memory):
+    own_memory.memory.configure(often=False, CheckIntervalMsec=50)
+    own_memory.install_sample(sandbox=UNSANDBOXED)
+    own_memory.start()
+    own_memory.control.start(SAMPLE)
+    own_memory.sample(SAMPLE)
+    ctl.run_json_of_all(own_memory)
+    own_memory.memory.set_level("critical")
+    # What has ended does not run, at any moment.
+    def ended():
+        status = own_memory.control.call("Introspect1", "GetStatus", "s", SAMPLE)
+        assert {end["Pid"] for end in status["History"]}.isdisjoint(found["Pid"] for found in status["Running"])
+        return status["History"]
+    (end,) = until(ended, "its end")
+    assert re.search(r", oom_score \d+, the only candidate; signal 9 \(SIGKILL\)$", end["Detail"]), end["Detail"]
+
+
 # --- who may ask ---
 
 

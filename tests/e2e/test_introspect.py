@@ -83,7 +83,7 @@ def test_name_of_an_instance_is_seen(sample):
 
 def test_unknown_application(sample):
     assert ask(sample, "GetStatus", "s", "org.example.Gone") == {
-        "Installed": False, "Running": [], "Launching": False, "Blocked": False}
+        "Installed": False, "Running": [], "Launching": False, "Blocked": False, "History": []}
 
 
 def end_of(stack, app_id=SAMPLE):

@@ -27,6 +27,7 @@ namespace {
 
 const QString kindApplication = QStringLiteral("application");
 const QString kindTask = QStringLiteral("task");
+constexpr int endsInStatus = 5;
 
 QString applicationOf(const QString &id)
 {
@@ -213,9 +214,10 @@ QVariantMap Introspect::GetStatus(const QString &id)
         { QStringLiteral("Blocked"), controller->isBlocked(application) },
     };
     insertLaunch(status, Chronicle::instance()->lastLaunch(application.text()));
-    const auto endings = Chronicle::instance()->endings(id, 1);
-    if (!endings.isEmpty()) {
-        status.insert(QStringLiteral("LastEnd"), toMap(endings.first()));
+    const QList<QVariantMap> ends = toMaps(Chronicle::instance()->endings(id, endsInStatus));
+    status.insert(QStringLiteral("History"), QVariant::fromValue(ends));
+    if (!ends.isEmpty()) {
+        status.insert(QStringLiteral("LastEnd"), ends.first());
     }
     return status;
 }

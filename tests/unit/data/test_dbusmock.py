@@ -363,7 +363,7 @@ def test_application_learns_of_itself_only(mock):
     (found,) = mock.call("Introspect1", "ListRunning")
     assert (found["Kind"], found["State"], found["ActiveWindows"]) == ("application", LAUNCHED, 0)
     assert mock.call("Introspect1", "GetStatus", "s", APP) == {
-        "Installed": True, "Running": [found], "Launching": False, "Blocked": False}
+        "Installed": True, "Running": [found], "Launching": False, "Blocked": False, "History": []}
     assert sorted(mock.call("Introspect1", "Explain", "s", APP)) == [
         "Arguments", "Checks", "Counts", "Environment", "Program"]
     for member, arguments in (("GetStatus", ("s", OTHER)), ("GetHistory", ("su", OTHER, 0)), ("Explain", ("s", OTHER))):
