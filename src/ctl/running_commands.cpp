@@ -119,7 +119,7 @@ QString launchText(const QVariantMap &launch)
         text += QLatin1Char('\n') + parts.join(QStringLiteral(", "));
     }
     if (launch.contains(QStringLiteral("FailedAt"))) {
-        text += QStringLiteral("\nfailed after %1: %2")
+        text += QStringLiteral("\nfailed at %1: %2")
                     .arg(printable(launch.value(QStringLiteral("FailedAt")).toString()),
                          printable(launch.value(QStringLiteral("Error")).toString()));
     }

@@ -1,8 +1,10 @@
 """What decided each end: one case for each way to end, as GetHistory and procwardenctl tell it."""
 
+import contextlib
 import os
 import re
 import signal
+import subprocess
 
 import dbus
 import pytest
@@ -10,7 +12,7 @@ import pytest
 import ctl
 import tasker
 from stack.client import BusError
-from stack.permission_daemon import allowed, error
+from stack.permission_daemon import allowed, error, granted, held
 from stack.waiting import until
 
 SAMPLE = "org.example.Sample"
@@ -86,26 +88,128 @@ def test_last_window_is_told(sample):
 # --- launches that fail ---
 
 
-@pytest.mark.parametrize("rule, options, step, text", [
-    ({"may_start": allowed(False)}, {}, "Spawned|Grouped", "Application not allowed by sailjaild"),
-    ({"prompt": error("the user said no")}, {}, "Prompted|Spawned|Grouped", "the user said no"),
-    ({}, {"exec_line": "/nonexistent/program"}, "Granted|Spawned|Grouped", ".*"),
+TIMES = {"Asked", "Allowed", "Prompted", "Granted", "Spawned", "Grouped", "Released"}
+
+
+def failed_launch(stack, step, text, app_id=SAMPLE):
+    """The end of the one start, which has failed at this step; returns the other steps, those that it has passed."""
+    end = end_of(stack, app_id)
+    assert (end["Decision"], "Pid" in end, end["ExitStatus"]) == ("launch-failed", False, 0)
+    assert end["Detail"] == f'at "{step}": {text}'
+    launch = end["Launch"]
+    assert launch == stack.control.call("Introspect1", "GetStatus", "s", app_id)["Launch"]
+    assert (launch.pop("FailedAt"), launch.pop("Error")) == (step, text)
+    out = ctl.run(stack, "status", app_id).out
+    assert f"failed at {step}: {text}" in out and f'launch-failed: at "{step}": {text}' in out
+    assert step not in launch or step == "Asked"
+    assert set(launch) <= TIMES
+    return set(launch)
+
+
+def refuse_start(stack, app_id=SAMPLE):
+    with pytest.raises(BusError):
+        stack.control.start(app_id)
+
+
+@contextlib.contextmanager
+def no_new_groups(stack):
+    """The service may not make groups meanwhile."""
+    directory = os.path.dirname(os.path.dirname(stack.group("freezer", SAMPLE)))
+    os.chown(directory, 0, 0)
+    yield
+    os.chown(directory, stack.user.uid, stack.user.gid)
+
+
+@contextlib.contextmanager
+def no_new_processes(stack):
+    """The service may not make any meanwhile."""
+    def allow(number):
+        subprocess.run(["/usr/bin/setpriv", f"--reuid={stack.user.uid}", f"--regid={stack.user.gid}", "--clear-groups",
+                        "--", "/usr/bin/prlimit", f"--pid={stack.service.pid}", f"--nproc={number}:"], check=True)
+    with open(f"/proc/{stack.service.pid}/limits") as file:
+        limit = re.search(r"Max processes +(\w+)", file.read())[1]
+    allow(0)
+    yield
+    allow(limit)
+
+
+def test_unknown_application_fails_when_asked(service):
+    gone = "org.example.Gone"
+    refuse_start(service, gone)
+    assert failed_launch(service, "Asked", f"Cannot find application {gone}", gone) == {"Asked"}
+
+
+@pytest.mark.parametrize("rule, options, step, text, passed", [
+    ({"may_start": allowed(False)}, {}, "Allowed", "Application not allowed by sailjaild", {"Prompted"}),
+    ({"prompt": error("the user said no")}, {}, "Granted", "the user said no", {"Allowed", "Prompted"}),
+    ({}, {"exec_line": "/nonexistent/program"}, "Prepared", "/nonexistent/program is not executable",
+     {"Allowed", "Prompted", "Granted"}),
 ])
-def test_failed_launch_tells_its_step(service, rule, options, step, text):
+def test_failed_launch_tells_its_step(service, rule, options, step, text, passed):
     service.install_sample(SAMPLE, **options)
     service.control.reload()
     if rule:
         service.permission_daemon.set_rule(SAMPLE, **rule)
+    refuse_start(service)
+    # The daemon answers while the process is being made.
+    assert failed_launch(service, step, text) - {"Spawned", "Grouped"} == {"Asked"} | passed
+
+
+def test_launch_without_a_command_is_not_prepared(service):
+    service.install_sample(SAMPLE, main={"X-Maemo-Service": "org.example.legacy"})
+    service.control.reload()
+    refuse_start(service)
+    assert failed_launch(service, "Prepared", f"Error launching {SAMPLE}") == {"Asked"}
+
+
+def test_launch_without_a_process_is_not_spawned(sample):
+    with no_new_processes(sample):
+        refuse_start(sample)
+    assert failed_launch(sample, "Spawned", f"Error launching {SAMPLE}") == {"Asked"}
+
+
+def test_launch_without_groups_is_not_grouped(sample):
+    with no_new_groups(sample):
+        refuse_start(sample)
+    assert failed_launch(sample, "Grouped", "Cannot setup child process") - {"Allowed"} == {"Asked", "Spawned"}
+
+
+def children_of(pid):
+    with open(f"/proc/{pid}/task/{pid}/children") as file:
+        return [int(child) for child in file.read().split()]
+
+
+def test_launch_whose_process_is_gone_is_not_released(service):
+    service.permission_daemon.set_rule(SAMPLE, prompt=held())
+    start = service.control.start_later(SAMPLE)
+    service.permission_daemon.wait_for_held("PromptLaunchPermissions", SAMPLE)
+    until(lambda: "Grouped" in service.control.call("Introspect1", "GetStatus", "s", SAMPLE)["Launch"], "its groups")
+    (child,) = children_of(service.service.pid)
+    os.kill(child, signal.SIGKILL)
+    until(lambda: not os.path.exists(f"/proc/{child}/exe"), "its end")
+    service.permission_daemon.release("PromptLaunchPermissions", SAMPLE, granted())
     with pytest.raises(BusError):
-        service.control.start(SAMPLE)
-    end = end_of(service)
-    assert (end["Decision"], "Pid" in end, end["ExitStatus"]) == ("launch-failed", False, 0)
-    assert re.fullmatch(rf'after "({step})": {text}', end["Detail"]), end["Detail"]
-    launch = end["Launch"]
-    assert launch == service.control.call("Introspect1", "GetStatus", "s", SAMPLE)["Launch"]
-    assert f'after "{launch["FailedAt"]}": {launch["Error"]}' == end["Detail"]
-    out = ctl.run(service, "status", SAMPLE).out
-    assert f"failed after {launch['FailedAt']}: " in out and "launch-failed: after " in out
+        start.result()
+    assert failed_launch(service, "Released", "exec() call failed") == TIMES - {"Released"}
+
+
+def test_refused_start_is_no_launch(sample):
+    sample.control.start(SAMPLE)
+    refuse_start(sample)
+    sample.system_control.prevent_launch(OTHER)
+    refuse_start(sample, OTHER)
+    assert history(sample) == []
+
+
+def test_long_texts_are_cut(service):
+    """All of it would be a gigabyte, and more than a reply may have."""
+    name = "x" * 1_000_000
+    for number in range(3):
+        refuse_start(service, f"org.example.{name}{number}")
+    found = history(service)
+    assert [(len(end["Id"]), len(end["Launch"]["Error"]), len(end["Detail"]) <= 1024) for end in found] == [
+        (512, 1000, True)] * 3
+    assert all(end["Id"].endswith("x\u2026") for end in found)
 
 
 def test_each_end_has_its_launch(sample):
@@ -146,7 +250,12 @@ def test_tasks_that_are_ended(stack):
     tasker.start(stack, "work", RunningTime=1)
     end = end_of(stack, work)
     assert (end["Id"], end["Kind"], end["Decision"]) == (work, "task", "time-limit")
-    assert "Launch" not in end and end["Started"] < end["Ended"]
+    assert end["Started"] < end["Ended"]
+    launch = end["Launch"]
+    assert set(launch) == {"Asked", "Spawned", "Grouped", "Released"} and launch["Asked"] <= end["Started"]
+    assert 0 <= launch["Spawned"] <= launch["Grouped"] <= launch["Released"]
+    status = stack.control.call("Introspect1", "GetStatus", "s", work)
+    assert (status["Launch"], status["LastEnd"]) == (launch, end)
     tasker.start(stack, "often")
     tasker.wait_running(stack, "often")
     tasker.stop(stack, "often")
@@ -168,6 +277,34 @@ def test_task_that_its_application_stops(stack):
     application.stop()
     end = end_of(stack, tasker.task_id("work"))
     assert (end["Decision"], end["RequestorId"]) == ("stopped", SAMPLE)
+
+
+def test_running_task_tells_its_launch(stack):
+    tasker.install(stack)
+    stack.start()
+    tasker.start(stack)
+    tasker.wait_running(stack)
+    (running,) = stack.control.call("Introspect1", "ListRunning")
+    assert set(running["Launch"]) == {"Asked", "Spawned", "Grouped", "Released"}
+    assert re.search(r"Last launch: asked for .*\n +spawned \d+ ms, in its groups \d+ ms, released \d+ ms\n",
+                     ctl.run(stack, "status", tasker.task_id("work")).out)
+
+
+@pytest.mark.parametrize("prevent, line, step, text, passed", [
+    (None, "/nonexistent/program", "Prepared", "/nonexistent/program is not executable", set()),
+    (no_new_processes, None, "Spawned", "Failed to start child process", set()),
+    (no_new_groups, None, "Grouped", "Failed to setup child process", {"Spawned"}),
+], ids=["prepared", "spawned", "grouped"])
+def test_failed_task_tells_its_step(stack, prevent, line, step, text, passed):
+    tasker.install(stack, work=tasker.task(stack, line=line))
+    stack.start()
+    with prevent(stack) if prevent else contextlib.nullcontext():
+        tasker.start(stack) # nobody is told: the task waits for its conditions again
+    work = tasker.task_id("work")
+    assert failed_launch(stack, step, text, work) == {"Asked"} | passed
+    (end,) = history(stack, SAMPLE) # among those of its application
+    assert (end["Id"], end["Kind"]) == (work, "task")
+    ctl.golden(f"history_task_not_{step.lower()}", ctl.normal(ctl.run(stack, "history").out))
 
 
 # --- memory ---

@@ -135,7 +135,7 @@ def test_failed_launch(sample):
     assert (end["Decision"], "Pid" in end) == ("launch-failed", False)
     assert end["Detail"].endswith(": the user said no")
     launch = ask(sample, "GetStatus", "s", SAMPLE)["Launch"]
-    assert launch["Error"] == "the user said no" and launch["FailedAt"] in ("Prompted", "Spawned", "Grouped")
+    assert (launch["Error"], launch["FailedAt"]) == ("the user said no", "Granted")
 
 
 def test_history_is_the_latest_first_and_limited(sample):

@@ -1,11 +1,11 @@
 #include "Core/chronicle.h"
 
+#include "Core/application_task_id.h"
 #include "Core/dbus_name_watcher.h"
 #include "Core/error.h"
 #include "Core/process_id.h"
 #include "Core/runtime_controller.h"
 
-#include <QElapsedTimer>
 #include <QHash>
 
 #include <cstring>
@@ -17,23 +17,8 @@ namespace Core {
 
 namespace {
 
-constexpr int maximumLaunches = 500; // of different applications, after which the oldest is forgotten
-
-/// A launch, under way or over.
-struct Launch
-{
-    LaunchAccount account;
-    bool hasStarted = false; ///< something runs of it, or has
-    QElapsedTimer clock; ///< since it was asked for; the time of day may be set meanwhile
-
-    void pass(LaunchStep step)
-    {
-        // Answers may come when a launch has failed already.
-        if (account.failedAt.isEmpty() && !account.stepsMs.contains(step)) {
-            account.stepsMs.insert(step, static_cast<qint32>(clock.elapsed()));
-        }
-    }
-};
+constexpr int maximumLaunches =
+    500; // of different applications and tasks, after which the oldest is forgotten
 
 /// What runs now.
 struct Running
@@ -41,7 +26,7 @@ struct Running
     bool isTask = false;
     QDateTime since;
     std::shared_ptr<QObject> guard; ///< of the wait for its name
-    std::shared_ptr<Launch> launch; ///< of an application; null if that was not seen
+    std::shared_ptr<Launch> launch; ///< null if that was not seen
 };
 
 /// What is about to end something.
@@ -56,6 +41,16 @@ struct Verdict
 QString applicationOf(const QString &id)
 {
     return ProcessId(id).toString();
+}
+
+/// @p text, or as much of it as is kept.
+QString bounded(const QString &text, int maximumLength)
+{
+    if (text.size() <= maximumLength) {
+        return text;
+    }
+    const int end = maximumLength - 1;
+    return text.left(text.at(end - 1).isHighSurrogate() ? end - 1 : end) + QChar(0x2026); // an ellipsis
 }
 
 QString exitText(int exitStatus)
@@ -77,29 +72,6 @@ Verdict ownVerdict(int exitStatus)
 }
 
 } // namespace
-
-QString launchStepName(LaunchStep step)
-{
-    switch (step) {
-    case LaunchStep::Allowed:
-        return QStringLiteral("Allowed");
-    case LaunchStep::Prompted:
-        return QStringLiteral("Prompted");
-    case LaunchStep::Granted:
-        return QStringLiteral("Granted");
-    case LaunchStep::Spawned:
-        return QStringLiteral("Spawned");
-    case LaunchStep::Grouped:
-        return QStringLiteral("Grouped");
-    case LaunchStep::Released:
-        return QStringLiteral("Released");
-    case LaunchStep::NameSeen:
-        return QStringLiteral("NameSeen");
-    case LaunchStep::FirstWindow:
-        return QStringLiteral("FirstWindow");
-    }
-    return QString();
-}
 
 QString decisionName(Decision decision)
 {
@@ -132,11 +104,13 @@ public:
     void onStarted(const QString &id, bool isTask, DBusNameWatcher *names);
     void onTerminated(const QString &id, pid_t pid, int exitStatus, StopReason reason);
 
-    QHash<QString, std::shared_ptr<Launch>> launches; ///< application id -> its last one; see maximumLaunches
+    QHash<QString, std::shared_ptr<Launch>>
+        launches; ///< application or full task id -> its last one; see maximumLaunches
     QStringList launchOrder; ///< its keys, the oldest first
     QHash<QString, Running> running; ///< instance or full task id; removed at the end
     QHash<QString, Verdict> verdicts; ///< the same keys; removed at the end
     QList<Ending> endings; ///< the latest first
+    std::shared_ptr<Launch> underWay; ///< that was told of last; may be over
 };
 
 /// What an instance does belongs to the launch that it came from, which need not be the last one.
@@ -151,6 +125,7 @@ void ChroniclePrivate::passOf(const QString &id, LaunchStep step)
 void ChroniclePrivate::remember(const Ending &ending)
 {
     endings.prepend(ending);
+    endings.first().detail = bounded(ending.detail, Chronicle::maximumDetailLength);
     while (endings.size() > Chronicle::maximumEndings) {
         endings.removeLast();
     }
@@ -159,10 +134,10 @@ void ChroniclePrivate::remember(const Ending &ending)
 void ChroniclePrivate::onStarted(const QString &id, bool isTask, DBusNameWatcher *names)
 {
     Running entry { isTask, QDateTime::currentDateTimeUtc(), std::make_shared<QObject>(), nullptr };
-    const std::shared_ptr<Launch> launch = isTask ? nullptr : launches.value(applicationOf(id));
-    if (launch && !launch->hasStarted) {
-        launch->hasStarted = true;
-        entry.launch = launch;
+    const QString launchedId = isTask ? id : applicationOf(id);
+    if (underWay && underWay->id == launchedId && !underWay->hasStarted) {
+        underWay->hasStarted = true;
+        entry.launch = underWay;
     }
     running.insert(id, entry);
     verdicts.remove(id);
@@ -232,43 +207,43 @@ void Chronicle::follow(RuntimeController *controller, DBusNameWatcher *names)
             });
 }
 
-void Chronicle::launchAsked(const QString &appId)
+std::shared_ptr<Launch> Chronicle::launchAsked(const QString &id)
 {
-    d->launchOrder.removeOne(appId);
-    d->launchOrder.append(appId);
+    // Anything may be asked for, also what cannot be anybody's.
+    const auto launch = std::make_shared<Launch>(bounded(id, maximumIdLength));
+    d->launchOrder.removeOne(launch->id);
+    d->launchOrder.append(launch->id);
     while (d->launchOrder.size() > maximumLaunches) {
         d->launches.remove(d->launchOrder.takeFirst());
     }
-    const auto launch = std::make_shared<Launch>();
-    launch->account.asked = QDateTime::currentDateTimeUtc();
-    launch->clock.start();
-    d->launches.insert(appId, launch);
+    d->launches.insert(launch->id, launch);
+    d->underWay = launch;
+    return launch;
 }
 
-void Chronicle::launchStep(const QString &appId, LaunchStep step)
+void Chronicle::launchGoesOn(const std::shared_ptr<Launch> &launch)
 {
-    if (const std::shared_ptr<Launch> launch = d->launches.value(appId)) {
-        launch->pass(step);
-    }
+    d->underWay = launch;
 }
 
-void Chronicle::launchFailed(const QString &appId, const Error &error)
+std::shared_ptr<Launch> Chronicle::launchUnderWay(const QString &id) const
 {
-    const std::shared_ptr<Launch> launch = d->launches.value(appId);
-    if (!launch) {
-        return;
-    }
+    return d->underWay && d->underWay->id == id ? d->underWay : nullptr;
+}
+
+void Chronicle::launchFailed(const std::shared_ptr<Launch> &launch, const Error &error)
+{
+    launch->fail(LaunchStep::Asked);
     LaunchAccount &account = launch->account;
-    account.failedAt =
-        account.stepsMs.isEmpty() ? QStringLiteral("Asked") : launchStepName(account.stepsMs.lastKey());
-    account.error = error.message();
+    account.error = bounded(error.message(), maximumErrorLength);
 
     Ending ending;
-    ending.id = appId;
+    ending.id = launch->id;
+    ending.isTask = ApplicationTaskId(launch->id).isValid();
     ending.started = account.asked;
     ending.ended = QDateTime::currentDateTimeUtc();
     ending.decision = Decision::LaunchFailed;
-    ending.detail = QStringLiteral("after \"%1\": %2").arg(account.failedAt, account.error);
+    ending.detail = QStringLiteral("at \"%1\": %2").arg(account.failedAt, account.error);
     ending.launch = account;
     d->remember(ending);
 }
@@ -294,9 +269,9 @@ void Chronicle::requestedBy(const QString &id, const QString &requestor)
     }
 }
 
-LaunchAccount Chronicle::lastLaunch(const QString &appId) const
+LaunchAccount Chronicle::lastLaunch(const QString &id) const
 {
-    const std::shared_ptr<Launch> launch = d->launches.value(appId);
+    const std::shared_ptr<Launch> launch = d->launches.value(id);
     return launch ? launch->account : LaunchAccount();
 }
 

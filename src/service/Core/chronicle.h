@@ -1,10 +1,10 @@
 #pragma once
 
 #include "Core/application_state.h"
+#include "Core/launch_account.h"
 
 #include <QDateTime>
 #include <QList>
-#include <QMap>
 #include <QObject>
 #include <QString>
 
@@ -18,30 +18,6 @@ class ChroniclePrivate;
 class DBusNameWatcher;
 class Error;
 class RuntimeController;
-
-/// What a launch passes on its way, roughly in this order.
-enum class LaunchStep {
-    Allowed, ///< the permission daemon lets it start
-    Prompted, ///< the user is being asked for permissions
-    Granted,
-    Spawned, ///< the child exists, blocked
-    Grouped, ///< it is in its control groups
-    Released, ///< it runs its program
-    NameSeen, ///< the instance's name has an owner on the bus
-    FirstWindow,
-};
-
-/// The step's name, for example "Spawned".
-[[nodiscard]] QString launchStepName(LaunchStep step);
-
-/// A launch of an application.
-struct LaunchAccount
-{
-    QDateTime asked; ///< null: there was none
-    QMap<LaunchStep, qint32> stepsMs; ///< those passed so far, in milliseconds after it was asked for
-    QString failedAt; ///< name of the last step of a failed launch; "Asked" if it passed none
-    QString error; ///< of a failed launch
-};
 
 /// Why something ended.
 enum class Decision {
@@ -61,7 +37,7 @@ enum class Decision {
 /// An end of an application or a task.
 struct Ending
 {
-    QString id; ///< instance id or full task id; of a failed launch, the application's
+    QString id; ///< instance id or full task id; of an application's failed launch, the application's
     bool isTask = false;
     pid_t pid = -1; ///< -1: there was no process
     QDateTime started;
@@ -71,18 +47,22 @@ struct Ending
     Decision decision = Decision::Exited;
     QString detail; ///< in words
     QString requestor; ///< id of the one of the service's own who asked for it; empty: nobody of these
-    LaunchAccount launch; ///< of an application: how it came to run, or failed to
+    LaunchAccount launch; ///< how it came to run, or failed to
 };
 
 /// Keeps account of launches, and of the last ends and what decided them, for those who want to know why.
 ///
-/// Kept in memory only; nothing in the service depends on it. Main thread only.
+/// Kept in memory only, and little of it however long the texts are that it is told; nothing in the service
+/// depends on it. Main thread only.
 class Chronicle : public QObject
 {
     Q_OBJECT
 
 public:
     static constexpr int maximumEndings = 200;
+    static constexpr int maximumIdLength = 512; ///< what is longer is cut; no process has such an id
+    static constexpr int maximumErrorLength = 1000; ///< and of what is longer the beginning is kept
+    static constexpr int maximumDetailLength = 1024; ///< an error, and at which step
 
     /// Follows the runtime controller; made at first use, never destroyed.
     static Chronicle *instance();
@@ -95,9 +75,16 @@ public:
 
     // Told by who does it
 
-    void launchAsked(const QString &appId);
-    void launchStep(const QString &appId, LaunchStep step);
-    void launchFailed(const QString &appId, const Error &error);
+    /// A launch of an application or a task begins.
+    std::shared_ptr<Launch> launchAsked(const QString &id);
+    /// What is done and started from now on belongs to @p launch, if it is of that application or task.
+    /// Others of the same one may be under way at the same time.
+    void launchGoesOn(const std::shared_ptr<Launch> &launch);
+    /// Who carries out a launch tells it how far it got. Null if none was asked for.
+    [[nodiscard]] std::shared_ptr<Launch> launchUnderWay(const QString &id) const;
+    /// @p launch has come to its end, at the step that it was told of; without one, before it began.
+    void launchFailed(const std::shared_ptr<Launch> &launch, const Error &error);
+
     /// Says what is about to end @p id, as soon as it is decided. The first decision stands, but for one that
     /// kills at once. Forgotten with the end.
     void decide(const QString &id, Decision decision, const QString &detail = QString());
@@ -106,9 +93,9 @@ public:
 
     // Told to who asks
 
-    /// The last launch of an application.
-    [[nodiscard]] LaunchAccount lastLaunch(const QString &appId) const;
-    /// The launch of what runs under @p id; a null time in it for a task, and if nothing runs.
+    /// The last launch of an application or a task.
+    [[nodiscard]] LaunchAccount lastLaunch(const QString &id) const;
+    /// The launch of what runs under @p id; a null time in it if nothing does.
     [[nodiscard]] LaunchAccount launchOf(const QString &id) const;
     /// When what runs under @p id was started; null if nothing does.
     [[nodiscard]] QDateTime runsSince(const QString &id) const;

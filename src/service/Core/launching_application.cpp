@@ -62,6 +62,7 @@ LaunchingApplication::LaunchingApplication(const LaunchRequest &request, CGroupC
     , cgroups(cgroupController)
     , desktopFile(ApplicationRegistry::instance()->desktopFile(request.appId))
     , packageName(QFileInfo(desktopFile).completeBaseName())
+    , m_launch(Chronicle::instance()->launchUnderWay(request.appId.toString()))
 {
 }
 
@@ -72,11 +73,13 @@ pid_t LaunchingApplication::start()
     checkAllowed();
     if (!prepare()) {
         qWarning() << "Error preparing launch for" << appId.toString();
+        markFailed(LaunchStep::Prepared);
         return -1;
     }
     const pid_t child = spawner.spawn(setupChild);
     if (child < 0) {
         qWarning() << "Failed to start child process";
+        markFailed(LaunchStep::Spawned);
         return -1;
     }
     passed(LaunchStep::Spawned);
@@ -94,10 +97,11 @@ void LaunchingApplication::setupAndExec()
         return;
     }
     ProcessSetup setup(&spawner);
-    if (!setup.sendOomScore(pid, oomScore) || !setup.sendJournalIdentifier(appId.toString())
-        || !setup.sendOutputFds(stdoutFile.handle(), stderrFile.handle()) || !setupCGroup()
-        || !setupEnvironment()) {
-        fail(Error(Error::Failed, QStringLiteral("Cannot setup child process")));
+    const bool isSetUp = setup.sendOomScore(pid, oomScore) && setup.sendJournalIdentifier(appId.toString())
+        && setup.sendOutputFds(stdoutFile.handle(), stderrFile.handle());
+    if (!isSetUp || !setupCGroup() || !setupEnvironment()) {
+        failAt(isSetUp ? LaunchStep::Grouped : LaunchStep::SetUp,
+               Error(Error::Failed, QStringLiteral("Cannot setup child process")));
         return;
     }
     stepDone();
@@ -122,7 +126,7 @@ void LaunchingApplication::promptPermissions(const std::function<void(const QStr
     sailjail.promptLaunchPermissions(packageName, onGranted, [this](const QString &message) {
         qWarning() << "Permissions request failed:" << message;
         qWarning() << "Perhaps the user has declined to grant permissions";
-        fail(Error(Error::AccessDenied, message));
+        failAt(LaunchStep::Granted, Error(Error::AccessDenied, message));
     });
 }
 
@@ -135,7 +139,7 @@ void LaunchingApplication::stepDone()
     // What is called back may end the launcher, and this object with it.
     const QPointer<LaunchingApplication> self(this);
     if (!exec()) {
-        fail(Error(Error::Failed, QStringLiteral("exec() call failed")));
+        failAt(LaunchStep::Released, Error(Error::Failed, QStringLiteral("exec() call failed")));
     } else if (const Callback report = std::exchange(callback, nullptr)) {
         report(instanceId, pid, Error());
     }
@@ -159,13 +163,20 @@ void LaunchingApplication::fail(const Error &error)
     }
 }
 
+void LaunchingApplication::failAt(LaunchStep step, const Error &error)
+{
+    markFailed(step);
+    fail(error);
+}
+
 void LaunchingApplication::checkAllowed()
 {
     ++pendingSteps;
     sailjail.getAllowed(packageName, [this](bool allowed) {
         if (!allowed) {
             qDebug() << "Application not allowed by sailjaild:" << packageName;
-            fail(Error(Error::AccessDenied, QStringLiteral("Application not allowed by sailjaild")));
+            failAt(LaunchStep::Allowed,
+                   Error(Error::AccessDenied, QStringLiteral("Application not allowed by sailjaild")));
             return;
         }
         passed(LaunchStep::Allowed);
@@ -175,7 +186,16 @@ void LaunchingApplication::checkAllowed()
 
 void LaunchingApplication::passed(LaunchStep step) const
 {
-    Chronicle::instance()->launchStep(appId.toString(), step);
+    if (m_launch) {
+        m_launch->pass(step);
+    }
+}
+
+void LaunchingApplication::markFailed(LaunchStep step) const
+{
+    if (m_launch) {
+        m_launch->fail(step);
+    }
 }
 
 bool LaunchingApplication::setupCGroup()

@@ -14,6 +14,7 @@
 #include <QVariantMap>
 
 #include <functional>
+#include <memory>
 
 #include <sys/types.h>
 
@@ -23,6 +24,7 @@ enum class LaunchStep;
 
 class CGroupController;
 class Error;
+class Launch;
 class MaemoDBusInvoker;
 class Timeout;
 
@@ -106,6 +108,8 @@ protected:
     /// Reports @p error to the callback unless it is no error: then the launch was reported as a
     /// success before.
     void fail(const Error &error);
+    /// As fail(), and tells the history which step it was.
+    void failAt(LaunchStep step, const Error &error);
 
     const ApplicationId appId;
     const ApplicationLaunchData launchData;
@@ -130,6 +134,7 @@ protected:
 private:
     void checkAllowed();
     void passed(LaunchStep step) const;
+    void markFailed(LaunchStep step) const;
     bool setupCGroup();
     bool setupEnvironment();
     bool exec();
@@ -139,6 +144,7 @@ private:
     void invokeMaemoMethod(Timeout *timeout);
     void onMaemoServiceTimeout();
 
+    const std::shared_ptr<Launch> m_launch; ///< what the history knows of it; null if it was not asked for
     int m_activationLimitMs = defaultActivationLimitMs;
 };
 

@@ -13,6 +13,7 @@
 
 #include "Core/application_registry.h"
 #include "Core/child_ipc.h"
+#include "Core/chronicle.h"
 #include "Core/firejail.h"
 #include "Core/process_setup.h"
 #include "Core/runtime_tracker.h"
@@ -45,11 +46,6 @@ QByteArrayList toUtf8(const QStringList &texts)
         bytes << text.toUtf8();
     }
     return bytes;
-}
-
-Error spawnFailed(const QString &message)
-{
-    return Error(Error::SpawnFailed, message);
 }
 
 // Runs in the child: nothing here may allocate.
@@ -103,6 +99,7 @@ LaunchingTask::LaunchingTask(CGroupController *controller, const ApplicationTask
     , m_oomScore(weight)
     , m_niceLevel(priority)
     , m_runningTimeLimit(cpuLimit)
+    , m_launch(Chronicle::instance()->launchUnderWay(taskId.text()))
 {
 }
 
@@ -124,7 +121,7 @@ Error LaunchingTask::start()
 
     if (m_createIpcSocket) {
         if (!createClientSocket()) {
-            return spawnFailed(QStringLiteral("Failed to create client IPC socket"));
+            return failedAt(LaunchStep::Prepared, QStringLiteral("Failed to create client IPC socket"));
         }
         firejail.setKeepFds({ m_socket });
     }
@@ -135,25 +132,49 @@ Error LaunchingTask::start()
     }
     const auto [arguments, error] = firejail.computeArgv(m_command, m_permissions);
     if (error) {
-        return error;
+        return failedAt(LaunchStep::Prepared, error);
     }
     m_spawner.setArguments(arguments);
     const pid_t child = m_spawner.spawn(setupChild);
     if (child < 0) {
-        return spawnFailed(QStringLiteral("Failed to start child process"));
+        return failedAt(LaunchStep::Spawned, QStringLiteral("Failed to start child process"));
     }
     m_pid = child;
+    passed(LaunchStep::Spawned);
 
     ProcessSetup setup(&m_spawner);
-    if (!setup.sendOomScore(m_pid, m_oomScore) || !setup.sendNiceLevel(m_niceLevel)
-        || !setup.sendMaxRunningTime(m_runningTimeLimit) || !setup.sendJournalIdentifier(m_taskId.toString())
-        || !setupCGroup() || !setupEnvironment()) {
-        return spawnFailed(QStringLiteral("Failed to setup child process"));
+    const bool isSetUp = setup.sendOomScore(m_pid, m_oomScore) && setup.sendNiceLevel(m_niceLevel)
+        && setup.sendMaxRunningTime(m_runningTimeLimit) && setup.sendJournalIdentifier(m_taskId.toString());
+    if (!isSetUp || !setupCGroup() || !setupEnvironment()) {
+        return failedAt(isSetUp ? LaunchStep::Grouped : LaunchStep::SetUp,
+                        QStringLiteral("Failed to setup child process"));
     }
     if (!m_spawner.exec()) {
-        return spawnFailed(QStringLiteral("Failed to execute child process"));
+        return failedAt(LaunchStep::Released, QStringLiteral("Failed to execute child process"));
     }
+    passed(LaunchStep::Released);
     return Error();
+}
+
+void LaunchingTask::passed(LaunchStep step) const
+{
+    if (m_launch) {
+        m_launch->pass(step);
+    }
+}
+
+/// Tells the history which step it was. @returns @p error
+Error LaunchingTask::failedAt(LaunchStep step, const Error &error) const
+{
+    if (m_launch) {
+        m_launch->fail(step);
+    }
+    return error;
+}
+
+Error LaunchingTask::failedAt(LaunchStep step, const QString &message) const
+{
+    return failedAt(step, Error(Error::SpawnFailed, message));
 }
 
 bool LaunchingTask::createClientSocket()
@@ -196,6 +217,7 @@ bool LaunchingTask::setupCGroup()
         qWarning() << "Could not setup cgroup";
         return false;
     }
+    passed(LaunchStep::Grouped);
     return true;
 }
 

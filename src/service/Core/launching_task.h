@@ -9,11 +9,16 @@
 #include <QObject>
 #include <QStringList>
 
+#include <memory>
 #include <tuple>
 
 #include <sys/types.h>
 
 namespace Core {
+
+enum class LaunchStep;
+
+class Launch;
 
 /// One start of one task's process, in one go and always in the sandbox.
 ///
@@ -54,6 +59,9 @@ public:
     pid_t pid() const { return m_pid; }
 
 private:
+    void passed(LaunchStep step) const;
+    Error failedAt(LaunchStep step, const Error &error) const;
+    Error failedAt(LaunchStep step, const QString &message) const;
     bool createClientSocket();
     bool setupCGroup();
     bool setupEnvironment();
@@ -71,6 +79,7 @@ private:
     const int m_runningTimeLimit;
     pid_t m_pid = -1;
     int m_socket = -1; ///< listening, owned; -1: none
+    const std::shared_ptr<Launch> m_launch; ///< what the history knows of it; null if it was not asked for
 };
 
 } // namespace Core

@@ -2,6 +2,7 @@
 
 #include "Core/application_command.h"
 #include "Core/error.h"
+#include "Core/launch_account.h"
 
 #include <QDebug>
 
@@ -65,7 +66,7 @@ void RegularApplication::onPermissionsGranted(const QStringList &granted)
     const auto [vector, error] = firejail.computeArgv(argv, permissions);
     if (error) {
         qWarning() << "Couldn't compose argv list:" << error;
-        fail(error);
+        failAt(LaunchStep::Prepared, error);
         return;
     }
     spawner.setArguments(vector);

@@ -274,12 +274,13 @@ void RuntimeController::startApplication(const ApplicationId &appId, const Debug
     }
 
     d->launching.append(appId.text());
-    Chronicle::instance()->launchAsked(appId.toString());
-    const auto launched = [this, appId, uris, context, callback](const ApplicationInstanceId &instanceId,
-                                                                 pid_t pid, const Error &error) {
+    const auto launch = Chronicle::instance()->launchAsked(appId.toString());
+    const auto launched = [this, appId, uris, context, callback,
+                           launch](const ApplicationInstanceId &instanceId, pid_t pid, const Error &error) {
         if (error) {
-            Chronicle::instance()->launchFailed(appId.toString(), error);
+            Chronicle::instance()->launchFailed(launch, error);
         } else {
+            Chronicle::instance()->launchGoesOn(launch);
             d->addApplication(instanceId, pid, context, uris);
         }
         callback(instanceId, error);
@@ -288,6 +289,7 @@ void RuntimeController::startApplication(const ApplicationId &appId, const Debug
     // The child goes into its control groups before it runs, so they have to be there.
     whenInitialized([=] {
         const bool direct = context.reason == InvocationContext::DirectStart;
+        Chronicle::instance()->launchGoesOn(launch);
         d->launcher.launch(appId, debugParams, hints, uris, direct, launched);
     });
 }

@@ -4,6 +4,7 @@
 #include "Core/runtime_controller.h"
 #include "Core/runtime_controller_p.h"
 
+#include "Core/chronicle.h"
 #include "Core/launching_task.h"
 #include "Core/runtime_tracker.h"
 #include "Core/task.h"
@@ -33,12 +34,14 @@ Error RuntimeControllerPrivate::startTask(const ApplicationTaskId &taskId, const
     for (auto setting = startupInfo.cgroups.cbegin(); setting != startupInfo.cgroups.cend(); ++setting) {
         settings.insert(setting.key(), setting.value());
     }
+    const auto launch = Chronicle::instance()->launchAsked(taskId.text());
     const auto [error, pid, socket] = LaunchingTask::launch(
         &cgroups, taskId, startupInfo.command, startupInfo.environment, startupInfo.permissions, settings,
         startupInfo.weight, startupInfo.priority, startupInfo.cpuLimit, startupInfo.createIpcSocket);
     if (error) {
         // Started by its conditions, a task has nobody else who would hear of it.
         qWarning() << "Could not start task" << taskId.text() << error;
+        Chronicle::instance()->launchFailed(launch, error);
         // The child that was made ends when it finds its pipe closed, which it cannot while it is frozen.
         if (settings.contains(freezerFile)) {
             thawTask(taskId.text());

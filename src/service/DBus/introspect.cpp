@@ -9,6 +9,7 @@
 #include "Core/runtime_controller.h"
 
 #include "Core/application_registry.h"
+#include "Core/application_task_id.h"
 #include "Core/client_info.h"
 #include "Core/process_id.h"
 
@@ -94,6 +95,7 @@ QVariantMap describe(const QString &id, const QString &kind, pid_t pid, Core::Ap
         { QStringLiteral("RequestorId"), context.requestor.text() },
     };
     insertTime(map, "Since", Chronicle::instance()->runsSince(id));
+    insertLaunch(map, Chronicle::instance()->launchOf(id));
 
     const Core::GroupReport groups = Core::GroupReport::read(pid);
     map.insert(QStringLiteral("Groups"), QVariant::fromValue(groups.directories));
@@ -121,7 +123,6 @@ QList<QVariantMap> describeRunning(const std::function<bool(const QString &)> &w
         map.insert(QStringLiteral("InactiveWindows"), record.inactiveWindowCount);
         map.insert(QStringLiteral("HiddenWindows"), record.hiddenWindowCount);
         map.insert(QStringLiteral("Uris"), QUrl::toStringList(record.uris));
-        insertLaunch(map, Chronicle::instance()->launchOf(record.id));
         found.insert(record.id, map);
     }
     const auto tasks = controller->runningTasks();
@@ -213,7 +214,8 @@ QVariantMap Introspect::GetStatus(const QString &id)
         { QStringLiteral("Launching"), controller->isLaunching(application) },
         { QStringLiteral("Blocked"), controller->isBlocked(application) },
     };
-    insertLaunch(status, Chronicle::instance()->lastLaunch(application.text()));
+    const bool isTask = Core::ApplicationTaskId(id).isValid();
+    insertLaunch(status, Chronicle::instance()->lastLaunch(isTask ? id : application.text()));
     const QList<QVariantMap> ends = toMaps(Chronicle::instance()->endings(id, endsInStatus));
     status.insert(QStringLiteral("History"), QVariant::fromValue(ends));
     if (!ends.isEmpty()) {

@@ -36,8 +36,12 @@ private slots:
     void stepsAreTakenOnce();
     void eachRunKeepsItsLaunch();
     void launchIsOfOneRunOnly();
+    void launchesOfOneApplicationAreToldApart();
+    void taskHasItsLaunch();
     void failedLaunchIsAnEnd();
-    void failureOfAnUnknownLaunchIsNone();
+    void failedTaskIsAnEnd();
+    void longTextsAreCut_data();
+    void longTextsAreCut();
     void verdictStands_data();
     void verdictStands();
     void verdictGoesWithTheEnd();
@@ -96,7 +100,8 @@ void TestChronicle::namesAreThoseOnTheBus()
         steps.append(launchStepName(LaunchStep(step)));
     }
     QCOMPARE(steps.join(QLatin1Char(' ')),
-             QStringLiteral("Allowed Prompted Granted Spawned Grouped Released NameSeen FirstWindow"));
+             QStringLiteral("Asked Allowed Prompted Granted Prepared Spawned SetUp Grouped Released NameSeen "
+                            "FirstWindow"));
     QStringList decisions;
     for (int decision = 0; decision <= int(Decision::LaunchFailed); ++decision) {
         decisions.append(decisionName(Decision(decision)));
@@ -107,14 +112,17 @@ void TestChronicle::namesAreThoseOnTheBus()
 
 void TestChronicle::stepsAreTakenOnce()
 {
-    m_chronicle->launchStep(sample, LaunchStep::Spawned); // of no launch
+    QVERIFY(!m_chronicle->launchUnderWay(sample));
     QVERIFY(m_chronicle->lastLaunch(sample).asked.isNull());
 
-    m_chronicle->launchAsked(sample);
-    m_chronicle->launchStep(sample, LaunchStep::Spawned);
+    const auto launch = m_chronicle->launchAsked(sample);
+    launch->pass(LaunchStep::Spawned);
     const LaunchAccount first = m_chronicle->lastLaunch(sample);
     QCOMPARE(first.stepsMs.keys(), QList<LaunchStep> { LaunchStep::Spawned });
-    m_chronicle->launchStep(sample, LaunchStep::Spawned);
+    QElapsedTimer clock;
+    clock.start();
+    while (clock.elapsed() < 3) { } // without the event loop, in which the controller finds no helper
+    launch->pass(LaunchStep::Spawned);
     QCOMPARE(m_chronicle->lastLaunch(sample).stepsMs, first.stepsMs);
 
     m_chronicle->launchAsked(sample);
@@ -126,8 +134,7 @@ void TestChronicle::eachRunKeepsItsLaunch()
 {
     const QString first = sample + QStringLiteral(".instance_1");
     const QString second = sample + QStringLiteral(".instance_2");
-    m_chronicle->launchAsked(sample);
-    m_chronicle->launchStep(sample, LaunchStep::Spawned);
+    m_chronicle->launchAsked(sample)->pass(LaunchStep::Spawned);
     start(first);
     m_chronicle->launchAsked(sample);
     emit m_controller->applicationStateChanged(first, ApplicationState::Active);
@@ -161,35 +168,130 @@ void TestChronicle::launchIsOfOneRunOnly()
     QVERIFY(m_chronicle->launchOf(sample + QStringLiteral(".task_sync")).asked.isNull());
 }
 
+/// The first one asked for is the last one to run.
+void TestChronicle::launchesOfOneApplicationAreToldApart()
+{
+    const auto slow = m_chronicle->launchAsked(sample);
+    QCOMPARE(m_chronicle->launchUnderWay(sample), slow);
+    const auto fast = m_chronicle->launchAsked(sample);
+    QCOMPARE(m_chronicle->launchUnderWay(sample), fast);
+    QVERIFY(!m_chronicle->launchUnderWay(QStringLiteral("org.example.Other")));
+    const QString first = sample + QStringLiteral(".instance_1");
+    const QString second = sample + QStringLiteral(".instance_2");
+
+    slow->pass(LaunchStep::Prompted);
+    m_chronicle->launchGoesOn(fast);
+    start(first);
+    m_chronicle->launchGoesOn(slow);
+    start(second);
+    QVERIFY(m_chronicle->launchOf(first).stepsMs.isEmpty());
+    QCOMPARE(m_chronicle->launchOf(second).stepsMs.keys(), QList<LaunchStep> { LaunchStep::Prompted });
+    QVERIFY(m_chronicle->lastLaunch(sample).stepsMs.isEmpty()); // the one that was asked for last
+}
+
+void TestChronicle::taskHasItsLaunch()
+{
+    const QString task = sample + QStringLiteral(".task_sync");
+    m_chronicle->launchAsked(task)->pass(LaunchStep::Spawned);
+    start(task);
+    QCOMPARE(m_chronicle->launchOf(task).stepsMs.keys(), QList<LaunchStep> { LaunchStep::Spawned });
+    QCOMPARE(m_chronicle->lastLaunch(task).stepsMs.size(), 1);
+    QVERIFY(m_chronicle->lastLaunch(sample).asked.isNull());
+    end(task, exited(0));
+    QCOMPARE(m_chronicle->endings(task).first().launch.stepsMs.size(), 1);
+    // That of an application is none of its tasks'.
+    m_chronicle->launchAsked(sample);
+    start(task);
+    QVERIFY(m_chronicle->launchOf(task).asked.isNull());
+}
+
 void TestChronicle::failedLaunchIsAnEnd()
 {
-    m_chronicle->launchAsked(sample);
-    m_chronicle->launchFailed(sample, Error(Error::AccessDenied, QStringLiteral("no")));
+    m_chronicle->launchFailed(m_chronicle->launchAsked(sample),
+                              Error(Error::AccessDenied, QStringLiteral("no")));
     QCOMPARE(m_chronicle->lastLaunch(sample).failedAt, QStringLiteral("Asked"));
 
-    m_chronicle->launchAsked(sample);
-    m_chronicle->launchStep(sample, LaunchStep::Grouped);
-    m_chronicle->launchStep(sample, LaunchStep::Allowed);
-    m_chronicle->launchFailed(sample, Error(Error::Failed, QStringLiteral("broken")));
-    m_chronicle->launchStep(sample, LaunchStep::Granted); // an answer that comes too late
+    const auto failed = m_chronicle->launchAsked(sample);
+    failed->pass(LaunchStep::Grouped);
+    failed->pass(LaunchStep::Allowed);
+    failed->fail(LaunchStep::Granted);
+    failed->fail(LaunchStep::Released); // as a consequence
+    m_chronicle->launchFailed(failed, Error(Error::Failed, QStringLiteral("broken")));
+    failed->pass(LaunchStep::Granted); // an answer that comes too late
     const LaunchAccount launch = m_chronicle->lastLaunch(sample);
     QCOMPARE(launch.stepsMs.keys(), (QList<LaunchStep> { LaunchStep::Allowed, LaunchStep::Grouped }));
-    QCOMPARE(launch.failedAt, QStringLiteral("Grouped"));
+    QCOMPARE(launch.failedAt, QStringLiteral("Granted"));
     QCOMPARE(launch.error, QStringLiteral("broken"));
 
     const auto endings = m_chronicle->endings(sample);
     QCOMPARE(endings.size(), 2);
     QCOMPARE(endings.first().decision, Decision::LaunchFailed);
-    QCOMPARE(endings.first().detail, QStringLiteral("after \"Grouped\": broken"));
+    QCOMPARE(endings.first().detail, QStringLiteral("at \"Granted\": broken"));
     QVERIFY(endings.first().pid < 0);
-    QCOMPARE(endings.first().launch.failedAt, QStringLiteral("Grouped"));
+    QVERIFY(!endings.first().isTask);
+    QCOMPARE(endings.first().launch.failedAt, QStringLiteral("Granted"));
     QCOMPARE(endings.last().launch.failedAt, QStringLiteral("Asked"));
 }
 
-void TestChronicle::failureOfAnUnknownLaunchIsNone()
+void TestChronicle::failedTaskIsAnEnd()
 {
-    m_chronicle->launchFailed(sample, Error(Error::Failed, QStringLiteral("broken")));
-    QVERIFY(m_chronicle->endings().isEmpty());
+    const QString task = sample + QStringLiteral(".task_sync");
+    const auto launch = m_chronicle->launchAsked(task);
+    launch->fail(LaunchStep::Prepared);
+    m_chronicle->launchFailed(launch, Error(Error::SpawnFailed, QStringLiteral("broken")));
+    const auto endings = m_chronicle->endings(sample); // among those of its application
+    QCOMPARE(endings.size(), 1);
+    QCOMPARE(endings.first().id, task);
+    QVERIFY(endings.first().isTask);
+    QCOMPARE(endings.first().detail, QStringLiteral("at \"Prepared\": broken"));
+}
+
+void TestChronicle::longTextsAreCut_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<int>("idLength");
+    QTest::addColumn<int>("errorLength");
+
+    const auto letters = [](int count) {
+        return QString(count, QLatin1Char('x'));
+    };
+    const QString face = QString::fromUtf8("\xf0\x9f\x99\x82"); // two units
+    QTest::newRow("short") << letters(511) << 511 << 511;
+    QTest::newRow("longest id") << letters(512) << 512 << 512;
+    QTest::newRow("longer than an id") << letters(513) << 512 << 513;
+    QTest::newRow("longest error") << letters(1000) << 512 << 1000;
+    QTest::newRow("longer than an error") << letters(1001) << 512 << 1000;
+    QTest::newRow("huge") << letters(10000000) << 512 << 1000;
+    QTest::newRow("nothing is cut in two")
+        << letters(510) + face + letters(486) + face + letters(9) << 511 << 999;
+}
+
+/// What a stranger asks for, and what is said about it, may be as long as a message of the bus.
+void TestChronicle::longTextsAreCut()
+{
+    QFETCH(QString, text);
+    QFETCH(int, idLength);
+    QFETCH(int, errorLength);
+    const auto launch = m_chronicle->launchAsked(text);
+    m_chronicle->launchFailed(launch, Error(Error::Failed, text));
+
+    const Ending ending = m_chronicle->endings().first();
+    const auto verifyCut = [&text](const QString &kept, int length) {
+        QCOMPARE(kept.size(), length);
+        QVERIFY(kept == text || (kept.endsWith(QChar(0x2026)) && text.startsWith(kept.chopped(1))));
+        QVERIFY(!kept.contains(QChar::ReplacementCharacter));
+        QCOMPARE(QString::fromUtf8(kept.toUtf8()), kept);
+    };
+    verifyCut(ending.id, idLength);
+    verifyCut(ending.launch.error, errorLength);
+    QCOMPARE(ending.detail, QStringLiteral("at \"Asked\": ") + ending.launch.error);
+    QVERIFY(ending.detail.size() <= Chronicle::maximumDetailLength);
+    QCOMPARE(m_chronicle->lastLaunch(launch->id).error, ending.launch.error);
+
+    start(sample);
+    m_chronicle->decide(sample, Decision::Requested, text);
+    end(sample, exited(0));
+    QVERIFY(m_chronicle->endings().first().detail.size() <= Chronicle::maximumDetailLength);
 }
 
 void TestChronicle::verdictStands_data()

@@ -1,5 +1,7 @@
 #include "Core/launching_application.h"
 
+#include "Core/chronicle.h"
+
 #include "tested_launch.h"
 
 using namespace Core;
@@ -65,6 +67,7 @@ private:
     std::unique_ptr<Sailjaild> m_sailjaild;
     std::unique_ptr<LogCapture> m_log;
     LaunchRequest m_request;
+    std::shared_ptr<Launch> m_history; ///< what the history is told of the launch
     QByteArray m_recorder;
 };
 
@@ -80,6 +83,7 @@ void TestLaunchingApplication::init()
     m_log = std::make_unique<LogCapture>();
     m_request = {};
     m_request.appId = ApplicationId(testAppId);
+    m_history = Chronicle::instance()->launchAsked(testAppId);
     m_recorder = m_world->recorder().toUtf8();
     TestedLaunch::reports.clear();
 }
@@ -118,6 +122,10 @@ void TestLaunchingApplication::programRunsWhenAllStepsHaveEnded()
                             QStringLiteral("b c") }));
     QCOMPARE(m_sailjaild->askedAllowed(), QStringList { testPackage });
     QCOMPARE(m_sailjaild->askedPrompt(), QStringList());
+    QCOMPARE(m_history->account.stepsMs.keys(),
+             (QList<LaunchStep> { LaunchStep::Allowed, LaunchStep::Spawned, LaunchStep::Grouped,
+                                  LaunchStep::Released }));
+    QCOMPARE(m_history->account.failedAt, QString());
     QTRY_VERIFY(!launch);
     QCOMPARE(TestedLaunch::reports.size(), 1);
     QCOMPARE(m_log->messages(), QStringList());
@@ -227,6 +235,8 @@ void TestLaunchingApplication::promptHoldsTheChildAndIsAskedForThePackage()
     QTRY_COMPARE(TestedLaunch::reports.size(), 1);
     QCOMPARE(granted, QStringList { QStringLiteral("Audio") });
     QCOMPARE(m_sailjaild->askedPrompt(), QStringList { testPackage });
+    QVERIFY(m_history->account.stepsMs.contains(LaunchStep::Prompted));
+    QVERIFY(m_history->account.stepsMs.contains(LaunchStep::Granted));
     verifyEnded(pid, 0);
 }
 
@@ -239,6 +249,7 @@ void TestLaunchingApplication::failedPreparationMakesNoChild()
     QVERIFY(launch->start() < 0);
     QCOMPARE(m_log->messages(),
              QStringList { QStringLiteral("Error preparing launch for \"org.example.Notes\"") });
+    QCOMPARE(m_history->account.failedAt, QStringLiteral("Prepared"));
     // The answer of sailjaild still comes, to an object that nobody deletes here.
     QTRY_COMPARE(m_sailjaild->askedAllowed().size(), 1);
     QTRY_COMPARE(launch->pendingSteps, 1);
@@ -258,6 +269,7 @@ void TestLaunchingApplication::failedSpawnIsReturned()
              (QStringList { QStringLiteral("Failed to create IPC pipe to child process"),
                             QStringLiteral("Failed to start child process") }));
     QCOMPARE(launch->instanceId.text(), QString());
+    QCOMPARE(m_history->account.failedAt, QStringLiteral("Spawned"));
 }
 
 void TestLaunchingApplication::applicationThatIsNotAllowedDoesNotRun_data()
@@ -286,6 +298,7 @@ void TestLaunchingApplication::applicationThatIsNotAllowedDoesNotRun()
     const pid_t pid = launch->start();
     QVERIFY(pid > 0);
     QTRY_COMPARE(TestedLaunch::reports, QList<Report> { failure(Error::AccessDenied, deniedMessage) });
+    QCOMPARE(m_history->account.failedAt, QStringLiteral("Allowed"));
     QTRY_VERIFY(!launch);
     verifyEnded(pid, 1);
     QCOMPARE(m_world->recorded(), QStringList());
@@ -305,6 +318,7 @@ void TestLaunchingApplication::refusedPromptDoesNotRun()
     };
     const pid_t pid = launch->start();
     QTRY_COMPARE(TestedLaunch::reports, QList<Report> { failure(Error::AccessDenied, m_sailjaild->refusal) });
+    QCOMPARE(m_history->account.failedAt, QStringLiteral("Granted"));
     QTRY_VERIFY(!launch);
     verifyEnded(pid, 1);
     QCOMPARE(m_world->recorded(), QStringList());
@@ -349,6 +363,7 @@ void TestLaunchingApplication::denialWhileAPromptIsOpenIsReportedOnce()
     verifyEnded(pid, 1);
     QTest::qWait(50);
     QCOMPARE(TestedLaunch::reports, QList<Report> { failure(Error::AccessDenied, deniedMessage) });
+    QCOMPARE(m_history->account.failedAt, QStringLiteral("Allowed"));
     QCOMPARE(m_world->recorded(), QStringList());
 }
 
@@ -450,6 +465,7 @@ void TestLaunchingApplication::groupThatCannotBeMadeFailsTheSetup()
     const QStringList warnings = m_log->warnings();
     QCOMPARE(warnings.size(), 3); // the first is the control group controller's
     QCOMPARE(warnings.mid(1), (QStringList { QStringLiteral("Could not setup cgroup"), failureWarning }));
+    QCOMPARE(m_history->account.failedAt, QStringLiteral("Grouped"));
 }
 
 void TestLaunchingApplication::childThatIsDeadFailsTheSetup()
@@ -464,6 +480,7 @@ void TestLaunchingApplication::childThatIsDeadFailsTheSetup()
     QTRY_VERIFY(!launch);
     QCOMPARE(m_log->warnings(),
              (QStringList { QStringLiteral("Error sending OOM data to child process"), failureWarning }));
+    QCOMPARE(m_history->account.failedAt, QStringLiteral("SetUp"));
     QCOMPARE(TestedLaunch::reports.size(), 1);
 }
 
@@ -483,6 +500,7 @@ void TestLaunchingApplication::childThatDiesAfterTheSetupFailsTheRelease()
     QTRY_VERIFY(!launch);
     QCOMPARE(m_log->warnings(),
              (QStringList { QStringLiteral("Error starting child program"), failureWarning }));
+    QCOMPARE(m_history->account.failedAt, QStringLiteral("Released"));
     QCOMPARE(TestedLaunch::reports.size(), 1);
 }
 

@@ -1,5 +1,7 @@
 #include "Core/launching_task.h"
 
+#include "Core/chronicle.h"
+
 #include "child_stand_ins.h"
 #include "task_launch_fixture.h"
 
@@ -76,6 +78,7 @@ private:
     std::unique_ptr<TaskWorld> m_world;
     std::unique_ptr<LogCapture> m_log;
     std::unique_ptr<LaunchingTask> m_task;
+    std::shared_ptr<Launch> m_history; ///< what the history is told of the launch
     TaskRequest m_request;
 };
 
@@ -90,6 +93,7 @@ void TestLaunchingTask::init()
     m_world->clear();
     m_log = std::make_unique<LogCapture>();
     m_request = {};
+    m_history = Chronicle::instance()->launchAsked(m_request.id.text());
     standIn = StandIn();
 }
 
@@ -125,6 +129,9 @@ void TestLaunchingTask::programRunsInTheSandbox()
     m_request.command << QStringLiteral("--once") << QString() << QStringLiteral("ä b");
     startAndWait();
     QCOMPARE(m_log->warnings(), QStringList());
+    QCOMPARE(m_history->account.stepsMs.keys(),
+             (QList<LaunchStep> { LaunchStep::Spawned, LaunchStep::Grouped, LaunchStep::Released }));
+    QCOMPARE(m_history->account.failedAt, QString());
 
     const QByteArrayList arguments = m_world->toldLines(QStringLiteral("args"));
     QCOMPARE(arguments.mid(0, 4),
@@ -339,6 +346,7 @@ void TestLaunchingTask::compositionsErrorIsReturned()
     m_request.command = QStringList { program };
     m_task = m_request.make(m_world->cgroups());
     verifyError(m_task->start(), Error::InvalidArgs, message);
+    QCOMPARE(m_history->account.failedAt, QStringLiteral("Prepared"));
     QCOMPARE(m_task->pid(), -1);
     QVERIFY(noChildIsLeft());
 }
@@ -349,6 +357,7 @@ void TestLaunchingTask::failedSpawnIsReturned()
     const auto [error, pid, socket] = LaunchingTask::launch(m_world->cgroups(), m_request.id,
                                                             m_request.command, {}, {}, {}, 0, 0, -1, false);
     verifyError(error, Error::SpawnFailed, QStringLiteral("Failed to start child process"));
+    QCOMPARE(m_history->account.failedAt, QStringLiteral("Spawned"));
     QCOMPARE(pid, -1);
     QCOMPARE(socket, -1);
     QCOMPARE(m_log->warnings(), QStringList { QStringLiteral("Failed to create IPC pipe to child process") });
@@ -363,6 +372,7 @@ void TestLaunchingTask::childThatIsDeadFailsTheSetup()
     m_task = m_request.make(m_world->cgroups());
     verifyError(m_task->start(), Error::SpawnFailed, QStringLiteral("Failed to setup child process"));
     QCOMPARE(m_log->warnings(), QStringList { QStringLiteral("Error sending OOM data to child process") });
+    QCOMPARE(m_history->account.failedAt, QStringLiteral("SetUp"));
     QVERIFY(!QFile::exists(m_world->groupPath(QStringLiteral("cpu"), group)));
 }
 
@@ -376,6 +386,7 @@ void TestLaunchingTask::groupThatCannotBeMadeFailsTheSetup()
     QFile::remove(m_world->path(QStringLiteral("sys/fs/cgroup/cpu/procwarden/user-%1").arg(::getuid())));
     verifyError(error, Error::SpawnFailed, QStringLiteral("Failed to setup child process"));
     QCOMPARE(m_log->warnings().value(1), groupWarning);
+    QCOMPARE(m_history->account.failedAt, QStringLiteral("Grouped"));
 }
 
 void TestLaunchingTask::settingThatCannotBeWrittenFailsTheSetup_data()
@@ -435,6 +446,7 @@ void TestLaunchingTask::childThatTakesNoMoreFailsTheExec()
     }
     m_task = m_request.make(m_world->cgroups());
     verifyError(m_task->start(), Error::SpawnFailed, QStringLiteral("Failed to execute child process"));
+    QCOMPARE(m_history->account.failedAt, QStringLiteral("Released"));
     QCOMPARE(m_log->warnings(), QStringList());
 }
 

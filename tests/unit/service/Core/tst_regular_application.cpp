@@ -1,5 +1,7 @@
 #include "Core/regular_application.h"
 
+#include "Core/chronicle.h"
+
 #include "launch_fixture.h"
 
 #include <QJsonDocument>
@@ -251,10 +253,13 @@ void TestRegularApplication::programThatCannotBeSandboxedIsRefused()
     QFETCH(QByteArray, keys);
     QFETCH(QString, message);
     m_world->install(desktopFile(keys));
+    const auto history = Chronicle::instance()->launchAsked(testAppId);
     QPointer<TestedRegular> launch = make(request());
     const pid_t pid = launch->start();
     QVERIFY(pid > 0);
     QTRY_COMPARE(m_reports, QList<Report> { failure(Error::InvalidArgs, message) });
+    QVERIFY(history->account.stepsMs.contains(LaunchStep::Granted));
+    QCOMPARE(history->account.failedAt, QStringLiteral("Prepared"));
     QTRY_VERIFY(!launch);
     const int status = waitForChild(pid);
     QVERIFY(WIFEXITED(status));
