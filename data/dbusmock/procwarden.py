@@ -159,20 +159,20 @@ class World:
         if app_id == self.application and self.listens:
             self.signal(LIFECYCLE, "StateChanged", "su", app_id, dbus.UInt32(state))
 
-    def end(self, app_id, status, reason):
+    def end(self, app_id, status, reason, requestor=None):
         ended = self.find(app_id)
         del self.running[app_id]
         self.ends.insert(0, variants({
             "Id": app_id, "Kind": "application", "Pid": ended.pid, "ExitStatus": dbus.Int32(status),
             "StopReason": dbus.UInt32(reason),
-            "Decision": {REQUESTED: "requested", OOM_KILLED: "early-oom"}.get(reason, "exited")}))
+            "Decision": {REQUESTED: "requested", OOM_KILLED: "early-oom"}.get(reason, "exited"), **(requestor or {})}))
         self.signal(MAIN_IFACE, "Terminated", "sa{sv}", app_id, variants({
             "Pid": ended.pid, "ExitStatus": dbus.Int32(status), "StopReason": dbus.UInt32(reason)}))
 
-    def terminate(self, app_id):
+    def terminate(self, app_id, requestor=None):
         """At once: nothing here takes its time to end."""
         self.set_state(app_id, TERMINATING)
-        self.end(app_id, SIGTERM, REQUESTED)
+        self.end(app_id, SIGTERM, REQUESTED, requestor)
 
     # --- tasks ---
 
@@ -279,7 +279,8 @@ def control_start(_object, app_id, _debug_params=None):
 
 
 def control_terminate(_object, app_id):
-    world.terminate(str(app_id))
+    who = {"RequestorId": world.application} if world.application else {"RequestorBus": "session"}
+    world.terminate(str(app_id), who)
 
 
 def control_running(_object):

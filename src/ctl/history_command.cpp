@@ -4,6 +4,44 @@
 
 namespace Ctl {
 
+namespace {
+
+QString whatDecided(const QVariantMap &end)
+{
+    const QString decision = end.value(QStringLiteral("Decision")).toString();
+    const QString detail = end.value(QStringLiteral("Detail")).toString();
+    return detail.isEmpty() ? decision : QStringLiteral("%1: %2").arg(decision, detail);
+}
+
+/// Who requested an end: an application or a task, or what is known of another process. Empty if nobody did.
+QString requestorText(const QVariantMap &end)
+{
+    const QString id = end.value(QStringLiteral("RequestorId")).toString();
+    const QString bus = end.value(QStringLiteral("RequestorBus")).toString();
+    if (!id.isEmpty() || bus.isEmpty()) {
+        return id;
+    }
+    QStringList details;
+    if (end.contains(QStringLiteral("RequestorPid"))) {
+        details << QStringLiteral("pid %1").arg(end.value(QStringLiteral("RequestorPid")).toInt());
+    }
+    if (end.contains(QStringLiteral("RequestorUid"))) {
+        details << QStringLiteral("uid %1").arg(end.value(QStringLiteral("RequestorUid")).toUInt());
+    }
+    details << QStringLiteral("%1 bus").arg(bus);
+    const QString program =
+        end.value(QStringLiteral("RequestorProgram"), QStringLiteral("somebody")).toString();
+    return QStringLiteral("%1 (%2)").arg(program, details.join(QStringLiteral(", ")));
+}
+
+QString byWhom(const QVariantMap &end)
+{
+    const QString requestor = requestorText(end);
+    return requestor.isEmpty() ? QString() : QStringLiteral(", by %1").arg(requestor);
+}
+
+} // namespace
+
 Style decisionStyle(const QString &decision)
 {
     static const QStringList bad = { QStringLiteral("crashed"), QStringLiteral("early-oom"),
@@ -13,24 +51,17 @@ Style decisionStyle(const QString &decision)
 
 QString decisionText(const QVariantMap &end)
 {
-    const QString decision = end.value(QStringLiteral("Decision")).toString();
-    const QString detail = end.value(QStringLiteral("Detail")).toString();
-    QString text = detail.isEmpty() ? decision : QStringLiteral("%1: %2").arg(decision, detail);
-    const QString requestor = end.value(QStringLiteral("RequestorId")).toString();
-    if (!requestor.isEmpty()) {
-        text += QStringLiteral(", by %1").arg(requestor);
-    }
-    return text;
+    return whatDecided(end) + byWhom(end);
 }
 
 QString endText(const QVariantMap &end)
 {
     QString text =
-        timeText(end.value(QStringLiteral("Ended")).toLongLong()) + QLatin1Char(' ') + decisionText(end);
+        timeText(end.value(QStringLiteral("Ended")).toLongLong()) + QLatin1Char(' ') + whatDecided(end);
     if (end.contains(QStringLiteral("Pid"))) {
         text += QStringLiteral(" (pid %1)").arg(end.value(QStringLiteral("Pid")).toInt());
     }
-    return printable(text);
+    return printable(text + byWhom(end));
 }
 
 QVector<Output::Column> endColumns()
@@ -59,7 +90,10 @@ QVector<Output::Column> endColumns()
               return Table::Cell { decision, decisionStyle(decision) };
           } },
         keyColumn(QStringLiteral("DETAIL"), QStringLiteral("Detail"), true),
-        keyColumn(QStringLiteral("BY"), QStringLiteral("RequestorId"), true),
+        { { QStringLiteral("BY") },
+          [](const QVariantMap &end) {
+              return Table::Cell { printable(requestorText(end)) };
+          } },
     };
 }
 

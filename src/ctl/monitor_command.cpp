@@ -188,7 +188,12 @@ void Monitor::askWhy(Event &event, int pid)
             event.style = decisionStyle(decision);
             event.text = QStringLiteral("pid %1, %2").arg(pid).arg(decisionText(end));
             event.details.insert(QStringLiteral("Decision"), decision);
-            event.details.insert(QStringLiteral("Detail"), end.value(QStringLiteral("Detail")));
+            for (const char *key : { "Detail", "RequestorId", "RequestorBus", "RequestorUid", "RequestorPid",
+                                     "RequestorProgram" }) {
+                if (end.contains(QLatin1String(key))) {
+                    event.details.insert(QLatin1String(key), end.value(QLatin1String(key)));
+                }
+            }
             break;
         }
         flush();

@@ -100,6 +100,15 @@ def test_monitor_tells_who_asked(sample, monitors):
     sample.sample(other).call_service(f"{control} Terminate", SAMPLE)
     assert monitor.wait_for(f"ended +{SAMPLE} ").endswith(f", requested: exit status 0, by {other}")
 
+    data = monitors(sample, "--json")
+    sample.control.start(SAMPLE)
+    sample.sample(SAMPLE)
+    sample.control.terminate(SAMPLE)
+    who = rf"\(pid {os.getpid()}, (uid \d+, )?session bus\)"
+    assert re.search(rf", requested: exit status 0, by \S+ {who}$", monitor.wait_for(f"ended +{SAMPLE} ", 2))
+    end = json.loads(data.wait_for('"ended"'))
+    assert (end["RequestorBus"], end["RequestorPid"]) == ("session", os.getpid())
+
 
 def test_monitor_outlives_the_service(sample, monitors):
     monitor = monitors(sample)

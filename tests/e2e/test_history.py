@@ -6,14 +6,14 @@ import re
 import signal
 import subprocess
 
-import dbus
+import dbus.lowlevel
 import pytest
 
 import ctl
 import tasker
 from stack.client import BusError
 from stack.permission_daemon import allowed, error, granted, held
-from stack.waiting import until
+from stack.waiting import LIMIT, until
 
 SAMPLE = "org.example.Sample"
 OTHER = "org.example.Other"
@@ -56,12 +56,71 @@ def test_crash_tells_the_signal(sample, number, name):
     assert re.search(rf" crashed +signal {number} ", line)
 
 
-def test_whoever_ends_all_has_requested_it(sample):
+def requestor(end):
+    """Bus, user and program of who requested an end, and its pid."""
+    assert "RequestorId" not in end
+    return tuple(end.get(f"Requestor{key}") for key in ("Bus", "Uid", "Program", "Pid"))
+
+
+@pytest.mark.parametrize("options, bus", [((), "session"), (("--all",), "system")])
+def test_client_that_requested_it_is_named(sample, options, bus):
     sample.control.start(SAMPLE)
     sample.sample(SAMPLE)
-    ctl.run(sample, "stop", "--all", SAMPLE)
+    client = subprocess.Popen(sample.root.shown(*ctl.command(sample, "stop", *options, SAMPLE)),
+                              env=ctl.environment(sample))
+    assert client.wait(LIMIT) == 0
     end = end_of(sample)
-    assert (end["Decision"], end["StopReason"], "RequestorId" in end) == ("requested", 5, False)
+    assert (end["Decision"], end["StopReason"]) == ("requested", 5)
+    assert requestor(end) == (bus, os.geteuid(), "procwardenctl", client.pid)
+    who = f"procwardenctl (pid {client.pid}, uid {os.geteuid()}, {bus} bus)"
+    assert f"requested: exit status 0 (pid {end['Pid']}), by {who}\n" in ctl.run(sample, "status", SAMPLE).out
+    name = f"history_requested_{bus}"
+    pids = (end["Pid"], "PID"), (client.pid, "PID"), (f"uid {os.geteuid()}", "uid UID")
+    ctl.golden(name, ctl.normal(ctl.run(sample, "history").out, *pids))
+    assert requestor(ctl.run_json(sample, "status", SAMPLE)["LastEnd"]) == requestor(end)
+
+
+def show_this_process(stack):
+    """Returns what it is called there."""
+    if stack.root.proc_tree:
+        stack.root.proc_tree.link(os.getpid())
+    with open("/proc/self/comm") as file:
+        return file.read().rstrip("\n")
+
+
+def test_package_manager_that_ends_all_is_named(sample):
+    name = show_this_process(sample)
+    for app_id in (SAMPLE, OTHER):
+        sample.control.start(app_id)
+        sample.sample(app_id)
+    sample.system_control.terminate_all("org.example.")
+    for app_id in (SAMPLE, OTHER):
+        assert requestor(end_of(sample, app_id)) == ("system", os.geteuid(), name, os.getpid())
+
+
+def test_client_that_does_not_wait_has_requested_it_too(sample):
+    sample.control.start(SAMPLE)
+    sample.sample(SAMPLE)
+    message = dbus.lowlevel.MethodCallMessage("org.kestrix.Procwarden.User", "/org/kestrix/Procwarden/SystemControl1",
+                                              "org.kestrix.Procwarden.SystemControl1", "Terminate")
+    message.append(SAMPLE, signature="s")
+    message.set_no_reply(True)
+    connection = sample.system_bus.connect()
+    connection.send_message(message)
+    connection.flush()
+    connection.close()
+    end = end_of(sample)
+    assert (end["Decision"], end["RequestorBus"], "RequestorId" in end) == ("requested", "system", False)
+
+
+def test_first_who_asked_is_named(sample):
+    sample.install_sample(SAMPLE, sandbox=UNSANDBOXED, arguments="--ignore-term")
+    sample.control.reload()
+    sample.control.start(SAMPLE)
+    sample.sample(SAMPLE)
+    sample.control.terminate(SAMPLE)
+    sample.system_control.terminate_all(SAMPLE)
+    assert end_of(sample)["RequestorBus"] == "session"
 
 
 def test_table_tells_who_requested_it(sample):
@@ -73,7 +132,7 @@ def test_table_tells_who_requested_it(sample):
     end = end_of(sample)
     assert (end["Decision"], end["RequestorId"]) == ("requested", OTHER)
     ctl.golden("history_requested", ctl.normal(ctl.run(sample, "history").out, (end["Pid"], "PID")))
-    assert f"requested: exit status 0, by {OTHER} (pid {end['Pid']})" in ctl.run(sample, "status", SAMPLE).out
+    assert f"requested: exit status 0 (pid {end['Pid']}), by {OTHER}\n" in ctl.run(sample, "status", SAMPLE).out
 
 
 def test_last_window_is_told(sample):
@@ -260,12 +319,14 @@ def test_tasks_that_are_ended(stack):
     tasker.wait_running(stack, "often")
     tasker.stop(stack, "often")
     assert end_of(stack, often)["Decision"] == "stopped"
+    assert requestor(end_of(stack, often))[0::3] == ("session", os.getpid())
     tasker.start(stack, "work", params=["--exit", "5"])
     until(lambda: len(history(stack, work)) == 2, "the second end")
     assert (history(stack, work)[0]["Decision"], history(stack, work)[0]["Detail"]) == ("exited", "exit status 5")
     ends = history(stack)
     assert history(stack, SAMPLE) == ends # those of an application are those of its tasks, too
-    ctl.golden("history_of_tasks", ctl.normal(ctl.run(stack, "history").out, *((end["Pid"], "PID") for end in ends)))
+    ctl.golden("history_of_tasks", ctl.normal(re.sub(r"\S+ \(pid .*\)", "WHO", ctl.run(stack, "history").out),
+                                              *((end["Pid"], "PID") for end in ends)))
 
 
 def test_task_that_its_application_stops(stack):
@@ -305,6 +366,18 @@ def test_failed_task_tells_its_step(stack, prevent, line, step, text, passed):
     (end,) = history(stack, SAMPLE) # among those of its application
     assert (end["Id"], end["Kind"]) == (work, "task")
     ctl.golden(f"history_task_not_{step.lower()}", ctl.normal(ctl.run(stack, "history").out))
+
+
+def test_system_component_that_stops_a_task_is_named(stack):
+    tasker.install(stack)
+    stack.start()
+    name = show_this_process(stack)
+    invoker = tasker.Invoker(stack, system=True)
+    invoker.start()
+    tasker.wait_running(stack)
+    invoker.stop()
+    end = end_of(stack, tasker.task_id("work"))
+    assert (end["Decision"], requestor(end)) == ("stopped", ("system", os.geteuid(), name, os.getpid()))
 
 
 # --- memory ---
@@ -396,6 +469,21 @@ def test_application_learns_of_itself_only(stack):
     assert ask(mine, "GetHistory", "", "0") == (True, "(@aa{sv} [],)\n")
     answered, text = ask(its, "GetHistory", "", "0")
     assert answered and "exit status 3" in text
+
+
+def test_application_is_not_told_of_other_processes(stack):
+    stack.install_sample(sandbox=UNSANDBOXED)
+    stack.start()
+    show_this_process(stack)
+    stack.control.start(SAMPLE)
+    stack.sample(SAMPLE)
+    stack.control.terminate(SAMPLE)
+    assert end_of(stack)["RequestorPid"] == os.getpid()
+    stack.control.start(SAMPLE)
+    asker = stack.sample(SAMPLE)
+    for member, arguments in (("GetHistory", ("", "0")), ("GetStatus", (SAMPLE,))):
+        answered, text = ask(asker, member, *arguments)
+        assert answered and "'requested'" in text and "Requestor" not in text.replace("RequestorId", ""), text
 
 
 def test_task_is_its_application(stack):

@@ -114,6 +114,8 @@ def test_what_decided_an_end(sample, how, decision, detail):
     assert end["Detail"].endswith(detail)
     assert end["Started"] <= end["Ended"]
     assert "RequestorId" not in end
+    requestor = (end.get("RequestorBus"), end.get("RequestorPid"))
+    assert requestor == (("session", os.getpid()) if decision == "requested" else (None, None))
     assert ask(sample, "GetStatus", "s", SAMPLE)["LastEnd"] == end
 
 

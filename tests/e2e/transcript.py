@@ -67,6 +67,7 @@ class Masks:
         """Of a table, one cell."""
         app = next((app for app in self._sizes if app in text), next(iter(self._sizes)))
         text = re.sub(r"(\bpid |\bPid: )(\d+)", lambda found: found[1] + self.pid(found[2]), text)
+        text = re.sub(r"\buid \d+", "uid 1000", text)
         text = re.sub(r"^(org\.[\w.]+ )(\d+)$", lambda found: found[1] + self.pid(found[2]), text)
         text = re.sub(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d", DATE, text)
         text = re.sub(r"  \d\d:\d\d:\d\d$", f"  {DATE.split()[1]}", text)

@@ -6,6 +6,7 @@ what a package brings (opt/app), and say how much memory there is (proc/meminfo)
 
 import os
 import re
+import shlex
 import shutil
 
 from .memory import Memory
@@ -30,15 +31,26 @@ class Newcomer:
         self._configure(configuration)
         self._open_root()
         self._programs = os.path.dirname(stack.program("procwardenctl"))
+        self._clients = os.path.join(stack.directory, "clients")
+        self._show("procwardenctl")
 
     def environment(self):
-        return {**self._stack.environment(), "PATH": f"{self.home}/{BIN}:{self._programs}:/usr/bin:/bin",
-                "MANPATH": f"{self._manual}:"}
+        path = f"{self.home}/{BIN}:{self._clients}:{self._programs}:/usr/bin:/bin"
+        return {**self._stack.environment(), "PATH": path, "MANPATH": f"{self._manual}:"}
 
     def command(self, *words):
         """The words of a command, as this user runs it."""
         user = self._stack.user
         return ["/usr/bin/setpriv", f"--reuid={user.uid}", f"--regid={user.gid}", "--clear-groups", "--", *words]
+
+    def _show(self, client):
+        """The service looks for those who ask it for something in the stack's /proc."""
+        os.makedirs(self._clients)
+        path = os.path.join(self._clients, client)
+        with open(path, "w") as file:
+            command = self._stack.root.shown(self._stack.program(client))
+            file.write(f'#!/bin/sh\nexec {shlex.join(command)} "$@"\n')
+        os.chmod(path, 0o755)
 
     def _make(self, directory):
         """A directory of the user's, with those above it."""

@@ -83,6 +83,13 @@ class RootDirectory:
             with open(f"/proc/{pid}/oom_score_adj", "w") as file:
                 file.write(str(value))
 
+    def shown(self, *command):
+        """The words of a command whose process the service finds in /proc, as it would in the kernel's."""
+        if not self.proc_tree:
+            return command
+        script = 'mkdir -p "$0/$$" && ln -sf /proc/$$/status /proc/$$/comm "$0/$$" && exec "$@"'
+        return "/bin/sh", "-c", script, self.inside("proc"), *command
+
     def _make_proc(self, hierarchies):
         proc = self.inside("proc")
         os.makedirs(proc)
@@ -105,7 +112,7 @@ class RootDirectory:
 class ProcTree:
     """Puts the kernel's own files beside each score file that the service makes."""
 
-    LINKED = ("status", "cgroup", "oom_score")
+    LINKED = ("status", "cgroup", "oom_score", "comm")
 
     def __init__(self, path):
         self._path = path

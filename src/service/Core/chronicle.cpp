@@ -34,8 +34,14 @@ struct Verdict
 {
     Decision decision = Decision::Exited;
     QString detail;
-    QString requestor;
-    bool isAttributed = false; ///< it is known who requested it, be it nobody of the service's own
+    std::shared_ptr<const Requestor> requestor; ///< null as long as nobody is known to have
+
+    void attribute(const std::shared_ptr<const Requestor> &who)
+    {
+        if (!requestor && (decision == Decision::Requested || decision == Decision::Stopped)) {
+            requestor = who;
+        }
+    }
 };
 
 QString applicationOf(const QString &id)
@@ -68,7 +74,7 @@ QString exitText(int exitStatus)
 /// What decided an end that nobody here had a part in.
 Verdict ownVerdict(int exitStatus)
 {
-    return { WIFSIGNALED(exitStatus) ? Decision::Crashed : Decision::Exited, QString(), QString(), false };
+    return { WIFSIGNALED(exitStatus) ? Decision::Crashed : Decision::Exited, QString(), nullptr };
 }
 
 } // namespace
@@ -254,18 +260,24 @@ void Chronicle::decide(const QString &id, Decision decision, const QString &deta
         return;
     }
     if (!d->verdicts.contains(id) || decision == Decision::EarlyOom) {
-        d->verdicts.insert(id, { decision, detail, QString(), false });
+        d->verdicts.insert(id, { decision, detail, nullptr });
     }
 }
 
-void Chronicle::requestedBy(const QString &id, const QString &requestor)
+void Chronicle::requestedBy(const QString &id, const Requestor &requestor)
 {
     const auto verdict = d->verdicts.find(id);
-    const bool canBeRequested = verdict != d->verdicts.end()
-        && (verdict->decision == Decision::Requested || verdict->decision == Decision::Stopped);
-    if (canBeRequested && !verdict->isAttributed) {
-        verdict->isAttributed = true;
-        verdict->requestor = requestor;
+    if (verdict != d->verdicts.end()) {
+        verdict->attribute(std::make_shared<const Requestor>(requestor));
+    }
+}
+
+void Chronicle::allRequestedBy(const QString &idPrefix, const std::shared_ptr<const Requestor> &requestor)
+{
+    for (auto verdict = d->verdicts.begin(); verdict != d->verdicts.end(); ++verdict) {
+        if (verdict.key().startsWith(idPrefix)) {
+            verdict->attribute(requestor);
+        }
     }
 }
 

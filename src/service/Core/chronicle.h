@@ -2,6 +2,7 @@
 
 #include "Core/application_state.h"
 #include "Core/launch_account.h"
+#include "Core/requestor.h"
 
 #include <QDateTime>
 #include <QList>
@@ -46,7 +47,7 @@ struct Ending
     StopReason stopReason = StopReason::None;
     Decision decision = Decision::Exited;
     QString detail; ///< in words
-    QString requestor; ///< id of the one of the service's own who asked for it; empty: nobody of these
+    std::shared_ptr<const Requestor> requestor; ///< who asked for it; null: nobody did
     LaunchAccount launch; ///< how it came to run, or failed to
 };
 
@@ -88,8 +89,11 @@ public:
     /// Says what is about to end @p id, as soon as it is decided. The first decision stands, but for one that
     /// kills at once. Forgotten with the end.
     void decide(const QString &id, Decision decision, const QString &detail = QString());
-    /// Who asked for it, if a request decided: the first who did. Empty for nobody of the service's own.
-    void requestedBy(const QString &id, const QString &requestor);
+    /// Who asked for the end of @p id, if a request decided: the first who did.
+    void requestedBy(const QString &id, const Requestor &requestor);
+    /// The same for everything whose id begins with @p idPrefix. What of @p requestor is not known yet may be
+    /// filled in later, also after the ends.
+    void allRequestedBy(const QString &idPrefix, const std::shared_ptr<const Requestor> &requestor);
 
     // Told to who asks
 

@@ -135,7 +135,6 @@ Error TaskManagerPrivate::stop(const ApplicationTaskId &taskId, bool mustDisable
         return Error(Error::AccessDenied, QStringLiteral("Cannot stop another app's tasks"));
     }
     Chronicle::instance()->decide(taskId.text(), Decision::Stopped);
-    Chronicle::instance()->requestedBy(taskId.text(), clientInfo.appId);
     const Error error = processes.terminate(taskId, StopReason::None);
     if (error && error.code() != Error::NotRunning) {
         return error;

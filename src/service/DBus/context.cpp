@@ -1,6 +1,6 @@
 #include "DBus/context.h"
 
-#include "Core/client_info.h"
+#include "Core/bus_call.h"
 #include "Core/error.h"
 #include "Core/runtime_tracker.h"
 #include "Core/types.h"
@@ -9,7 +9,10 @@
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
+#include <QDBusPendingCallWatcher>
+#include <QDBusPendingReply>
 #include <QFileInfo>
+#include <QVariantMap>
 
 namespace DBus {
 
@@ -37,6 +40,33 @@ bool isPrivileged(pid_t pid)
 // sends it a message beyond its limits, so an answer must not be longer than the question was allowed to be.
 constexpr int maximumErrorText = 4 * 1024 * 1024; // UTF-16 units: 12 MiB at most, of 32 that every bus takes
 
+/// A bus daemon answers at once. Whoever waits for what it knows does not wait for one that is stuck.
+constexpr int identificationLimitMs = 2000;
+
+Core::ClientInfo infoOf(pid_t pid)
+{
+    Core::ClientInfo info;
+    info.privileged = true;
+    const bool privileged = isPrivileged(pid);
+    const auto [error, appId] = Core::RuntimeTracker::instance()->applicationForPid(pid);
+    if (error.code() == Core::Error::ProcessNotHandled) {
+        return info; // no process of ours
+    }
+    info.privileged = privileged;
+    info.appId = appId;
+    return info;
+}
+
+/// As the bus's GetConnectionCredentials tells it.
+void takeCredentials(Core::Requestor &requestor, const QVariantMap &credentials)
+{
+    const auto uid = credentials.constFind(QStringLiteral("UnixUserID"));
+    if (uid != credentials.cend()) {
+        requestor.uid = uid->toUInt();
+    }
+    requestor.setProcess(static_cast<pid_t>(credentials.value(QStringLiteral("ProcessID")).toUInt()));
+}
+
 QString replyText(const Error &error)
 {
     return error.message().left(maximumErrorText);
@@ -46,20 +76,56 @@ QString replyText(const Error &error)
 
 Core::ClientInfo Context::clientInfo() const
 {
-    Core::ClientInfo info;
-    info.privileged = true;
+    return calledFromDBus() ? infoOf(callerPid()) : Core::ClientInfo { true, QString() };
+}
+
+Caller Context::caller() const
+{
     if (!calledFromDBus()) {
-        return info;
+        return { { true, QString() }, {} };
     }
-    const pid_t pid = pidOf(connection(), message());
-    const bool privileged = isPrivileged(pid);
-    const auto [error, appId] = Core::RuntimeTracker::instance()->applicationForPid(pid);
-    if (error.code() == Core::Error::ProcessNotHandled) {
-        return info; // no process of ours
+    const pid_t pid = callerPid();
+    Caller found { infoOf(pid), {} };
+    found.requestor.id = found.info.appId;
+    if (found.info.appId.isEmpty()) {
+        found.requestor.bus = callerBus();
+        found.requestor.setProcess(pid);
     }
-    info.privileged = privileged;
-    info.appId = appId;
-    return info;
+    return found;
+}
+
+std::shared_ptr<const Core::Requestor> Context::identifyCaller(const std::function<void()> &known)
+{
+    auto question = QDBusMessage::createMethodCall(
+        QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
+        QStringLiteral("org.freedesktop.DBus"), QStringLiteral("GetConnectionCredentials"));
+    question << message().service();
+    auto *watcher =
+        new QDBusPendingCallWatcher(Core::callOverBus(connection(), question, identificationLimitMs), this);
+
+    const auto requestor = std::make_shared<Core::Requestor>();
+    requestor->bus = callerBus();
+    connect(watcher, &QDBusPendingCallWatcher::finished, this,
+            [requestor, known](QDBusPendingCallWatcher *call) {
+                call->deleteLater();
+                const QDBusPendingReply<QVariantMap> reply = *call;
+                if (!reply.isError()) { // else it has left since
+                    takeCredentials(*requestor, reply.value());
+                }
+                known();
+            });
+    return requestor;
+}
+
+pid_t Context::callerPid() const
+{
+    return pidOf(connection(), message());
+}
+
+QString Context::callerBus() const
+{
+    return connection().name() == QDBusConnection::systemBus().name() ? QStringLiteral("system")
+                                                                      : QStringLiteral("session");
 }
 
 void Context::sendError(const Core::Error &error) const

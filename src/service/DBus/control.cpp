@@ -149,7 +149,7 @@ void Control::Terminate(const QString &appInstanceId)
         sendError(error);
         return;
     }
-    Core::Chronicle::instance()->requestedBy(appInstanceId, clientInfo().appId);
+    Core::Chronicle::instance()->requestedBy(appInstanceId, caller().requestor);
 }
 
 void Control::GetRunningApplications(QVector<Procwarden::RunningApplication> &apps,

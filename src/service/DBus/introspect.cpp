@@ -145,7 +145,28 @@ QList<QVariantMap> describeRunning(const std::function<bool(const QString &)> &w
     return found.values();
 }
 
-QVariantMap toMap(const Core::Ending &ending)
+/// Who it was is for those who may ask about everybody; an application hears of others only which one it was.
+void insertRequestor(QVariantMap &map, const Core::Requestor &requestor, bool mayKnowAll)
+{
+    if (!requestor.id.isEmpty()) {
+        map.insert(QStringLiteral("RequestorId"), requestor.id);
+    }
+    if (!mayKnowAll) {
+        return;
+    }
+    if (!requestor.bus.isEmpty()) {
+        map.insert(QStringLiteral("RequestorBus"), requestor.bus);
+    }
+    insertKnown(map, "RequestorUid", requestor.uid);
+    if (requestor.pid > 0) {
+        map.insert(QStringLiteral("RequestorPid"), int(requestor.pid));
+    }
+    if (!requestor.program.isEmpty()) {
+        map.insert(QStringLiteral("RequestorProgram"), requestor.program);
+    }
+}
+
+QVariantMap toMap(const Core::Ending &ending, const Core::ClientInfo &client)
 {
     QVariantMap map {
         { QStringLiteral("Id"), ending.id },
@@ -160,18 +181,18 @@ QVariantMap toMap(const Core::Ending &ending)
     }
     insertTime(map, "Started", ending.started);
     insertTime(map, "Ended", ending.ended);
-    if (!ending.requestor.isEmpty()) {
-        map.insert(QStringLiteral("RequestorId"), ending.requestor);
+    if (ending.requestor) {
+        insertRequestor(map, *ending.requestor, client.privileged);
     }
     insertLaunch(map, ending.launch);
     return map;
 }
 
-QList<QVariantMap> toMaps(const QList<Core::Ending> &endings)
+QList<QVariantMap> toMaps(const QList<Core::Ending> &endings, const Core::ClientInfo &client)
 {
     QList<QVariantMap> maps;
     for (const Core::Ending &ending : endings) {
-        maps.append(toMap(ending));
+        maps.append(toMap(ending, client));
     }
     return maps;
 }
@@ -198,7 +219,8 @@ QList<QVariantMap> Introspect::ListRunning()
 
 QVariantMap Introspect::GetStatus(const QString &id)
 {
-    if (!mayAsk(clientInfo(), id)) {
+    const Core::ClientInfo client = clientInfo();
+    if (!mayAsk(client, id)) {
         sendError(refused(id));
         return {};
     }
@@ -216,7 +238,7 @@ QVariantMap Introspect::GetStatus(const QString &id)
     };
     const bool isTask = Core::ApplicationTaskId(id).isValid();
     insertLaunch(status, Chronicle::instance()->lastLaunch(isTask ? id : application.text()));
-    const QList<QVariantMap> ends = toMaps(Chronicle::instance()->endings(id, endsInStatus));
+    const QList<QVariantMap> ends = toMaps(Chronicle::instance()->endings(id, endsInStatus), client);
     status.insert(QStringLiteral("History"), QVariant::fromValue(ends));
     if (!ends.isEmpty()) {
         status.insert(QStringLiteral("LastEnd"), ends.first());
@@ -234,7 +256,7 @@ QList<QVariantMap> Introspect::GetHistory(const QString &id, uint limit)
         return {};
     }
     constexpr uint most = Chronicle::maximumEndings;
-    return toMaps(Chronicle::instance()->endings(asked, static_cast<int>(std::min(limit, most))));
+    return toMaps(Chronicle::instance()->endings(asked, static_cast<int>(std::min(limit, most))), client);
 }
 
 QVariantMap Introspect::GetMemory()

@@ -1,5 +1,6 @@
 #include "DBus/system_control.h"
 
+#include "Core/chronicle.h"
 #include "Core/runtime_controller.h"
 
 #include <QDBusConnection>
@@ -38,9 +39,16 @@ void SystemControl::Terminate(const QString &appId)
     qDebug() << Q_FUNC_INFO << appId;
     const auto error =
         RuntimeController::instance()->terminateAll(ApplicationId(appId), Core::StopReason::Requested);
-    if (error) {
-        sendError(error);
-    }
+    // The caller gets its answer when it is known who it is: one that has its answer may be gone.
+    setDelayedReply(true);
+    const auto requestor = identifyCaller([connection = connection(), message = message(), error] {
+        if (error) {
+            sendError(connection, message, error);
+        } else {
+            connection.send(message.createReply());
+        }
+    });
+    Core::Chronicle::instance()->allRequestedBy(appId, requestor);
 }
 
 void SystemControl::AllowLaunch(const QString &appId)

@@ -1,5 +1,6 @@
 #include "DBus/task_invoker_session.h"
 
+#include "Core/chronicle.h"
 #include "Core/client_info.h"
 #include "Core/error.h"
 #include "Core/runtime_controller.h"
@@ -142,10 +143,13 @@ int TaskInvokerSession::Start(const QString &fullTaskId, const QVariantMap &star
 void TaskInvokerSession::Stop(const QString &fullTaskId)
 {
     qDebug() << Q_FUNC_INFO << fullTaskId;
-    const auto error = Core::TaskManager::instance()->stop(ApplicationTaskId(fullTaskId), true, clientInfo());
+    const Caller who = caller();
+    const auto error = Core::TaskManager::instance()->stop(ApplicationTaskId(fullTaskId), true, who.info);
     if (error) {
         sendError(error);
+        return;
     }
+    Core::Chronicle::instance()->requestedBy(fullTaskId, who.requestor);
 }
 
 } // namespace DBus

@@ -1,5 +1,6 @@
 #include "DBus/tasks.h"
 
+#include "Core/chronicle.h"
 #include "Core/client_info.h"
 #include "Core/error.h"
 #include "Core/process_id.h"
@@ -136,11 +137,14 @@ void Tasks::Start(const QString &fullTaskId, const QStringList &params, const QJ
 void Tasks::Stop(const QString &fullTaskId, bool mustDisable)
 {
     qDebug() << Q_FUNC_INFO << fullTaskId << mustDisable;
+    const Caller who = caller();
     const auto error =
-        Core::TaskManager::instance()->stop(ApplicationTaskId(fullTaskId), mustDisable, clientInfo());
+        Core::TaskManager::instance()->stop(ApplicationTaskId(fullTaskId), mustDisable, who.info);
     if (error) {
         sendError(error);
+        return;
     }
+    Core::Chronicle::instance()->requestedBy(fullTaskId, who.requestor);
 }
 
 } // namespace DBus

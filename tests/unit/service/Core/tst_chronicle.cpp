@@ -16,6 +16,13 @@ namespace {
 constexpr int pid = 4711;
 const QString sample = QStringLiteral("org.example.Sample");
 
+Requestor application(const char *id)
+{
+    Requestor requestor;
+    requestor.id = QString::fromLatin1(id);
+    return requestor;
+}
+
 constexpr int exited(int status)
 {
     return status << 8; // as in the status word of waitpid(2)
@@ -48,6 +55,7 @@ private slots:
     void whatDoesNotRunCannotBeDecided();
     void requestorNeedsADecision();
     void firstWhoAskedStands();
+    void requestorMayBecomeKnownLater();
     void whatNobodyAskedForHasNoRequestor();
     void whoIsAskedAbout_data();
     void whoIsAskedAbout();
@@ -371,23 +379,50 @@ void TestChronicle::whatDoesNotRunCannotBeDecided()
 void TestChronicle::requestorNeedsADecision()
 {
     start(sample);
-    m_chronicle->requestedBy(sample, QStringLiteral("org.example.Early"));
+    m_chronicle->requestedBy(sample, application("org.example.Early"));
     m_chronicle->decide(sample, Decision::Requested);
-    m_chronicle->requestedBy(sample, QStringLiteral("org.example.First"));
-    m_chronicle->requestedBy(sample, QStringLiteral("org.example.Second"));
+    m_chronicle->requestedBy(sample, application("org.example.First"));
+    m_chronicle->requestedBy(sample, application("org.example.Second"));
     end(sample, exited(0));
-    QCOMPARE(m_chronicle->endings().first().requestor, QStringLiteral("org.example.First"));
+    QCOMPARE(m_chronicle->endings().first().requestor->id, QStringLiteral("org.example.First"));
 }
 
 void TestChronicle::firstWhoAskedStands()
 {
     // Nobody of the service's own, say the user by the task switcher.
+    Requestor stranger;
+    stranger.bus = QStringLiteral("session");
     start(sample);
-    m_chronicle->decide(sample, Decision::Requested);
-    m_chronicle->requestedBy(sample, QString());
-    m_chronicle->requestedBy(sample, QStringLiteral("org.example.Late"));
+    m_chronicle->decide(sample, Decision::Stopped);
+    m_chronicle->requestedBy(sample, stranger);
+    m_chronicle->requestedBy(sample, application("org.example.Late"));
     end(sample, exited(0));
-    QCOMPARE(m_chronicle->endings().first().requestor, QString());
+    QCOMPARE(m_chronicle->endings().first().requestor->id, QString());
+    QCOMPARE(m_chronicle->endings().first().requestor->bus, QStringLiteral("session"));
+}
+
+/// One request may end many, and they may be gone before it is known whose it was.
+void TestChronicle::requestorMayBecomeKnownLater()
+{
+    const QString task = sample + QStringLiteral(".task_sync");
+    const QString other = QStringLiteral("org.example.Other");
+    const QString closed = sample + QStringLiteral(".instance_1");
+    const auto requestor = std::make_shared<Requestor>();
+    for (const QString &id : { sample, task, other, closed }) {
+        start(id);
+        m_chronicle->decide(id, id == closed ? Decision::Closed : Decision::Requested);
+    }
+    m_chronicle->allRequestedBy(sample, requestor);
+    for (const QString &id : { sample, task, other, closed }) {
+        end(id, exited(0));
+    }
+    requestor->pid = 7;
+    for (const QString &id : { sample, task }) {
+        QCOMPARE(m_chronicle->endings(id).last().requestor->pid, 7);
+    }
+    for (const QString &id : { other, closed }) {
+        QVERIFY(!m_chronicle->endings(id).first().requestor);
+    }
 }
 
 void TestChronicle::whatNobodyAskedForHasNoRequestor()
@@ -395,10 +430,10 @@ void TestChronicle::whatNobodyAskedForHasNoRequestor()
     for (const Decision decision : { Decision::Closed, Decision::EarlyOom, Decision::TimeLimit }) {
         start(sample);
         m_chronicle->decide(sample, decision);
-        m_chronicle->requestedBy(sample, QStringLiteral("org.example.Late"));
+        m_chronicle->requestedBy(sample, application("org.example.Late"));
         end(sample, exited(0));
         QCOMPARE(m_chronicle->endings().first().decision, decision);
-        QCOMPARE(m_chronicle->endings().first().requestor, QString());
+        QVERIFY(!m_chronicle->endings().first().requestor);
     }
 }
 

@@ -88,9 +88,21 @@ class Asked : public DBus::Context
 public:
     QList<ClientInfo> callers;
     QList<QDBusMessage> delayed;
+    QList<DBus::Caller> who;
+    std::shared_ptr<const Core::Requestor> identified;
+    bool wasKnown = false;
 
 public slots:
     void Ask() { callers.append(clientInfo()); } // NOLINT: the names are those on the bus
+    void AskWho() { who.append(caller()); } // NOLINT
+    void AskWhoLater() // NOLINT
+    {
+        setDelayedReply(true);
+        identified = identifyCaller([bus = connection(), call = message(), this] {
+            wasKnown = true;
+            bus.send(call.createReply());
+        });
+    }
     void Fail(int code, const QString &text)
     {
         sendError(Error(static_cast<Error::Code>(code), text));
@@ -128,6 +140,11 @@ private slots:
     void newGroupBelowAChildBelongsToItsApplication();
     void orphanWithItsOwnGroupIsPrivileged();
     void endedChildIsForgotten();
+
+    void callerIsKnownForTheHistory();
+    void callerOfOursIsKnownByItsId();
+    void callerIsIdentifiedWithoutWaiting();
+    void callerThatHasLeftIsIdentifiedByItsBusOnly();
 
     void errorReply_data();
     void errorReply();
@@ -370,6 +387,66 @@ void tst_Context::endedChildIsForgotten()
     QCOMPARE(m_asked->callers.first(), (ClientInfo { true, QString() }));
 }
 
+void tst_Context::callerIsKnownForTheHistory()
+{
+    m_asked->AskWho();
+    QCOMPARE(m_asked->who.last().info, (ClientInfo { true, QString() }));
+    QCOMPARE(m_asked->who.last().requestor.bus, QString());
+
+    QCOMPARE(call(QStringLiteral("AskWho")).type(), QDBusMessage::ReplyMessage);
+    QCOMPARE(m_asked->who.last().info, (ClientInfo { true, QString() }));
+    const Core::Requestor &requestor = m_asked->who.last().requestor;
+    QCOMPARE(requestor.id, QString());
+    QCOMPARE(requestor.bus, QStringLiteral("session"));
+    QCOMPARE(requestor.pid, getpid());
+    QCOMPARE(*requestor.uid, geteuid());
+    QCOMPARE(requestor.program, QStringLiteral("tst_context"));
+}
+
+void tst_Context::callerOfOursIsKnownByItsId()
+{
+    const QString id = QStringLiteral("org.example.App.instance_1");
+    spawn(dbusSend().replace(QLatin1String(".Ask "), QLatin1String(".AskWho "))
+              + QStringLiteral("; exec sleep 60"),
+          id);
+    QTRY_COMPARE(m_asked->who.size(), 1);
+    QCOMPARE(m_asked->who.first().info.appId, id);
+    QCOMPARE(m_asked->who.first().requestor.id, id);
+    QCOMPARE(m_asked->who.first().requestor.pid, -1);
+    QCOMPARE(m_asked->who.first().requestor.bus, QString());
+}
+
+void tst_Context::callerIsIdentifiedWithoutWaiting()
+{
+    QDBusMessage message = QDBusMessage::createMethodCall(m_service->baseService(), QStringLiteral("/"),
+                                                          interface, QStringLiteral("AskWhoLater"));
+    const QDBusPendingCallWatcher pending(m_client->asyncCall(message));
+    QTRY_VERIFY(m_asked->identified);
+    QCOMPARE(m_asked->identified->bus, QStringLiteral("session"));
+    QVERIFY(m_asked->wasKnown || m_asked->identified->pid == -1);
+    QTRY_VERIFY(m_asked->wasKnown);
+    QCOMPARE(m_asked->identified->pid, getpid());
+    QCOMPARE(*m_asked->identified->uid, geteuid());
+    QCOMPARE(m_asked->identified->program, QStringLiteral("tst_context"));
+    QTRY_VERIFY(pending.isFinished());
+    QVERIFY(!pending.isError());
+}
+
+void tst_Context::callerThatHasLeftIsIdentifiedByItsBusOnly()
+{
+    {
+        const QDBusConnection client = environment->bus.connect();
+        client.send(QDBusMessage::createMethodCall(m_service->baseService(), QStringLiteral("/"), interface,
+                                                   QStringLiteral("AskWhoLater")));
+        environment->bus.disconnect(client);
+    }
+    QTRY_VERIFY(m_asked->wasKnown);
+    QCOMPARE(m_asked->identified->bus, QStringLiteral("session"));
+    if (m_asked->identified->pid > 0) {
+        QCOMPARE(m_asked->identified->pid, getpid()); // the bus was slower to notice than to answer
+    }
+}
+
 void tst_Context::errorReply_data()
 {
     QTest::addColumn<int>("code");
@@ -422,6 +499,7 @@ int main(int argc, char **argv)
     // The bus comes first: it has the system's names. A namespace can be had only while there is one thread.
     Environment own;
     environment = &own;
+    own.bus.useAsSystemBus(); // lest the machine's be asked for its name
     setNames("someone", "users");
     own.ownNames = mountNames();
 
