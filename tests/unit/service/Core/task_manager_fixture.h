@@ -147,7 +147,7 @@ public:
                         "MaxTasksPerApp=" + QByteArray::number(limit) + '\n');
     }
 
-    /// At the begin of each test: settings without a task, the application "Notes", a limit of 5.
+    /// At the begin of each test: settings without a task, the application "Notes", a limit of 5, a manager.
     void begin()
     {
         settings = std::make_unique<SettingsFixture>();
@@ -155,6 +155,7 @@ public:
         setTaskLimit(5);
         install(QStringLiteral("Notes"));
         processes = std::make_unique<FakeProcesses>();
+        makeManager();
     }
     void end()
     {

@@ -14,7 +14,7 @@ class tst_TaskManager : public QObject
 
 private slots:
     void initTestCase() { m_fixture = std::make_unique<TaskManagerFixture>(); }
-    void init();
+    void init() { m_fixture->begin(); }
     void cleanup() { m_fixture->end(); }
     void cleanupTestCase() { m_fixture.reset(); }
 
@@ -55,12 +55,6 @@ private slots:
 private:
     std::unique_ptr<TaskManagerFixture> m_fixture;
 };
-
-void tst_TaskManager::init()
-{
-    m_fixture->begin();
-    m_fixture->makeManager();
-}
 
 // Who may
 

@@ -18,7 +18,7 @@ class tst_TaskManagerLife : public QObject
 
 private slots:
     void initTestCase() { m_fixture = std::make_unique<TaskManagerFixture>(); }
-    void init();
+    void init() { m_fixture->begin(); }
     void cleanup() { m_fixture->end(); }
     void cleanupTestCase() { m_fixture.reset(); }
 
@@ -73,12 +73,6 @@ private:
 
     std::unique_ptr<TaskManagerFixture> m_fixture;
 };
-
-void tst_TaskManagerLife::init()
-{
-    m_fixture->begin();
-    m_fixture->makeManager();
-}
 
 // The start
 

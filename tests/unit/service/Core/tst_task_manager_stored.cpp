@@ -12,7 +12,7 @@ class tst_TaskManagerStored : public QObject
 
 private slots:
     void initTestCase() { m_fixture = std::make_unique<TaskManagerFixture>(); }
-    void init();
+    void init() { m_fixture->begin(); }
     void cleanup() { m_fixture->end(); }
     void cleanupTestCase() { m_fixture.reset(); }
 
@@ -59,12 +59,6 @@ private:
 
     std::unique_ptr<TaskManagerFixture> m_fixture;
 };
-
-void tst_TaskManagerStored::init()
-{
-    m_fixture->begin();
-    m_fixture->makeManager();
-}
 
 void tst_TaskManagerStored::autostartDecides_data()
 {

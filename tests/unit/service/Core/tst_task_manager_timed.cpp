@@ -76,7 +76,6 @@ private:
 void tst_TaskManagerTimed::init()
 {
     m_fixture->begin();
-    m_fixture->makeManager();
     m_lastCookie = 16;
     m_daemon = std::make_unique<BusStandIn>(m_fixture->bus(), QLatin1String(Maemo::Timed::wireService),
                                             QLatin1String(Maemo::Timed::wirePath));
