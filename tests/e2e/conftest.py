@@ -7,7 +7,8 @@ import pytest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
 
-from stack import Stack # noqa: E402 (the path comes first)
+from notifier import MAIL, NOTES, start_application # noqa: E402 (the path comes first)
+from stack import Stack # noqa: E402
 
 
 def bring_up(request, **options):
@@ -27,6 +28,25 @@ def stack(request):
 def own_memory(request):
     """The same, with a memory that holds what a test says; the thresholds are those of Memory.LEVELS."""
     yield from bring_up(request, own_proc=True)
+
+
+@pytest.fixture
+def running(stack):
+    """The stack with helper and service running, and no application."""
+    stack.start()
+    return stack
+
+
+@pytest.fixture
+def notes(running):
+    """An application with a name of its own to show, which notifies."""
+    return start_application(running, NOTES, "Notes by Example")
+
+
+@pytest.fixture
+def mail(running):
+    """Another one."""
+    return start_application(running, MAIL)
 
 
 @pytest.fixture

@@ -12,6 +12,8 @@ from stack.users import PRIVILEGED, privileged_group
 
 NAME = "org.freedesktop.Notifications"
 PATH = "/org/freedesktop/Notifications"
+NOTES = "org.example.Notes"
+MAIL = "org.example.Mail"
 GDBUS = ("/usr/bin/gdbus", "call", "--session", "--dest", NAME, "--object-path", PATH, "--method")
 
 

@@ -16,12 +16,6 @@ FAILED = "org.freedesktop.DBus.Error.Failed"
 HANDLER_FAILED = "org.kestrix.Procwarden.Error.HandlerFailed"
 
 
-@pytest.fixture
-def running(stack):
-    stack.start()
-    return stack
-
-
 def descriptors(stack):
     return len(os.listdir(f"/proc/{stack.service.pid}/fd"))
 

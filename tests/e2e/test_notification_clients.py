@@ -8,18 +8,11 @@ import threading
 import dbus
 import pytest
 
-from notifier import NAME, PATH, call, start_application
+from notifier import NAME, NOTES, PATH, call, start_application
 from stack.waiting import until
 
-NOTES = "org.example.Notes"
 PYTHON = "/usr/bin/python3"
 LONG = 240 # s: many calls, on a machine that does other things, too
-
-
-@pytest.fixture
-def running(stack):
-    stack.start()
-    return stack
 
 
 def as_stranger(stack, *command):

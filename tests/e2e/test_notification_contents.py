@@ -4,7 +4,6 @@ import os
 import select
 
 import dbus
-import pytest
 
 from notifier import NAME, call
 from stack.notification_server import RECORDS, NotificationServer
@@ -12,12 +11,6 @@ from stack.waiting import until
 
 # Every character that the bus takes and a terminal, a log or a line does not.
 TEXT = "".join(chr(code) for code in (*range(1, 32), *range(127, 160), 0x200f, 0x202e, 0xfeff, 0x1f600))
-
-
-@pytest.fixture
-def running(stack):
-    stack.start()
-    return stack
 
 
 def unusual_hints(size, depth):

@@ -10,21 +10,14 @@ import dbus
 import dbus.lowlevel
 import pytest
 
-from notifier import NAME, PATH, call, notify, start_application
+from notifier import NAME, NOTES, PATH, call, notify, start_application
 from stack.bus import ServedConnection
 from stack.notification_server import INFORMATION, NotificationServer
 from stack.waiting import until
 
-NOTES = "org.example.Notes"
 PYTHON = "/usr/bin/python3"
 LONG = 240 # s
 BUS_TIMEOUT = 25 # s, after which a call counts as not answered
-
-
-@pytest.fixture
-def running(stack):
-    stack.start()
-    return stack
 
 
 @pytest.fixture

@@ -6,34 +6,16 @@ import dbus
 import pytest
 
 import tasker
-from notifier import NAME, PATH, Application, call, notify, start_application, start_privileged_application
+from notifier import MAIL, NAME, NOTES, PATH, Application, call, notify, start_application, start_privileged_application
 from stack.client import BusError
 from stack.notification_server import RECORDS
 from stack.waiting import until
 from tasker import SAMPLE
 
-NOTES = "org.example.Notes"
-MAIL = "org.example.Mail"
 SETTINGS = "org.example.Settings"
 INVALID_ID = ("org.freedesktop.DBus.Error.InvalidArgs", "Invalid notification ID")
 LISTS = ("GetNotifications", "GetNotificationsByCategory")
 NEVER_GIVEN = 4_000_000_000
-
-
-@pytest.fixture
-def running(stack):
-    stack.start()
-    return stack
-
-
-@pytest.fixture
-def notes(running):
-    return start_application(running, NOTES, "Notes by Example")
-
-
-@pytest.fixture
-def mail(running):
-    return start_application(running, MAIL)
 
 
 @pytest.fixture

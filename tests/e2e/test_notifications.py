@@ -6,34 +6,16 @@ import dbus
 import dbus.lowlevel
 import pytest
 
-from notifier import NAME, PATH, by_the_other_name, call, notify, start_application
+from notifier import MAIL, NAME, NOTES, PATH, by_the_other_name, call, notify, start_application
 from stack.bus import ServedConnection
 from stack.client import BusError
 from stack.notification_server import CAPABILITIES, INFORMATION, RECORDS
 from stack.service import SESSION_NAME
 from stack.waiting import until
 
-NOTES = "org.example.Notes"
-MAIL = "org.example.Mail"
 INVALID_ARGS = "org.freedesktop.DBus.Error.InvalidArgs"
 ACCESS_DENIED = "org.freedesktop.DBus.Error.AccessDenied"
 INVALID_ID = (INVALID_ARGS, "Invalid notification ID")
-
-
-@pytest.fixture
-def running(stack):
-    stack.start()
-    return stack
-
-
-@pytest.fixture
-def notes(running):
-    return start_application(running, NOTES, "Notes by Example")
-
-
-@pytest.fixture
-def mail(running):
-    return start_application(running, MAIL)
 
 
 def members(signals):
