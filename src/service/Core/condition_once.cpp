@@ -8,7 +8,24 @@
 #include <QFileInfo>
 #include <QStandardPaths>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 namespace Core {
+
+namespace {
+
+/// The application may write there, too: a FIFO in the file's place would keep the service waiting for a
+/// reader, and of a link, the file that it leads to would be emptied.
+bool makeEmptyFile(const QString &path)
+{
+    const int fd =
+        ::open(QFile::encodeName(path).constData(),
+               O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666);
+    return fd >= 0 && ::close(fd) == 0;
+}
+
+} // namespace
 
 class ConditionOncePrivate
 {
@@ -30,8 +47,7 @@ ConditionOnce::~ConditionOnce() = default;
 void ConditionOnce::taskWasTriggered()
 {
     QDir().mkpath(QFileInfo(d->sentinel).path());
-    QFile file(d->sentinel);
-    if (!file.open(QIODevice::WriteOnly)) {
+    if (!makeEmptyFile(d->sentinel)) {
         qWarning() << "Cannot create sentinel file" << d->sentinel;
     }
     setSatisfied(false);

@@ -7,6 +7,7 @@
 #include <QtTest>
 
 #include <memory>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using Core::ApplicationInfo;
@@ -39,6 +40,8 @@ private slots:
     void sentinelIsTheTasksOwn();
     void newSessionBeginsAnew();
     void oldSentinelIsEmptied();
+    void pipeInItsPlaceIsWarnedAbout();
+    void linkInItsPlaceIsNotFollowed();
     void failureToMakeTheDirectoryIsWarnedAbout();
     void readOnlyRuntimeDirectoryIsWarnedAbout();
     void fullSetOfDescriptorsIsWarnedAbout();
@@ -114,6 +117,34 @@ void tst_ConditionOnce::oldSentinelIsEmptied()
     file.close();
     once.taskWasTriggered();
     QCOMPARE(QFileInfo(sentinel()).size(), 0);
+}
+
+// The application may write there, too.
+void tst_ConditionOnce::pipeInItsPlaceIsWarnedAbout()
+{
+    ConditionOnce once(m_task);
+    QDir().mkpath(QFileInfo(sentinel()).path());
+    QCOMPARE(::mkfifo(QFile::encodeName(sentinel()).constData(), 0600), 0);
+    QTest::ignoreMessage(
+        QtWarningMsg, qUtf8Printable(QStringLiteral("Cannot create sentinel file \"%1\"").arg(sentinel())));
+    once.taskWasTriggered();
+    QVERIFY(!once.isSatisfied());
+}
+
+void tst_ConditionOnce::linkInItsPlaceIsNotFollowed()
+{
+    ConditionOnce once(m_task);
+    QDir().mkpath(QFileInfo(sentinel()).path());
+    QFile letter(m_runtime->filePath(QStringLiteral("letter")));
+    QVERIFY(letter.open(QIODevice::WriteOnly));
+    letter.write("text");
+    letter.close();
+    QVERIFY(QFile::link(letter.fileName(), sentinel()));
+    QTest::ignoreMessage(
+        QtWarningMsg, qUtf8Printable(QStringLiteral("Cannot create sentinel file \"%1\"").arg(sentinel())));
+    once.taskWasTriggered();
+    QVERIFY(!once.isSatisfied());
+    QCOMPARE(QFileInfo(letter).size(), 4);
 }
 
 void tst_ConditionOnce::failureToMakeTheDirectoryIsWarnedAbout()
