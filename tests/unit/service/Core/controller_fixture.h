@@ -3,11 +3,10 @@
 #include "Core/runtime_controller.h"
 #include "Core/task_startup_info.h"
 
-#include "support/bus_stand_in.h"
-#include "support/cgroup_tree.h"
-#include "support/private_bus.h"
+#include "runtime_surroundings.h"
 
-#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDBusMessage>
 #include <QDir>
 #include <QFile>
 #include <QSignalSpy>
@@ -25,29 +24,16 @@ struct StartOutcome
     Core::Error error;
 };
 
-/// The controller of the process with everything that it needs being real but three: the helper and the
-/// permission daemon answer from this process, over a private bus, and the control groups are plain
-/// directories. The sandbox that tasks run in is a script that only starts them.
+/// The controller of the process with applications and tasks that are real.
 ///
 /// To be made once, before the first use of a bus; cleanUp() after each test.
-class ControllerFixture
+class ControllerFixture : public RuntimeSurroundings
 {
 public:
     ControllerFixture()
-        : m_helper(m_bus, QStringLiteral("org.kestrix.Procwarden.Helper"),
-                   QStringLiteral("/org/kestrix/Procwarden/Helper"))
-        , m_permissions(m_bus, QStringLiteral("org.sailfishos.sailjaild1"),
-                        QStringLiteral("/org/sailfishos/sailjaild1"))
+        : RuntimeSurroundings("300")
     {
-        m_tree.use();
-        m_bus.useAsSystemBus();
-        m_bus.useAsSessionBus();
-        qputenv("XDG_DATA_HOME", QFile::encodeName(path(QStringLiteral("home/data"))));
-        qputenv("XDG_DATA_DIRS", QFile::encodeName(path(QStringLiteral("usr/share"))));
-        qputenv("XDG_CONFIG_HOME", QFile::encodeName(path(QStringLiteral("home/config"))));
         qputenv("XDG_RUNTIME_DIR", QFile::encodeName(path(QStringLiteral("runtime"))));
-        qputenv("PROCWARDEN_KILL_TIMEOUT", "300");
-        m_helper.answerWith({ subtree() });
         m_permissions.setHandler([this](const QDBusMessage &call, const QDBusConnection &connection) {
             if (holdAnswers) {
                 m_held.append(call);
@@ -56,10 +42,6 @@ public:
             }
         });
 
-        m_tree.setOwnGroups("4:freezer:/\n3:memory:/\n2:cpu:/\n");
-        m_tree.addHierarchies(controllers(), subtree());
-        m_tree.write(QStringLiteral("etc/procwarden/os-version-support.cfg"),
-                     "[Applications]\npolicy.one.*=4.2.0\npolicy.two.*=5.2.0\n");
         writeState("active", "cgroup1.freezer.state=ACTIVE\n");
         writeState("inactive", "cgroup1.freezer.state=INACTIVE\n");
         writeState("hidden", "cgroup1.freezer.state=HIDDEN\n", "ApplyWithDelay=50\n");
@@ -68,9 +50,6 @@ public:
         m_tree.makeDirectory(QStringLiteral("runtime"));
         QFile::setPermissions(path(QStringLiteral("runtime")),
                               QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-        const QString sandbox = QStringLiteral("usr/bin/firejail");
-        m_tree.write(sandbox, "#!/bin/sh\nwhile [ \"$1\" != -- ]; do shift; done\nshift\nexec \"$@\"\n");
-        QFile::setPermissions(path(sandbox), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
         for (const char *program : { "sleep", "sh", "true" }) {
             m_tree.link(QLatin1String("usr/bin/") + QLatin1String(program),
                         QLatin1String("/bin/") + QLatin1String(program));
@@ -80,15 +59,6 @@ public:
                      "trap '' TERM\n: >\"$0.ready\"\nwhile :; do sleep 600; done\n");
     }
 
-    static QString subtree() { return QStringLiteral("/procwarden/user-1"); }
-    static QStringList controllers()
-    {
-        return { QStringLiteral("cpu"), QStringLiteral("freezer"), QStringLiteral("memory") };
-    }
-
-    QString path(const QString &relative) const { return m_tree.path(relative); }
-    TestSupport::CGroupTree &tree() { return m_tree; }
-    TestSupport::PrivateBus &bus() { return m_bus; }
     Core::RuntimeController *controller() const { return Core::RuntimeController::instance(); }
 
     /// An application that runs outside the sandbox.
@@ -212,17 +182,6 @@ public:
     bool holdAnswers = false; ///< of the permission daemon
 
 private:
-    void writeState(const char *name, const QByteArray &settings, const QByteArray &head = QByteArray())
-    {
-        m_tree.write(QStringLiteral("home/data/%1/states/%2.config")
-                         .arg(QCoreApplication::applicationName(), QLatin1String(name)),
-                     head + "[Backend settings]\n" + settings);
-    }
-
-    TestSupport::PrivateBus m_bus;
-    TestSupport::CGroupTree m_tree;
-    TestSupport::BusStandIn m_helper;
-    TestSupport::BusStandIn m_permissions;
     QList<QDBusMessage> m_held;
     std::vector<std::unique_ptr<StartOutcome>> m_outcomes;
 };

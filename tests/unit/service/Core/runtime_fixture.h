@@ -4,11 +4,8 @@
 #include "Core/runtime_controller.h"
 #include "Core/task_startup_info.h"
 
-#include "support/bus_stand_in.h"
-#include "support/cgroup_tree.h"
-#include "support/private_bus.h"
+#include "runtime_surroundings.h"
 
-#include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
@@ -21,40 +18,18 @@
 
 #include <csignal>
 
-/// Runtime controllers with real applications, in a root directory of their own.
+/// Runtime controllers with real applications.
 ///
-/// The helper and the permission daemon answer from this process, the control groups are plain directories,
-/// and what the kernel says about memory and scores is what the test writes. Applications are started with a
+/// What the kernel says about memory and scores is what the test writes. Applications are started with a
 /// number of child processes. Each test makes the controller that it needs; there is one at a time.
-class RuntimeFixture
+class RuntimeFixture : public RuntimeSurroundings
 {
 public:
     RuntimeFixture()
-        : m_helper(m_bus, QStringLiteral("org.kestrix.Procwarden.Helper"),
-                   QStringLiteral("/org/kestrix/Procwarden/Helper"))
-        , m_permissions(m_bus, QStringLiteral("org.sailfishos.sailjaild1"),
-                        QStringLiteral("/org/sailfishos/sailjaild1"))
+        : RuntimeSurroundings("20000") // nobody ignores SIGTERM but who is stopped
     {
-        m_tree.use();
-        m_bus.useAsSystemBus();
-        m_bus.useAsSessionBus();
-        qputenv("PROCWARDEN_KILL_TIMEOUT", "20000"); // nobody ignores SIGTERM but who is stopped
-        qputenv("XDG_DATA_HOME", QFile::encodeName(m_tree.path(QStringLiteral("home/data"))));
-        qputenv("XDG_DATA_DIRS", QFile::encodeName(m_tree.path(QStringLiteral("usr/share"))));
-        qputenv("XDG_CONFIG_HOME", QFile::encodeName(m_tree.path(QStringLiteral("home/config"))));
-        m_helper.answerWith({ m_subtree });
-        m_permissions.answerWith({ 1 });
-
-        m_tree.setOwnGroups("4:freezer:/\n3:memory:/\n2:cpu:/\n");
-        m_tree.addHierarchies({ QStringLiteral("cpu"), QStringLiteral("freezer"), QStringLiteral("memory") },
-                              m_subtree);
-        m_tree.write(QStringLiteral("etc/procwarden/os-version-support.cfg"),
-                     "[Applications]\npolicy.one.*=4.2.0\npolicy.two.*=5.2.0\n");
-        const QString states =
-            QStringLiteral("home/data/%1/states/%2.config").arg(QCoreApplication::applicationName());
         for (const char *state : { "active", "inactive", "hidden" }) {
-            m_tree.write(states.arg(QLatin1String(state)),
-                         "[Backend settings]\ncgroup1.freezer.state=" + QByteArray(state) + '\n');
+            writeState(state, "cgroup1.freezer.state=" + QByteArray(state) + '\n');
         }
         // Says who its children are, and then that it is ready. Children may be killed one by one.
         m_tree.write(QStringLiteral("family"),
@@ -64,11 +39,6 @@ public:
                      "sleep 600 &\n"
                      "wait\n");
         m_tree.makeDirectory(QStringLiteral("run"));
-        // Tasks run in the sandbox, which only starts them.
-        m_tree.write(QStringLiteral("usr/bin/firejail"),
-                     "#!/bin/sh\nwhile [ \"$1\" != -- ]; do shift; done\nshift\nexec \"$@\"\n");
-        QFile::setPermissions(m_tree.path(QStringLiteral("usr/bin/firejail")),
-                              QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
         m_tree.link(QStringLiteral("bin"), QStringLiteral("/bin"));
         configure({});
         setAvailableMb(1000);
@@ -83,7 +53,7 @@ public:
             QStringLiteral("usr/share/applications/%1.desktop").arg(id),
             QStringLiteral("[Desktop Entry]\nType=Application\nName=App\nExec=/bin/sh %1 %2 %3\n"
                            "[X-Application]\nSandboxing=Disabled\nOrganizationName=%4\nApplicationName=%5\n")
-                .arg(m_tree.path(QStringLiteral("family")), runFile(id), QString::number(children),
+                .arg(path(QStringLiteral("family")), runFile(id), QString::number(children),
                      appId.organisation(), appId.name())
                 .toUtf8());
     }
@@ -118,12 +88,12 @@ public:
             m_controller = nullptr;
             m_own.reset();
         }
-        const QDir run(m_tree.path(QStringLiteral("run")));
+        const QDir run(path(QStringLiteral("run")));
         for (const QString &file : run.entryList(QDir::Files)) {
             QFile::remove(run.filePath(file));
         }
-        QDir(m_tree.group(QStringLiteral("freezer") + m_subtree)).removeRecursively();
-        m_tree.addHierarchies({ QStringLiteral("freezer") }, m_subtree);
+        QDir(m_tree.group(QStringLiteral("freezer") + subtree())).removeRecursively();
+        m_tree.addHierarchies({ QStringLiteral("freezer") }, subtree());
     }
 
     /// Runs when it returns, with scores of 0 and a memory group that holds it alone. 0 on failure.
@@ -148,8 +118,8 @@ public:
         bool groups = false;
         m_controller->whenInitialized([&groups] { groups = true; });
         Core::TaskStartupInfo info;
-        info.command = QStringList { QStringLiteral("/bin/sh"), m_tree.path(QStringLiteral("family")),
-                                     runFile(id), QString::number(children) };
+        info.command = QStringList { QStringLiteral("/bin/sh"), path(QStringLiteral("family")), runFile(id),
+                                     QString::number(children) };
         const bool ready = QTest::qWaitFor([&] { return groups; }, 20000)
             && !m_controller->startTask(Core::ApplicationTaskId(id), info, {})
             && QTest::qWaitFor([&] { return QFile::exists(runFile(id) + QStringLiteral(".ready")); }, 20000);
@@ -190,7 +160,7 @@ public:
     }
     void removeScores(pid_t pid)
     {
-        const QString directory = m_tree.path(QStringLiteral("proc/%1/").arg(pid));
+        const QString directory = path(QStringLiteral("proc/%1/").arg(pid));
         QFile::remove(directory + QStringLiteral("oom_score_adj"));
         QFile::remove(directory + QStringLiteral("oom_score"));
     }
@@ -199,7 +169,7 @@ public:
     void setGroup(const QString &id, const QVector<pid_t> &members)
     {
         const Core::ApplicationTaskId task(id);
-        const QString group = m_subtree
+        const QString group = subtree()
             + (task.isValid() ? QStringLiteral("/%1/task_%2").arg(task.toString(), task.taskName())
                               : QStringLiteral("/%1/app").arg(id));
         QByteArray lines;
@@ -220,7 +190,7 @@ public:
     {
         switch (level) {
         case Core::MemoryLevel::Unknown:
-            QFile::remove(m_tree.path(QStringLiteral("proc/meminfo")));
+            QFile::remove(path(QStringLiteral("proc/meminfo")));
             break;
         case Core::MemoryLevel::Normal:
             setAvailableMb(1000);
@@ -234,9 +204,6 @@ public:
         }
         Core::MemoryMonitor::instance()->checkOomState();
     }
-
-    TestSupport::PrivateBus &bus() { return m_bus; }
-    TestSupport::CGroupTree &tree() { return m_tree; }
 
     /// Event loop runs until a timer of this interval has ticked so often.
     static bool waitTicks(int count, int intervalMs)
@@ -284,10 +251,10 @@ public:
     }
 
 private:
-    QString runFile(const QString &id) const { return m_tree.path(QStringLiteral("run/") + id); }
+    QString runFile(const QString &id) const { return path(QStringLiteral("run/") + id); }
     QString freezer(const QString &id) const
     {
-        return QStringLiteral("freezer%1/%2/app/freezer.state").arg(m_subtree, id);
+        return QStringLiteral("freezer%1/%2/app/freezer.state").arg(subtree(), id);
     }
     void setAvailableMb(int mb)
     {
@@ -295,12 +262,6 @@ private:
                      "MemTotal: 4000000 kB\nMemAvailable: " + QByteArray::number(mb * 1024) + " kB\n");
     }
 
-    const QString m_subtree = QStringLiteral("/procwarden/user-1");
-
-    TestSupport::PrivateBus m_bus;
-    TestSupport::CGroupTree m_tree;
-    TestSupport::BusStandIn m_helper;
-    TestSupport::BusStandIn m_permissions;
     std::unique_ptr<Core::RuntimeController> m_own;
     Core::RuntimeController *m_controller = nullptr;
 };
