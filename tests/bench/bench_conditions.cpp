@@ -18,12 +18,11 @@
 #include "Core/connection_monitor.h"
 #include "Core/network_source.h"
 
-#include <QCoreApplication>
-#include <QElapsedTimer>
+#include "measuring.h"
 
-#include <algorithm>
+#include <QCoreApplication>
+
 #include <cstdio>
-#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -55,27 +54,15 @@ public:
     bool seen = false;
 };
 
-void check(bool holds, const char *what)
-{
-    if (!holds) {
-        std::fprintf(stderr, "bench_conditions: %s\n", what);
-        std::exit(1);
-    }
-}
-
 /// Median of the milliseconds that @p work takes.
 double measure(const std::function<void()> &work)
 {
     std::vector<double> values;
+    values.reserve(runs);
     for (int i = 0; i < runs; ++i) {
-        QElapsedTimer timer;
-        timer.start();
-        work();
-        values.push_back(static_cast<double>(timer.nsecsElapsed()) / 1e6);
+        values.push_back(milliseconds(work));
     }
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
+    return median(values);
 }
 
 /// The same with Qt's own output of messages, which goes nowhere.

@@ -16,13 +16,14 @@
 #include "Core/candidate.h"
 #include "Core/oom_controller.h"
 
+#include "measuring.h"
+
 #include <QByteArray>
 #include <QCoreApplication>
 #include <QDateTime>
 #include <QFile>
 #include <QTemporaryDir>
 
-#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -76,21 +77,6 @@ namespace {
 constexpr int processesOfRecord = 5;
 constexpr int searchSeconds = 12; // after a kill that was none, earlyoom waits for about a second
 std::string groups; // directory of those that are made
-
-[[noreturn]] void fail(const char *what)
-{
-    std::fprintf(stderr, "bench_memory: %s\n", what);
-    std::exit(1);
-}
-
-double median(std::vector<double> values)
-{
-    if (values.empty()) {
-        fail("nothing was measured");
-    }
-    std::nth_element(values.begin(), values.begin() + values.size() / 2, values.end());
-    return values[values.size() / 2];
-}
 
 template<typename Function>
 double timeOf(const Function &function)

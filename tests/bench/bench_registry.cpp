@@ -12,9 +12,10 @@
 
 #include "Core/application_registry.h"
 
+#include "measuring.h"
+
 #include <QCoreApplication>
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QUrl>
@@ -37,21 +38,6 @@ constexpr int runs = 9;
 constexpr int applicationsOfTheType = 200;
 constexpr int lookupsPerRun = 200; // one is too short to be measured
 
-double milliseconds(const std::function<void()> &work)
-{
-    QElapsedTimer timer;
-    timer.start();
-    work();
-    return static_cast<double>(timer.nsecsElapsed()) / 1e6;
-}
-
-double median(std::vector<double> values)
-{
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
-
 void report(const char *name, int n, const std::vector<double> &ours, const std::vector<double> &theirs)
 {
     const double our = median(ours);
@@ -59,14 +45,6 @@ void report(const char *name, int n, const std::vector<double> &ours, const std:
     std::printf("{\"bench\": \"%s\", \"n\": %d, \"ours_ms\": %.4f, \"theirs_ms\": %.4f, \"ratio\": %.4f}\n",
                 name, n, our, their, our / their);
     std::fflush(stdout);
-}
-
-void check(bool holds, const char *what)
-{
-    if (!holds) {
-        std::fprintf(stderr, "bench_registry: %s\n", what);
-        std::exit(1);
-    }
 }
 
 /// Of the size and kind that packages install. The program exists, or GLib would drop the application.

@@ -6,13 +6,13 @@
 // usage: bench_service start ROUNDS FIFO STAMP-PROGRAM APPLICATION
 //        bench_service running CALLS RECORDS
 
+#include "measuring.h"
+
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusMessage>
 
-#include <algorithm>
 #include <cstdio>
-#include <ctime>
 #include <functional>
 #include <vector>
 
@@ -24,19 +24,6 @@
 namespace {
 
 constexpr int callTimeoutMs = 60 * 1000;
-
-qint64 now()
-{
-    timespec time = {};
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return qint64(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
-}
-
-[[noreturn]] void fail(const char *what)
-{
-    std::fprintf(stderr, "bench_service: %s\n", what);
-    std::exit(1);
-}
 
 QDBusMessage call(const QDBusMessage &message)
 {
@@ -52,12 +39,6 @@ QDBusMessage control(const char *member)
     return QDBusMessage::createMethodCall(
         QStringLiteral("org.kestrix.Procwarden"), QStringLiteral("/org/kestrix/Procwarden/Control1"),
         QStringLiteral("org.kestrix.Procwarden.Control1"), QString::fromLatin1(member));
-}
-
-double median(std::vector<double> values)
-{
-    std::nth_element(values.begin(), values.begin() + values.size() / 2, values.end());
-    return values[values.size() / 2];
 }
 
 /// Milliseconds from @p begin to the first line of the program that it has started.

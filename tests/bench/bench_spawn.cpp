@@ -13,13 +13,13 @@
 #include "Core/process_setup.h"
 #include "Core/process_spawner.h"
 
+#include "measuring.h"
+
 #include <QByteArrayList>
 
-#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <fcntl.h>
 #include <functional>
 #include <sys/wait.h>
@@ -32,14 +32,6 @@ constexpr int runs = 500;
 constexpr int warmUpRuns = 20;
 
 const QByteArrayList arguments { "/bin/true", "--application", "file:///home/user/Documents/notes.txt" };
-
-void check(bool holds, const char *what)
-{
-    if (!holds) {
-        std::fprintf(stderr, "bench_spawn: %s\n", what);
-        std::exit(1);
-    }
-}
 
 /// Of the size that a session has.
 QByteArrayList environment()
@@ -119,12 +111,6 @@ pid_t withSetup(Core::ProcessSpawner &spawner, const QByteArrayList &variables)
     spawner.setEnvironment(variables);
     check(spawner.exec(), "the spawner failed");
     return pid;
-}
-
-double median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
 }
 
 void bench(const char *name, pid_t (*start)(Core::ProcessSpawner &, const QByteArrayList &))

@@ -10,6 +10,8 @@
 //
 // usage: bench_task_start ROUNDS FIFO STAMP-PROGRAM TASK-ID
 
+#include "measuring.h"
+
 #include <QCoreApplication>
 #include <QDBusArgument>
 #include <QDBusConnection>
@@ -18,9 +20,7 @@
 #include <QDBusObjectPath>
 #include <QDBusVariant>
 
-#include <algorithm>
 #include <cstdio>
-#include <ctime>
 #include <functional>
 #include <vector>
 
@@ -102,19 +102,6 @@ constexpr int niceLevel = 5;
 constexpr int cpuLimit = 30;
 constexpr int oomScore = 300;
 
-qint64 now()
-{
-    timespec time = {};
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return qint64(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
-}
-
-[[noreturn]] void fail(const char *what)
-{
-    std::fprintf(stderr, "bench_task_start: %s\n", what);
-    std::exit(1);
-}
-
 QDBusMessage call(const QDBusConnection &connection, const QDBusMessage &message)
 {
     const QDBusMessage reply = connection.call(message, QDBus::Block, callTimeoutMs);
@@ -142,12 +129,6 @@ double timeToProgram(int fifo, const std::function<void()> &begin)
         fail("the started program does not report");
     }
     return double(running - started) / 1e6;
-}
-
-double median(std::vector<double> values)
-{
-    std::nth_element(values.begin(), values.begin() + values.size() / 2, values.end());
-    return values[values.size() / 2];
 }
 
 void spawnAndWait(std::vector<const char *> argv)

@@ -15,9 +15,10 @@
 #include "Core/application_registry.h"
 #include "Core/task_manager_p.h"
 
+#include "measuring.h"
+
 #include <QCoreApplication>
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -38,29 +39,6 @@ namespace {
 
 constexpr int runs = 9;
 constexpr int tasksOfAnApplication = 5;
-
-void check(bool condition, const char *what)
-{
-    if (!condition) {
-        std::fprintf(stderr, "bench_tasks: %s\n", what);
-        std::exit(1);
-    }
-}
-
-double milliseconds(const std::function<void()> &work)
-{
-    QElapsedTimer timer;
-    timer.start();
-    work();
-    return static_cast<double>(timer.nsecsElapsed()) / 1e6;
-}
-
-double median(std::vector<double> values)
-{
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
 
 void write(const QString &path, const QByteArray &content)
 {
