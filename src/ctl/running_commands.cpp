@@ -126,6 +126,21 @@ QString launchText(const QVariantMap &launch)
     return text;
 }
 
+/// How it came to be started, and by whom. Of the processes of tasks the reason is not known.
+QString startOf(const QVariantMap &process)
+{
+    const uint reason = process.value(QStringLiteral("StartReason")).toUInt();
+    const QString requestor = process.value(QStringLiteral("RequestorId")).toString();
+    QStringList parts;
+    if (reason != 0) {
+        parts << startReasonName(reason);
+    }
+    if (!requestor.isEmpty()) {
+        parts << QStringLiteral("by %1").arg(printable(requestor));
+    }
+    return parts.join(QStringLiteral(", "));
+}
+
 void addProcess(Sheet &sheet, const Output &output, const QVariantMap &process)
 {
     const Table::Cell state = stateCell(process);
@@ -136,12 +151,7 @@ void addProcess(Sheet &sheet, const Output &output, const QVariantMap &process)
                   return QStringLiteral("%1, for %2")
                       .arg(timeText(since.toLongLong()), agoText(since.toLongLong()));
               }));
-    QString start = startReasonName(process.value(QStringLiteral("StartReason")).toUInt());
-    const QString requestor = process.value(QStringLiteral("RequestorId")).toString();
-    if (!requestor.isEmpty()) {
-        start += QStringLiteral(", by %1").arg(printable(requestor));
-    }
-    sheet.add(QStringLiteral("Start"), start);
+    sheet.add(QStringLiteral("Start"), startOf(process));
     sheet.add(QStringLiteral("URIs"),
               printable(process.value(QStringLiteral("Uris")).toStringList().join(QLatin1Char(' '))));
     sheet.add(QStringLiteral("Windows"), windowsOf(process));

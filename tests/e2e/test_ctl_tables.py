@@ -99,12 +99,27 @@ def test_rules_of_check(stack):
     ctl.golden("check_rules", ctl.run(stack, "check", "--rules").out)
 
 
+def status_of(stack, instance):
+    (process,) = ctl.run_json(stack, "status", instance)["Running"]
+    text = re.sub(r", name seen \d+ ms", "", ctl.run(stack, "status", instance).out)
+    # Which hierarchies there are is the machine's, and how many processes the moment's.
+    groups = sorted(f"{name} {group}" for name, group in process["Groups"].items())
+    text = re.sub(re.escape(groups[0]) + r"\n(?: +\w\S* /.*\n)*", "HIERARCHY GROUP\n", text)
+    return same(stack, re.sub(r"processes: \d+", "processes: N", text))
+
+
 def test_status_of_one_that_runs(pair):
-    (process,) = ctl.run_json(pair, "status", SAMPLE)["Running"]
-    text = re.sub(r", name seen \d+ ms", "", ctl.run(pair, "status", SAMPLE).out)
-    # Which hierarchies there are is the machine's.
-    groups = ("\n" + 13 * " ").join(f"{name} {group}" for name, group in sorted(process["Groups"].items()))
-    ctl.golden("status_running", same(pair, text.replace(groups, "HIERARCHY GROUP")))
+    ctl.golden("status_running", status_of(pair, SAMPLE))
+
+
+def test_status_of_a_task_that_runs(service):
+    if not all(service.hierarchies.is_real(name) for name in ("cpu", "memory", "freezer")):
+        pytest.skip("needs control groups")
+    tasker.install(service)
+    tasker.start(service)
+    tasker.wait_running(service)
+    ctl.run_json_of_all(service)
+    ctl.golden("status_of_a_task", status_of(service, tasker.task_id("work")))
 
 
 def test_tasks_that_run(service):
