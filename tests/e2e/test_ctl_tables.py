@@ -59,7 +59,7 @@ def test_look_at_the_freezing(pair):
 def screen(pair, request):
     """screen(words...) shows the two, sorted by their ids."""
     def show(*words):
-        shown = Screen(pair, "top", "-s", "id", *words, columns=120, lines=20)
+        shown = Screen(pair, "top", "-s", "id", *words, columns=130, lines=20)
         request.addfinalizer(shown.close)
         shown.wait_for("2 run, 1 frozen", "q quit")
         return shown
@@ -68,8 +68,8 @@ def screen(pair, request):
 
 # How many words each row has once all of its values are known, which the first look does not tell.
 @pytest.mark.parametrize("name, words, values", [
-    ("top_screen", (), {OTHER: 10, SAMPLE: 10}),
-    ("top_screen_freezing", ("-f",), {OTHER: 10, SAMPLE: 14}),
+    ("top_screen", (), {OTHER: 12, SAMPLE: 12}),
+    ("top_screen_freezing", ("-f",), {OTHER: 12, SAMPLE: 16}),
 ])
 def test_screen(pair, screen, name, words, values):
     shown = screen(*words)

@@ -66,11 +66,11 @@ def freeze(stack, app_id):
 def test_rows_tell_what_runs(pair, both, screens):
     screen = screens(pair)
     screen.wait_for("2 run, 0 frozen", "by memory", "Memory normal", "q quit  h help")
-    screen.until(lambda: "ID STATE FROZEN CPU% MEMORY OOM PID SINCE" in [" ".join(row.split()) for row in screen.rows],
-                 "the titles")
+    screen.until(lambda: "ID STATE FROZEN CPU% CPU MEMORY OOM PID SINCE" in [
+        " ".join(row.split()) for row in screen.rows], "the titles")
     told = {process["Id"]: process for process in ctl.run_json_of_all(pair, 2)}
     # The second look has a share of the processor, too.
-    screen.until(lambda: len(screen.row(OTHER)) > 8, "a share of the processor")
+    screen.until(lambda: len(screen.row(OTHER)) > 11, "a share of the processor")
     screen.until(lambda: screen.row(OTHER)[:3] == [OTHER, "active", "no"], "its state")
     screen.until(lambda: str(told[OTHER]["Pid"]) in screen.row(OTHER), "its process id")
     screen.until(lambda: screen.row(SAMPLE)[1:2] == ["launched"], "the other's state")

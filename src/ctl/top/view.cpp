@@ -94,6 +94,11 @@ Cell percentCell(const Row &row, qint64 /*nowMs*/)
     return { row.cpuPercent ? percentText(*row.cpuPercent) : QString() };
 }
 
+Cell cpuCell(const Row &row, qint64 /*nowMs*/)
+{
+    return { row.cpuMs ? durationText(qint64(*row.cpuMs)) : QString() };
+}
+
 Cell memoryCell(const Row &row, qint64 /*nowMs*/)
 {
     return { row.memoryKb ? sizeText(*row.memoryKb) : QString() };
@@ -126,14 +131,15 @@ QVector<Column> columnsFor(const Model &model)
     if (model.watch() != Model::Watch::Nothing) {
         columns.last().rank = 1;
         columns.append({ { QStringLiteral("CHANGED"), Table::Align::Left, 2, changedCell, std::nullopt },
-                         { QStringLiteral("HIDDEN FOR"), right, 8, hiddenCell, std::nullopt },
+                         { QStringLiteral("HIDDEN FOR"), right, 9, hiddenCell, std::nullopt },
                          { QStringLiteral("CPU HIDDEN"), right, 5, cpuHiddenCell, std::nullopt } });
     }
     columns.append({ { QStringLiteral("CPU%"), right, 2, percentCell, SortKey::Cpu },
+                     { QStringLiteral("CPU"), right, 7, cpuCell, std::nullopt },
                      { QStringLiteral("MEMORY"), right, 1, memoryCell, SortKey::Memory },
                      { QStringLiteral("OOM"), right, 6, oomCell, SortKey::OomRank },
-                     { QStringLiteral("PID"), right, 7, pidCell, std::nullopt },
-                     { QStringLiteral("SINCE"), right, 9, sinceCell, std::nullopt } });
+                     { QStringLiteral("PID"), right, 8, pidCell, std::nullopt },
+                     { QStringLiteral("SINCE"), right, 10, sinceCell, std::nullopt } });
     return columns;
 }
 
@@ -339,6 +345,7 @@ QVector<Line> helpLines()
         "q             quit",
         "",
         "CPU%          of one processor, since the last sample",
+        "CPU           processor time of its control group",
         "CPU HIDDEN    processor time since it was seen hidden",
     };
     QVector<Line> lines;

@@ -45,6 +45,7 @@ Row row(const QString &id, quint64 memoryKb, double percent, uint rank, uint sta
     result.frozen = state == 3;
     result.memoryKb = memoryKb;
     result.cpuPercent = percent;
+    result.cpuMs = 1000 * rank;
     result.oomRank = rank;
     result.startedMs = 1000;
     return result;
@@ -154,11 +155,11 @@ void TopViewTest::usualScreenShowsAll()
         textsOf(Top::draw(model, { 80, 10 })),
         QStringList({ QStringLiteral("4 run, 1 frozen  by memory  00:01:01"),
                       QStringLiteral("Memory normal, 512.0 MB of 1.0 GB available, 50.0 %"), QString(),
-                      QStringLiteral(" ID  STATE     FROZEN  CPU%  MEMORY  OOM  PID  SINCE"),
-                      QStringLiteral(">b   hidden    yes      0.5  4.0 MB    1  101  1 min"),
-                      QStringLiteral(" a   active    no       1.5  2.0 MB    3  103  1 min"),
-                      QStringLiteral(" c   inactive  no      50.0  2.0 MB    2  102  1 min"),
-                      QStringLiteral(" d   launched                               9"), QString(),
+                      QStringLiteral(" ID  STATE     FROZEN  CPU%  CPU  MEMORY  OOM  PID  SINCE"),
+                      QStringLiteral(">b   hidden    yes      0.5  1 s  4.0 MB    1  101  1 min"),
+                      QStringLiteral(" a   active    no       1.5  3 s  2.0 MB    3  103  1 min"),
+                      QStringLiteral(" c   inactive  no      50.0  2 s  2.0 MB    2  102  1 min"),
+                      QStringLiteral(" d   launched                                    9"), QString(),
                       QStringLiteral("q quit  h help  x stop  f freezing  sort: m c s o i  r reverse") }));
 }
 
@@ -327,7 +328,7 @@ void TopViewTest::plainTableHasNoMark()
     fill(model);
     const QStringList lines = textsOf(Top::drawPlain(model, 0));
     QCOMPARE(lines.size(), 7);
-    QCOMPARE(lines.at(3), QStringLiteral("b   hidden    yes      0.5  4.0 MB    1  101  1 min"));
+    QCOMPARE(lines.at(3), QStringLiteral("b   hidden    yes      0.5  1 s  4.0 MB    1  101  1 min"));
 }
 
 QTEST_APPLESS_MAIN(TopViewTest)
