@@ -6,6 +6,7 @@
 #include "top/view.h"
 
 #include <QCoreApplication>
+#include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDateTime>
 
@@ -13,6 +14,7 @@
 #include <cmath>
 #include <csignal>
 
+#include <pthread.h>
 #include <unistd.h>
 
 namespace Ctl {
@@ -295,6 +297,19 @@ std::optional<int> readOptions(const Arguments &arguments, TopOptions &options)
     return std::nullopt;
 }
 
+/// The thread that Qt makes for the bus inherits what is blocked, and takes no signals: this thread has to
+/// know of those that have come before it goes on, in particular after it has been stopped.
+QDBusConnection connectToBus()
+{
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return bus;
+}
+
 } // namespace
 
 int topCommand(Session &session)
@@ -321,7 +336,7 @@ int topCommand(Session &session)
         return *end;
     }
     // The bus knows at once; a service that is there may take its time.
-    const QDBusConnection bus = QDBusConnection::sessionBus();
+    const QDBusConnection bus = connectToBus();
     if (!bus.isConnected() || !bus.interface()->isServiceRegistered(Bus::sessionName).value()) {
         const Reply reply = session.bus.ask(QStringLiteral("Introspect1"), QStringLiteral("ListRunning"));
         if (reply.failed()) {
