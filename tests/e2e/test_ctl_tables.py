@@ -28,7 +28,8 @@ def pair(service):
         service.sample(app_id)
     service.control.update_windows(OTHER, active=1)
     service.control.update_windows(SAMPLE, hidden=1)
-    until(lambda: [process["Frozen"] for process in ctl.run_json_of_all(service, 2)] == [False, True], "the freezing")
+    until(lambda: [process.get("Frozen") for process in ctl.run_json_of_all(service, 2)] == [False, True],
+          "the freezing")
     return service
 
 

@@ -358,7 +358,7 @@ def test_terminal_that_can_do_nothing_is_told(pair, screens):
 
 def test_plain_tables(pair):
     freeze(pair, SAMPLE)
-    until(lambda: any(process["Frozen"] for process in ctl.run_json_of_all(pair, 2)), "the freezing")
+    until(lambda: any(process.get("Frozen") for process in ctl.run_json_of_all(pair, 2)), "the freezing")
     for result in (ctl.run(pair, "top", "-s", "id", "-d", "0.3", "-n", "2"),
                    ctl.run(pair, "top", "-s", "id", "-d", "0.3", "--iterations", "2", "--batch")):
         first, second = result.out.strip().split("\n\n")
