@@ -9,7 +9,7 @@ enum ExitStatus : int {
     WrongUsage = 2,
     NotThere = 3, ///< the service does not run, or there is no bus
     NoSuchId = 4, ///< nothing is known under the id
-    TimedOut = 5,
+    TimedOut = 5, ///< of the user's own limit, or the service is there and does not answer
 };
 
 } // namespace Ctl
