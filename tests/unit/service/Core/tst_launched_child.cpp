@@ -5,21 +5,15 @@
 using namespace Core;
 using namespace TestSupport;
 
-namespace {
-
-const QByteArrayList sleepArguments { "/bin/sleep", "60" };
-
-} // namespace
-
 /// What a launch gives to the child and to the program in it.
-class TestLaunchedChild : public QObject
+class TestLaunchedChild : public LaunchTest
 {
     Q_OBJECT
 
 private slots:
-    void initTestCase();
-    void init();
-    void cleanup();
+    void initTestCase() { makeWorld("Exec=/bin/true"); }
+    void init() { begin(); }
+    void cleanup() { end(); }
 
     void instanceNumberIsThePidUnlessSingle_data();
     void instanceNumberIsThePidUnlessSingle();
@@ -30,54 +24,7 @@ private slots:
     void environmentIsTheServicesAndTheApplications();
     void outputGoesToTheOpenFiles_data();
     void outputGoesToTheOpenFiles();
-
-private:
-    TestedLaunch *make(const QByteArrayList &arguments, QObject *parent = nullptr);
-    void verifyEnded(pid_t pid, int exitStatus);
-
-    std::unique_ptr<LaunchWorld> m_world;
-    std::unique_ptr<Sailjaild> m_sailjaild;
-    std::unique_ptr<LogCapture> m_log;
-    LaunchRequest m_request;
-    QByteArray m_recorder;
 };
-
-void TestLaunchedChild::initTestCase()
-{
-    m_world = std::make_unique<LaunchWorld>();
-    m_world->install(desktopFile("Exec=/bin/true"));
-}
-
-void TestLaunchedChild::init()
-{
-    m_sailjaild = std::make_unique<Sailjaild>(m_world->bus());
-    m_log = std::make_unique<LogCapture>();
-    m_request = {};
-    m_request.appId = ApplicationId(testAppId);
-    m_recorder = m_world->recorder().toUtf8();
-    TestedLaunch::reports.clear();
-}
-
-void TestLaunchedChild::cleanup()
-{
-    m_log.reset();
-    m_sailjaild.reset();
-    QVERIFY(noChildIsLeft());
-}
-
-TestedLaunch *TestLaunchedChild::make(const QByteArrayList &arguments, QObject *parent)
-{
-    auto *launch = new TestedLaunch(m_request, m_world->cgroups(), parent);
-    launch->arguments = arguments;
-    return launch;
-}
-
-void TestLaunchedChild::verifyEnded(pid_t pid, int exitStatus)
-{
-    const int status = waitForChild(pid);
-    QVERIFY2(WIFEXITED(status), qPrintable(QString::number(status)));
-    QCOMPARE(WEXITSTATUS(status), exitStatus);
-}
 
 void TestLaunchedChild::instanceNumberIsThePidUnlessSingle_data()
 {

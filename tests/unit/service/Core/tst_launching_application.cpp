@@ -11,18 +11,17 @@ namespace {
 
 const QString deniedMessage = QStringLiteral("Application not allowed by sailjaild");
 const QString failureWarning = QStringLiteral("Failed to setup child process");
-const QByteArrayList sleepArguments { "/bin/sleep", "60" };
 
 } // namespace
 
-class TestLaunchingApplication : public QObject
+class TestLaunchingApplication : public LaunchTest
 {
     Q_OBJECT
 
 private slots:
-    void initTestCase();
+    void initTestCase() { makeWorld("Exec=/bin/true"); }
     void init();
-    void cleanup();
+    void cleanup() { end(); }
 
     // The steps
     void programRunsWhenAllStepsHaveEnded();
@@ -60,53 +59,13 @@ private slots:
     void callbackMayEndTheOwner();
 
 private:
-    TestedLaunch *make(const QByteArrayList &arguments, QObject *parent = nullptr);
-    void verifyEnded(pid_t pid, int exitStatus);
-
-    std::unique_ptr<LaunchWorld> m_world;
-    std::unique_ptr<Sailjaild> m_sailjaild;
-    std::unique_ptr<LogCapture> m_log;
-    LaunchRequest m_request;
     std::shared_ptr<Launch> m_history; ///< what the history is told of the launch
-    QByteArray m_recorder;
 };
-
-void TestLaunchingApplication::initTestCase()
-{
-    m_world = std::make_unique<LaunchWorld>();
-    m_world->install(desktopFile("Exec=/bin/true"));
-}
 
 void TestLaunchingApplication::init()
 {
-    m_sailjaild = std::make_unique<Sailjaild>(m_world->bus());
-    m_log = std::make_unique<LogCapture>();
-    m_request = {};
-    m_request.appId = ApplicationId(testAppId);
+    begin();
     m_history = Chronicle::instance()->launchAsked(testAppId);
-    m_recorder = m_world->recorder().toUtf8();
-    TestedLaunch::reports.clear();
-}
-
-void TestLaunchingApplication::cleanup()
-{
-    m_log.reset();
-    m_sailjaild.reset();
-    QVERIFY(noChildIsLeft());
-}
-
-TestedLaunch *TestLaunchingApplication::make(const QByteArrayList &arguments, QObject *parent)
-{
-    auto *launch = new TestedLaunch(m_request, m_world->cgroups(), parent);
-    launch->arguments = arguments;
-    return launch;
-}
-
-void TestLaunchingApplication::verifyEnded(pid_t pid, int exitStatus)
-{
-    const int status = waitForChild(pid);
-    QVERIFY2(WIFEXITED(status), qPrintable(QString::number(status)));
-    QCOMPARE(WEXITSTATUS(status), exitStatus);
 }
 
 void TestLaunchingApplication::programRunsWhenAllStepsHaveEnded()

@@ -30,14 +30,14 @@ extern "C" int kill(pid_t pid, int signal) noexcept
 }
 
 /// The end of a launch whose application is a D-Bus service: the call of its method, once it owns its name.
-class TestServiceActivation : public QObject
+class TestServiceActivation : public LaunchTest
 {
     Q_OBJECT
 
 private slots:
     void initTestCase();
     void init();
-    void cleanup();
+    void cleanup() { end(); }
 
     void serviceIsCalledWhenItsNameAppears();
     void serviceThatIsThereIsCalledAtOnce();
@@ -56,49 +56,25 @@ private slots:
     void answerAfterTheLimitIsIgnored();
 
 private:
-    TestedLaunch *make(const QByteArrayList &arguments = { "/bin/sleep", "60" });
     void startAndReport(TestedLaunch *launch);
     void letTheServiceBeKnown();
     void endChild();
 
-    std::unique_ptr<LaunchWorld> m_world;
-    std::unique_ptr<Sailjaild> m_sailjaild;
-    std::unique_ptr<LogCapture> m_log;
-    LaunchRequest m_request;
     pid_t m_pid = -1;
 };
 
 void TestServiceActivation::initTestCase()
 {
-    m_world = std::make_unique<LaunchWorld>();
-    m_world->install(desktopFile("X-Maemo-Service=org.example.legacy"));
+    makeWorld("X-Maemo-Service=org.example.legacy");
     DBusNameWatcher::instance(); // Qt logs something of its own at the first use
 }
 
 void TestServiceActivation::init()
 {
-    m_sailjaild = std::make_unique<Sailjaild>(m_world->bus());
-    m_log = std::make_unique<LogCapture>();
-    m_request = {};
-    m_request.appId = ApplicationId(testAppId);
+    begin();
     m_request.launchData.maemoService = service;
     m_request.launchData.maemoObjectPath = path;
     m_request.launchData.maemoMethod = QStringLiteral("org.example.legacy.Ui.open");
-    TestedLaunch::reports.clear();
-}
-
-void TestServiceActivation::cleanup()
-{
-    m_log.reset();
-    m_sailjaild.reset();
-    QVERIFY(noChildIsLeft());
-}
-
-TestedLaunch *TestServiceActivation::make(const QByteArrayList &arguments)
-{
-    auto *launch = new TestedLaunch(m_request, m_world->cgroups());
-    launch->arguments = arguments;
-    return launch;
 }
 
 /// Starts it and waits for the report, which does not wait for the service.
