@@ -74,13 +74,36 @@ std::optional<Reply> whyNotConnected(const QDBusConnection &connection)
     return reply;
 }
 
+/// A bus that goes ends all calls as if their time were up.
+Reply seenFrom(const QDBusConnection &connection, Reply reply)
+{
+    if (reply.failed() && !connection.isConnected()) {
+        reply.status = NotThere;
+        reply.isWithoutBus = true;
+        reply.isSilent = false;
+    }
+    return reply;
+}
+
+void waitFor(const QDBusPendingCallWatcher &answer)
+{
+    QEventLoop loop;
+    QObject::connect(&answer, &QDBusPendingCallWatcher::finished, &loop, &QEventLoop::quit);
+    if (!answer.isFinished()) {
+        loop.exec();
+    }
+}
+
 /// For an answer that the service has at once.
 Reply sendBriefly(const QDBusConnection &connection, const QDBusMessage &call, int timeoutMs)
 {
     if (const auto reply = whyNotConnected(connection)) {
         return *reply;
     }
-    return Bus::replyOf(connection.call(call, QDBus::Block, timeoutMs));
+    // Not a blocking call: those are not told that the bus has gone.
+    const QDBusPendingCallWatcher answer(connection.asyncCall(call, timeoutMs));
+    waitFor(answer);
+    return seenFrom(connection, Bus::replyOf(answer.reply()));
 }
 
 /// What the object of @p call always answers, in the thread in which it answers the call.
@@ -125,11 +148,11 @@ Reply sendPatiently(const QDBusConnection &connection, const QDBusMessage &call,
         loop.exec();
     }
     if (silence && !answer.isFinished()) {
-        return *silence;
+        return seenFrom(connection, *silence);
     }
     Reply reply = Bus::replyOf(answer.reply());
     reply.isSilent = false; // the time is up that the caller gave
-    return reply;
+    return seenFrom(connection, reply);
 }
 
 } // namespace

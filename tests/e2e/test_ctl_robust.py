@@ -171,6 +171,18 @@ def test_service_ends_over_the_call(stack, fake):
     assert waiting.lines[1].startswith("procwardenctl: org.freedesktop.DBus.Error.NoReply: ")
 
 
+def test_bus_ends_over_the_call(stack, fake):
+    service = fake()
+    waiting = [ctl.Later(stack, *words) for words in (["start", SAMPLE], ["list"], ["block", SAMPLE])]
+    until(lambda: len(service.calls) == len(waiting), "the calls")
+    for bus in (stack.session_bus, stack.system_bus):
+        bus.daemon.kill()
+    for command in waiting:
+        assert command.end() == ctl.NOT_THERE, command.lines
+        assert command.lines[0] == "procwardenctl: The bus cannot be reached"
+        assert command.lines[1].startswith("procwardenctl: org.freedesktop.DBus.Error.")
+
+
 @pytest.mark.parametrize("place", ["fifo", "fifo[]", "target", "device", "directory", "socket"])
 def test_only_files_go_with_an_intent(stack, tmp_path, place):
     path = str(tmp_path / "it")
