@@ -457,8 +457,8 @@ void InstalledDataTest::unitOfTheServiceGivesTheScoreFloor()
     QVERIFY(floor.hasMatch());
     QVERIFY(floor.captured(1).toInt() <= -100);
     // Both would reach the sandbox program of the applications and take away what it needs.
-    QVERIFY(!text.contains(QStringLiteral("NoNewPrivileges=")));
-    QVERIFY(!text.contains(QStringLiteral("RestrictNamespaces=")));
+    QVERIFY(!text.contains(QStringLiteral("\nNoNewPrivileges=")));
+    QVERIFY(!text.contains(QStringLiteral("\nRestrictNamespaces=")));
 }
 
 QTEST_GUILESS_MAIN(InstalledDataTest)
