@@ -132,6 +132,7 @@ def machine(tmp_path, directory):
 
 
 LINK = "/etc/systemd/system/user@{0}.service.wants/procwarden@{0}.service"
+ENVIRONMENT_FILE = "/etc/procwarden/environment" # made by an administrator, see docs/shipping.md
 CONFIGURATION = [path for path in listed()["procwarden"] if path.startswith("/etc/")]
 
 
@@ -200,6 +201,7 @@ def test_upgrade_keeps_what_an_administrator_has_changed(machine, directory, tmp
 def test_removal_keeps_configuration_and_purge_leaves_nothing(machine):
     install(machine)
     machine.write("/etc/systemd/system/user@1001.service.wants/other.service", "")
+    machine.write(ENVIRONMENT_FILE, "WAYLAND_DISPLAY=wayland-0\n")
     for uid in (1000, 1001):
         machine.run(SYSTEMCTL, "--root=/", "enable", f"procwarden@{uid}.service")
         assert machine.run("readlink", LINK.format(uid)).endswith("/procwarden@.service\n")
@@ -211,7 +213,7 @@ def test_removal_keeps_configuration_and_purge_leaves_nothing(machine):
     # The units are still there to be stopped.
     assert asked.index("stop procwarden@*.service") < asked.index("daemon-reload")
     left = [path for path in machine.left_behind() if not path.startswith(("/etc/systemd/", "/var/lib/dpkg/info/"))]
-    assert left == ["/etc/procwarden", *CONFIGURATION]
+    assert left == ["/etc/procwarden", *sorted([*CONFIGURATION, ENVIRONMENT_FILE])]
     assert {LINK.format(1000), LINK.format(1001)} <= set(machine.left_behind())
 
     machine.run("dpkg", "-P", "procwarden", "procwarden-helper")
