@@ -85,6 +85,12 @@ class Newcomer:
         for name in os.listdir("/usr/bin"):
             if not os.path.lexists(root.inside(f"usr/bin/{name}")):
                 root.link(f"usr/bin/{name}", f"/usr/bin/{name}")
+        for directory in ("sbin", "lib"):
+            root.link(f"usr/{directory}", f"/usr/{directory}")
+        for directory in ("bin", "sbin", "lib"):
+            # As the machine has it: a name for the one below usr, or a directory of its own.
+            merged = os.path.realpath(f"/{directory}") == f"/usr/{directory}"
+            root.link(directory, f"usr/{directory}" if merged else f"/{directory}")
         root.link(self.home.lstrip("/"), self.home)
         with open(root.inside(PERMISSION)) as file:
             root.write(PERMISSION, file.read() + f"# What the user has built.\nwhitelist ${{HOME}}/{BIN}\n")
