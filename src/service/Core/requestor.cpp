@@ -8,6 +8,7 @@
 #include <QFile>
 #include <QStringBuilder>
 
+#include <algorithm>
 #include <array>
 #include <climits>
 #include <cstdlib>
