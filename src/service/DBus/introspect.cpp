@@ -294,6 +294,11 @@ QVariantMap Introspect::Explain(const QString &id)
         sendError(refused(id));
         return {};
     }
+    // The checks quote it, and a reply must not be longer than the bus lets the question be.
+    if (id.size() > Chronicle::maximumIdLength) {
+        sendError({ Core::Error::InvalidArgs, QStringLiteral("Not an application ID") });
+        return {};
+    }
     const Core::LaunchPlan plan = Core::LaunchPlan::make(ApplicationId(id));
     return {
         { QStringLiteral("Program"), plan.program },
