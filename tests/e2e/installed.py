@@ -6,6 +6,7 @@ cmake --install makes of the build under test.
 
 import configparser
 import glob
+import grp
 import os
 import re
 import shutil
@@ -18,6 +19,7 @@ PACKAGES = os.environ.get("PROCWARDEN_PACKAGES")
 BIN_DIR = os.environ.get("PROCWARDEN_BIN_DIR", DEFAULT_BIN_DIR)
 COMPONENTS = {"procwarden": "service", "procwarden-helper": "helper", "procwarden-tools": "tools",
               "procwarden-dev": "development"} # package -> its part of the installation
+SESSION_GROUP = 59985 # number of the group with sessions, where the machine has none of that name
 PROGRAMS = ("procwarden", "procwarden-helper", "procwarden-eventd", "procwardenctl")
 
 
@@ -89,7 +91,21 @@ class InstalledTree:
     def account_of(self, kind):
         """The "group" with sessions, or the "user" that the package manager is, of whom the policies speak."""
         with open(self.policy("org.kestrix.Procwarden.User.conf")) as file:
-            return next(name for name in re.findall(f'<policy {kind}="([^"]*)">', file.read()) if name != "root")
+            named = re.findall(f'<policy {kind}="([^"]*)">', file.read())
+        # A package manager that runs as root is the one that they speak of anyway.
+        return next((name for name in named if name != "root"), "root")
+
+    def session_group(self):
+        """Number of the group with sessions."""
+        try:
+            return grp.getgrnam(self.account_of("group")).gr_gid
+        except KeyError:
+            return SESSION_GROUP
+
+    def on_machine(self, **machine):
+        """How a stack has this tree on its machine, and its user a session there; machine: see there."""
+        group = self.session_group()
+        return {"tree": self, "groups": (group,), "machine": {"groups": {self.account_of("group"): group}, **machine}}
 
     def files(self):
         """Every file, as a path on the machine."""

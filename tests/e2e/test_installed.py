@@ -1,7 +1,6 @@
 """The service as it is installed: programs, states, intents and configuration come from an installed tree."""
 
 import fnmatch
-import grp
 import os
 import re
 import shutil
@@ -27,8 +26,7 @@ def tree(tmp_path_factory):
 @pytest.fixture
 def machine(request, tree, tmp_path):
     """A stack on a machine that has the tree; nothing of it has been started yet."""
-    group = grp.getgrnam(tree.account_of("group")).gr_gid
-    for stack in bring_up(request, bin_dir=tree.make_bin_dir(str(tmp_path / "bin")), tree=tree, groups=(group,)):
+    for stack in bring_up(request, bin_dir=tree.make_bin_dir(str(tmp_path / "bin")), **tree.on_machine()):
         tree.give_to(stack)
         stack.install_sample()
         yield stack

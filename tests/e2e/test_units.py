@@ -1,6 +1,5 @@
 """The installed units: what systemd thinks of them, and that their restrictions leave what is needed."""
 
-import grp
 import os
 import subprocess
 
@@ -26,8 +25,7 @@ def tree(tmp_path_factory):
 
 @pytest.fixture
 def machine(request, tree):
-    group = grp.getgrnam(tree.account_of("group")).gr_gid
-    for stack in bring_up(request, tree=tree, groups=(group,)):
+    for stack in bring_up(request, **tree.on_machine()):
         yield stack
 
 

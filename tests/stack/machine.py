@@ -63,12 +63,13 @@ class Machine:
     """Up after construction, until stop().
 
     tree: root of the installed tree. bus: directory in which the system bus's socket is found from outside.
-    accounts: user name -> number, known in there beside the machine's own. stand_ins: bus names. policies: file
-    name -> content, of an administrator or other packages. hierarchies: what /sys/fs/cgroup is in there, if not the
-    machine's.
+    accounts: user name -> number, and groups: group name -> number, known in there beside the machine's own. stand_ins:
+    bus names. policies: file name -> content, of an administrator or other packages. hierarchies: what /sys/fs/cgroup is
+    in there, if not the machine's.
     """
 
-    def __init__(self, directory, tree, bus, accounts=None, stand_ins=(), policies=None, hierarchies=None):
+    def __init__(self, directory, tree, bus, accounts=None, groups=None, stand_ins=(), policies=None,
+                 hierarchies=None):
         self.bus_directory = bus
         self._more = os.path.join(directory, "more")
         self._copy_policies(tree, SHARED_POLICIES, "shared-policies")
@@ -76,10 +77,8 @@ class Machine:
         files = {f"{name}.conf": STAND_IN_POLICY.format(name=name) for name in stand_ins}
         for name, content in {**files, **(policies or {})}.items():
             self._write(f"local-policies/{name}", content)
-        with open("/etc/passwd") as file:
-            self._write("etc/passwd", file.read() + "".join(
-                f"{name}:x:{number}:{number}::/nonexistent:/usr/sbin/nologin\n"
-                for name, number in (accounts or {}).items()))
+        self._add_lines("etc/passwd", "{0}:x:{1}:{1}::/nonexistent:/usr/sbin/nologin\n", accounts)
+        self._add_lines("etc/group", "{0}:x:{1}:\n", groups)
         tops = []
         for name in sorted(os.listdir(tree)):
             if os.path.islink(f"/{name}"): # such as /lib, which is /usr/lib
@@ -103,6 +102,11 @@ class Machine:
         else:
             os.makedirs(target)
         os.chmod(target, 0o755)
+
+    def _add_lines(self, path, form, numbers):
+        """The machine's own lines come first: of a name that has one already, that one counts."""
+        with open(f"/{path}") as file:
+            self._write(path, file.read() + "".join(form.format(*entry) for entry in (numbers or {}).items()))
 
     def _write(self, path, content):
         target = os.path.join(self._more, path)

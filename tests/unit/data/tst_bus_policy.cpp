@@ -193,14 +193,12 @@ private:
 
 void BusPolicyTest::installPolicy(const QString &file) const
 {
-    QFile source(QStringLiteral(PROCWARDEN_DATA_DIR "/dbus/system.d/") + file);
+    QFile source(QStringLiteral(PROCWARDEN_POLICY_DIR "/") + file + QStringLiteral(".in"));
     QVERIFY(source.open(QIODevice::ReadOnly));
     QString content = QString::fromUtf8(source.readAll());
     // What a distribution sets at build time, for the accounts of this test.
-    content.replace(QStringLiteral("group=\"" PROCWARDEN_SESSION_GROUP "\""),
-                    QStringLiteral("group=\"games\""));
-    content.replace(QStringLiteral("user=\"" PROCWARDEN_PACKAGE_MANAGER_USER "\""),
-                    QStringLiteral("user=\"proxy\""));
+    content.replace(QStringLiteral("@PROCWARDEN_SESSION_GROUP@"), QStringLiteral("games"));
+    content.replace(QStringLiteral("@PROCWARDEN_PACKAGE_MANAGER_USER@"), QStringLiteral("proxy"));
     QFile target(m_directory.filePath(QStringLiteral("system.d/") + file));
     QVERIFY(target.open(QIODevice::WriteOnly));
     target.write(content.toUtf8());
