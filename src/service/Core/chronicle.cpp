@@ -8,7 +8,9 @@
 
 #include <QHash>
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <memory>
 
 #include <sys/wait.h>
@@ -18,7 +20,7 @@ namespace Core {
 namespace {
 
 constexpr int maximumLaunches =
-    500; // of different applications and tasks, after which the oldest is forgotten
+    500; // of different applications and tasks, after which the oldest is forgotten, a stranger's first
 
 /// What runs now.
 struct Running
@@ -47,6 +49,18 @@ struct Verdict
 QString applicationOf(const QString &id)
 {
     return ProcessId(id).toString();
+}
+
+/// Whether it was nobody's: nothing is known under its id.
+bool isStrangers(const LaunchAccount &launch)
+{
+    return launch.failedAt == launchStepName(LaunchStep::Asked);
+}
+
+/// Whose @p ending is. Anybody may ask for any id, so all that is nobody's counts as one application's.
+QString ownerOf(const Ending &ending)
+{
+    return isStrangers(ending.launch) ? QString() : applicationOf(ending.id);
 }
 
 /// @p text, or as much of it as is kept.
@@ -106,7 +120,9 @@ class ChroniclePrivate
 {
 public:
     void passOf(const QString &id, LaunchStep step);
+    void forgetOldestLaunch();
     void remember(const Ending &ending);
+    void forgetEnding();
     void onStarted(const QString &id, bool isTask, DBusNameWatcher *names);
     void onTerminated(const QString &id, pid_t pid, int exitStatus, StopReason reason);
 
@@ -128,13 +144,39 @@ void ChroniclePrivate::passOf(const QString &id, LaunchStep step)
     }
 }
 
+void ChroniclePrivate::forgetOldestLaunch()
+{
+    const auto strangers = std::find_if(launchOrder.cbegin(), launchOrder.cend(), [this](const QString &id) {
+        return isStrangers(launches.value(id)->account);
+    });
+    const auto index = strangers == launchOrder.cend() ? 0 : std::distance(launchOrder.cbegin(), strangers);
+    launches.remove(launchOrder.takeAt(static_cast<int>(index)));
+}
+
 void ChroniclePrivate::remember(const Ending &ending)
 {
     endings.prepend(ending);
     endings.first().detail = bounded(ending.detail, Chronicle::maximumDetailLength);
-    while (endings.size() > Chronicle::maximumEndings) {
-        endings.removeLast();
+    if (endings.size() > Chronicle::maximumEndings) {
+        forgetEnding();
     }
+}
+
+/// The oldest of who has the most: what starts and ends in a loop does not push out what others did.
+void ChroniclePrivate::forgetEnding()
+{
+    QStringList owners;
+    QHash<QString, int> counts;
+    int most = 0;
+    for (const Ending &ending : qAsConst(endings)) {
+        owners.append(ownerOf(ending));
+        most = std::max(most, ++counts[owners.last()]);
+    }
+    int index = owners.size() - 1;
+    while (counts.value(owners.at(index)) < most) {
+        --index;
+    }
+    endings.removeAt(index);
 }
 
 void ChroniclePrivate::onStarted(const QString &id, bool isTask, DBusNameWatcher *names)
@@ -219,10 +261,10 @@ std::shared_ptr<Launch> Chronicle::launchAsked(const QString &id)
     const auto launch = std::make_shared<Launch>(bounded(id, maximumIdLength));
     d->launchOrder.removeOne(launch->id);
     d->launchOrder.append(launch->id);
-    while (d->launchOrder.size() > maximumLaunches) {
-        d->launches.remove(d->launchOrder.takeFirst());
-    }
     d->launches.insert(launch->id, launch);
+    if (d->launchOrder.size() > maximumLaunches) {
+        d->forgetOldestLaunch();
+    }
     d->underWay = launch;
     return launch;
 }

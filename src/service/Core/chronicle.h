@@ -60,7 +60,7 @@ class Chronicle : public QObject
     Q_OBJECT
 
 public:
-    static constexpr int maximumEndings = 200;
+    static constexpr int maximumEndings = 200; ///< after which the oldest of who has the most is forgotten
     static constexpr int maximumIdLength = 512; ///< what is longer is cut; no process has such an id
     static constexpr int maximumErrorLength = 1000; ///< and of what is longer the beginning is kept
     static constexpr int maximumDetailLength = 1024; ///< an error, and at which step

@@ -60,7 +60,10 @@ private slots:
     void whoIsAskedAbout_data();
     void whoIsAskedAbout();
     void onlyTheLastOnesAreKept();
+    void othersEndsAreKeptFromOneApplication();
+    void othersEndsAreKeptFromStrangers();
     void oldLaunchesAreForgotten();
+    void launchesAreKeptFromStrangers();
 
 private:
     void start(const QString &id)
@@ -80,6 +83,15 @@ private:
             emit m_controller->taskTerminated(id, pid, status, reason);
         } else {
             emit m_controller->applicationTerminated(id, pid, status, reason);
+        }
+    }
+
+    /// Starts of @p count ids that nobody has.
+    void failToStart(int count)
+    {
+        for (int number = 0; number < count; ++number) {
+            const auto launch = m_chronicle->launchAsked(QStringLiteral("org.example.Gone%1").arg(number));
+            m_chronicle->launchFailed(launch, Error(Error::HandlerNotFound, QStringLiteral("unknown")));
         }
     }
 
@@ -488,6 +500,46 @@ void TestChronicle::onlyTheLastOnesAreKept()
     QCOMPARE(endings.last().exitStatus, exited(5));
 }
 
+/// What starts and fails in a loop must not hide why others ended.
+void TestChronicle::othersEndsAreKeptFromOneApplication()
+{
+    const QString other = QStringLiteral("org.example.Other");
+    const QString task = other + QStringLiteral(".task_sync");
+    const QString instance = sample + QStringLiteral(".instance_1");
+    for (const QString &id : { other, task }) {
+        start(id);
+        end(id, exited(0));
+    }
+    for (int number = 0; number < 2 * Chronicle::maximumEndings; ++number) {
+        const QString &id = number % 2 ? sample : instance; // which are of one application
+        start(id);
+        end(id, exited(number & 0x7f));
+    }
+    QCOMPARE(m_chronicle->endings().size(), 200);
+    QCOMPARE(m_chronicle->endings(other).size(), 2);
+    QCOMPARE(m_chronicle->endings().first().exitStatus, exited((2 * Chronicle::maximumEndings - 1) & 0x7f));
+    QCOMPARE(m_chronicle->endings().at(197).exitStatus, exited((2 * Chronicle::maximumEndings - 198) & 0x7f));
+}
+
+/// Anybody may ask for anything, so that all that nobody has counts as one application.
+void TestChronicle::othersEndsAreKeptFromStrangers()
+{
+    QStringList ids;
+    for (int number = 0; number < 10; ++number) {
+        ids.append(QStringLiteral("org.example.App%1").arg(number));
+    }
+    for (int number = 0; number < 150; ++number) {
+        const QString &id = ids.at(number % 10);
+        start(id);
+        end(id, exited(0));
+    }
+    failToStart(3 * Chronicle::maximumEndings);
+    QCOMPARE(m_chronicle->endings().size(), 200);
+    for (const QString &id : qAsConst(ids)) {
+        QCOMPARE(m_chronicle->endings(id).size(), 15);
+    }
+}
+
 void TestChronicle::oldLaunchesAreForgotten()
 {
     m_chronicle->launchAsked(sample);
@@ -497,6 +549,19 @@ void TestChronicle::oldLaunchesAreForgotten()
     QVERIFY(m_chronicle->lastLaunch(sample).asked.isNull());
     QVERIFY(!m_chronicle->lastLaunch(QStringLiteral("org.example.App599")).asked.isNull());
     QVERIFY(!m_chronicle->lastLaunch(QStringLiteral("org.example.App100")).asked.isNull());
+}
+
+void TestChronicle::launchesAreKeptFromStrangers()
+{
+    m_chronicle->launchAsked(sample)->pass(LaunchStep::Spawned);
+    const auto failed = m_chronicle->launchAsked(QStringLiteral("org.example.Other"));
+    failed->fail(LaunchStep::Granted);
+    m_chronicle->launchFailed(failed, Error(Error::AccessDenied, QStringLiteral("no")));
+    failToStart(600);
+    QVERIFY(m_chronicle->lastLaunch(sample).asked.isValid());
+    QCOMPARE(m_chronicle->lastLaunch(failed->id).failedAt, QStringLiteral("Granted"));
+    QVERIFY(m_chronicle->lastLaunch(QStringLiteral("org.example.Gone0")).asked.isNull());
+    QCOMPARE(m_chronicle->lastLaunch(QStringLiteral("org.example.Gone599")).error, QStringLiteral("unknown"));
 }
 
 QTEST_GUILESS_MAIN(TestChronicle)
