@@ -223,6 +223,19 @@ def test_explanation_is_what_a_start_does(service):
     assert plan["Checks"][1] == ["Instances", False, "it runs, and only one instance may"]
 
 
+def test_explained_instance_is_that_of_a_start(sample):
+    sample.install_sample(SAMPLE, sandbox=UNSANDBOXED, main={"X-Nemo-Single-Instance": "no"})
+    sample.control.reload()
+    plan = ask(sample, "Explain", "s", SAMPLE)
+    started = sample.control.start(SAMPLE)
+    environment = sample.sample(started.instance_id).environment()
+    assert environment["SOLVANE_APP_INSTANCE_ID"] == f"{SAMPLE}.instance_{started.pid}"
+    assert f"SOLVANE_APP_INSTANCE_ID={SAMPLE}.instance_PID" in plan["Environment"]
+    # What the longest pid takes is counted.
+    count, _ = plan["Counts"]["EnvironmentBytes"]
+    assert count == sum(len(entry.encode()) + 1 for entry in plan["Environment"]) + len("4194304") - len("PID")
+
+
 @pytest.mark.parametrize("options, check", [
     ({"exec_line": "/nonexistent/program"}, ["Sandbox", False, "/nonexistent/program is not executable"]),
     ({"exec_line": "/nonexistent/program", "sandbox": UNSANDBOXED},

@@ -21,7 +21,8 @@ namespace Core {
 
 namespace {
 
-constexpr int firstInstance = 0;
+constexpr qint64 noInstance = 0;
+constexpr qint64 longestPid = 4194304; // no kernel counts further
 
 QStringList toTexts(const QByteArrayList &bytes)
 {
@@ -72,7 +73,6 @@ public:
             checkCount("Environment", m_environment, ProcessSpawner::maximumEnvironment);
         }
         m_plan.arguments = toTexts(m_arguments);
-        m_plan.environment = toTexts(m_environment);
         return m_plan;
     }
 
@@ -84,6 +84,7 @@ private:
     }
 
     bool checkInstalled();
+    void composeEnvironment();
     void checkStart();
     bool composeArguments();
     bool composeServiceArguments();
@@ -107,10 +108,25 @@ bool Planner::checkInstalled()
         return false;
     }
     m_launchData = registry->launchData(m_appId);
-    m_environment =
-        LaunchingApplication::environmentFor(m_appId, ApplicationInstanceId(m_appId, firstInstance),
-                                             QFileInfo(m_desktopFile).completeBaseName(), DebugParams());
+    composeEnvironment();
     return true;
+}
+
+/// The pid, of which the instance id is made where several may run, is not known: counted is the longest one.
+void Planner::composeEnvironment()
+{
+    const auto environmentOf = [this](const ApplicationInstanceId &instance) {
+        return LaunchingApplication::environmentFor(
+            m_appId, instance, QFileInfo(m_desktopFile).completeBaseName(), DebugParams());
+    };
+    if (m_launchData.singleInstance) {
+        m_environment = environmentOf(ApplicationInstanceId(m_appId, noInstance));
+        m_plan.environment = toTexts(m_environment);
+        return;
+    }
+    m_environment = environmentOf(ApplicationInstanceId(m_appId, longestPid));
+    m_plan.environment =
+        toTexts(environmentOf(ApplicationInstanceId(m_appId.text() + QStringLiteral(".instance_PID"))));
 }
 
 void Planner::checkStart()

@@ -27,7 +27,7 @@ struct LaunchPlan
 {
     QString program;
     QStringList arguments; ///< the complete command line; as far as it could be composed
-    QStringList environment;
+    QStringList environment; ///< with "PID" in the instance id where several instances may run
     QMap<QString, QList<uint>> counts; ///< name -> count and limit
     QList<LaunchCheck> checks; ///< in their order; what depends on a failed one is left out
 
