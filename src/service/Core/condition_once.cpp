@@ -16,12 +16,12 @@ namespace Core {
 namespace {
 
 /// The application may write there, too: a FIFO in the file's place would keep the service waiting for a
-/// reader, and of a link, the file that it leads to would be emptied.
-bool makeEmptyFile(const QString &path)
+/// reader, a link would lead to another file. What is there already stays as it is: its presence says all,
+/// and it may be another name of a file of the user's.
+bool makeFile(const QString &path)
 {
-    const int fd =
-        ::open(QFile::encodeName(path).constData(),
-               O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666);
+    const int fd = ::open(QFile::encodeName(path).constData(),
+                          O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666);
     return fd >= 0 && ::close(fd) == 0;
 }
 
@@ -47,7 +47,7 @@ ConditionOnce::~ConditionOnce() = default;
 void ConditionOnce::taskWasTriggered()
 {
     QDir().mkpath(QFileInfo(d->sentinel).path());
-    if (!makeEmptyFile(d->sentinel)) {
+    if (!makeFile(d->sentinel)) {
         qWarning() << "Cannot create sentinel file" << d->sentinel;
     }
     setSatisfied(false);
