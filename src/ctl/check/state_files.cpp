@@ -170,7 +170,8 @@ void checkStateFile(const QString &path, Report &report)
             report.add(Rule::WrongGroup, place,
                        QStringLiteral("%1 is not read in [%2], but before the first group")
                            .arg(delayKey(), line.group));
-        } else if (line.group.isEmpty() && line.key != delayKey()) {
+        } else if (line.key != delayKey() && closest(line.group, { settingsGroup() }).isEmpty()) {
+            // In a group that is nearly the right one, the line of the group is told of.
             const QString near = closest(line.key, { delayKey() });
             report.add(near.isEmpty() ? Rule::WrongGroup : Rule::MisspeltKey, place,
                        near.isEmpty()
