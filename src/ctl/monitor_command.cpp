@@ -295,7 +295,7 @@ int monitorCommand(Session &session)
 {
     session.arguments.addOption(
         { QStringLiteral("i"), QStringLiteral("interval") },
-        QStringLiteral("Look at the memory level every MS milliseconds: 10 or more, 1000 by default"),
+        QStringLiteral("Look at the memory level every MS milliseconds: 10 to 3600000, 1000 by default"),
         QStringLiteral("MS"));
     if (const auto end = session.begin(0, 0)) {
         return *end;
@@ -308,7 +308,11 @@ int monitorCommand(Session &session)
         if (!number) {
             return WrongUsage;
         }
-        intervalMs = int(std::clamp(*number, shortest, longest));
+        if (*number < shortest || *number > longest) {
+            return session.arguments.wrong(
+                QStringLiteral("Not from %1 to %2: %3").arg(shortest).arg(longest).arg(*number));
+        }
+        intervalMs = int(*number);
     }
     if (const auto reply = Bus::whyNoBus()) {
         return session.fail(*reply);

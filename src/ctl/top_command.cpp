@@ -269,11 +269,15 @@ std::optional<int> readOptions(const Arguments &arguments, TopOptions &options)
         const QString word = arguments.value(QStringLiteral("delay"));
         bool isNumber = false;
         delay = word.toDouble(&isNumber);
-        if (!isNumber || !std::isfinite(delay) || delay < 0) {
+        if (!isNumber || !std::isfinite(delay)) {
             return arguments.wrong(QStringLiteral("Not a number: %1").arg(word));
         }
+        if (delay < shortestDelay || delay > longestDelay) {
+            return arguments.wrong(
+                QStringLiteral("Not from %1 to %2: %3").arg(shortestDelay).arg(longestDelay).arg(word));
+        }
     }
-    options.delayMs = int(std::clamp(delay, shortestDelay, longestDelay) * 1000);
+    options.delayMs = int(delay * 1000);
     if (arguments.isSet(QStringLiteral("iterations"))) {
         const auto count = arguments.number(QStringLiteral("iterations"));
         if (!count) {

@@ -415,7 +415,8 @@ def test_service_that_does_not_answer_is_told(pair):
 
 
 def test_wrong_words(pair):
-    for words, error in ((["-d", "x"], "Not a number: x"), (["-d", "-1"], "Not a number: -1"),
+    for words, error in ((["-d", "x"], "Not a number: x"), (["-d", "-1"], "Not from 0.1 to 3600: -1"),
+                         (["-d", "0"], "Not from 0.1 to 3600: 0"), (["-d", "3601"], "Not from 0.1 to 3600: 3601"),
                          (["-d", "nan"], "Not a number: nan"), (["-n", "0"], "No iteration: 0"),
                          (["-s", "size"], "None of memory, cpu, state, oom, id: size")):
         assert error in ctl.run(pair, "top", *words, status=ctl.WRONG_USAGE).error
