@@ -17,8 +17,12 @@ int Session::fail(const Reply &reply) const
         Output::error(reply.isWithoutBus ? QStringLiteral("The bus cannot be reached")
                                          : QStringLiteral("The service is not running"));
     } else if (reply.status == TimedOut) {
-        Output::error(reply.isSilent ? QStringLiteral("The service does not answer")
-                                     : QStringLiteral("Time is up"));
+        if (!reply.isSilent) {
+            // The bus library's text would guess why, and the user has set the limit.
+            Output::error(QStringLiteral("Time is up"));
+            return reply.status;
+        }
+        Output::error(QStringLiteral("The service does not answer"));
     }
     // Some refusals are their name alone.
     Output::error(reply.errorText.isEmpty() ? reply.errorName
