@@ -4,7 +4,11 @@
 #include "Core/application_registry.h"
 
 #include <QDir>
+#include <QFile>
 #include <QUrl>
+
+#include <cerrno>
+#include <unistd.h>
 
 // Who can open what, and why. The catalogue is read here, from the same files that the service reads.
 
@@ -89,8 +93,9 @@ int handlersCommand(Session &session)
     if (!uri.isValid()) {
         return session.arguments.wrong(QStringLiteral("Invalid URI: ") + text);
     }
+    const QVariantList handlers = handlersOf(uri);
     session.output.rows(
-        handlersOf(uri),
+        handlers,
         { keyColumn(QStringLiteral("HANDLER"), QStringLiteral("Id"), true),
           keyColumn(QStringLiteral("BECAUSE OF"), QStringLiteral("Because")),
           keyColumn(QStringLiteral("DECLARES"), QStringLiteral("Declares"), true),
@@ -100,6 +105,11 @@ int handlersCommand(Session &session)
                 return Table::Cell { yesOrNo(isDefault), isDefault ? Style::Good : Style::Dim };
             } } },
         QStringLiteral("Nobody handles it."));
+    if (handlers.isEmpty() && uri.isLocalFile() && access(QFile::encodeName(uri.toLocalFile()), F_OK) != 0) {
+        // Its name alone tells no type, or another one than its contents would.
+        Output::error(QStringLiteral("%1: %2").arg(uri.toLocalFile(), qt_error_string(errno)));
+        return NoSuchId;
+    }
     return Done;
 }
 

@@ -187,7 +187,7 @@ int intentCommand(Session &session)
     }
     const std::optional<QVariantMap> requestData = DBus::toBusMap(data.object());
     if (!requestData) {
-        return arguments.wrong(QStringLiteral("The data cannot be sent"));
+        return arguments.wrong(QStringLiteral("The data are too large, or nested too deeply"));
     }
     const Reply reply = session.bus.act(QStringLiteral("Intents1"), QStringLiteral("InvokeIntent"),
                                         { arguments.word(0), hints, *requestData });

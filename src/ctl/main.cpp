@@ -105,10 +105,19 @@ int run(QStringList words)
     return runCommand(name, before + words);
 }
 
+/// What the readers of files warn of is about any of them, not about what was asked: check tells it.
+void onMessage(QtMsgType type, const QMessageLogContext & /*context*/, const QString &text)
+{
+    if (type == QtCriticalMsg || type == QtFatalMsg) {
+        Ctl::Output::error(text);
+    }
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
 {
+    qInstallMessageHandler(onMessage);
     const QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("procwardenctl"));
     QCoreApplication::setApplicationVersion(QStringLiteral(PROCWARDEN_VERSION));

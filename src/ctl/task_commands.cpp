@@ -31,7 +31,7 @@ int startTask(const Session &session, const QString &id)
     }
     const std::optional<QVariantMap> map = DBus::toBusMap(hints.object());
     if (!map) {
-        return session.arguments.wrong(QStringLiteral("The hints cannot be sent"));
+        return session.arguments.wrong(QStringLiteral("The hints are too large, or nested too deeply"));
     }
     return session.finish(session.bus.act(QStringLiteral("Tasks1"), QStringLiteral("Start"),
                                           { id, session.arguments.tail(), *map }),

@@ -120,7 +120,6 @@ def test_app_that_is_not_installed(installed):
     ("http://example.organic/a", []),
     ("/tmp/a.txt", [("org.example.Browser", "type", "text/plain"), (NOTES, "type", "text/plain")]),
     ("a.txt", [("org.example.Browser", "type", "text/plain"), (NOTES, "type", "text/plain")]),
-    ("file:///tmp/a.zip", []),
 ])
 def test_handlers(installed, uri, handlers):
     found = ctl.run_json(installed, "handlers", uri)
@@ -150,6 +149,30 @@ def test_handlers_stand_in_the_order_in_which_they_are_offered(stack):
     assert [(handler["Id"].rpartition(".")[2], handler["Because"], handler["IsDefault"]) for handler in found] == [
         ("Web", "scheme", False), ("Site", "address", True), ("Place", "address", False), ("Picture", "type", False),
         ("Any", "parent type", False)]
+
+
+def test_handlers_of_a_file_that_nobody_handles(installed, tmp_path):
+    archive = tmp_path / "a b.zip"
+    archive.write_bytes(b"")
+    for name in (str(archive), archive.as_uri()):
+        assert ctl.run(installed, "handlers", name).out == "Nobody handles it.\n"
+    archive.unlink()
+    for name in (str(archive), archive.as_uri()):
+        result = ctl.run(installed, "handlers", name, status=ctl.NO_SUCH_ID)
+        assert (result.out, result.error) == (
+            "Nobody handles it.\n", f"procwardenctl: {archive}: No such file or directory\n")
+        assert ctl.run_json(installed, "handlers", name, status=ctl.NO_SUCH_ID) == []
+
+
+def test_faults_of_other_files_are_told_by_check_only(installed):
+    installed.install_sample("org.example.Strange", groups={"X-Task My Task": {"Type": "worker"}})
+    installed.start()
+    # Each with nothing on standard error.
+    for words in (["apps"], ["app", NOTES], ["tasks", NOTES], ["handlers", "note:1"], ["--list-ids"]):
+        ctl.run(installed, *words)
+    path = installed.applications.desktop_file("org.example.Strange")
+    result = ctl.run(installed, "check", path, status=ctl.REFUSED)
+    assert "[task-name]\n" in result.out and result.error == ""
 
 
 def test_handlers_of_what_is_no_uri(installed):
