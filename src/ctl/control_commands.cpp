@@ -1,6 +1,9 @@
 #include "session.h"
 #include "words.h"
 
+#include "Core/application_id.h"
+#include "Core/application_registry.h"
+
 namespace Ctl {
 
 namespace {
@@ -10,6 +13,41 @@ QVariantMap idMap(const QString &id)
     return { { QStringLiteral("Id"), id } };
 }
 
+/// For calls that take any id, so that what is misspelt does not differ from what does not run, or is not
+/// there yet.
+int finishAbout(const Session &session, const Reply &reply, const QString &id)
+{
+    if (!reply.failed() && Core::ApplicationRegistry().desktopFile(Core::ApplicationId(id)).isEmpty()) {
+        Output::error(QStringLiteral("Not installed: %1").arg(id));
+    }
+    return session.finish(reply, idMap(id));
+}
+
+/// Tells of a call that failed for @p id, and of instances that may have been meant. @returns the exit
+/// status.
+int failFor(const Session &session, const Reply &reply, const QString &id)
+{
+    const int status = session.fail(reply);
+    if (status != NoSuchId) {
+        return status;
+    }
+    QStringList instances;
+    const Reply running =
+        session.bus.ask(QStringLiteral("Introspect1"), QStringLiteral("ListRunning"), {}, Bus::patienceMs);
+    const QVariantList processes = running.value().toList();
+    for (const QVariant &process : processes) {
+        const QString one = process.toMap().value(QStringLiteral("Id")).toString();
+        if (one.startsWith(id + QLatin1String(".instance_"))) {
+            instances.append(printable(one));
+        }
+    }
+    if (!instances.isEmpty()) {
+        Output::hint(
+            QStringLiteral("Name one of its instances: %1").arg(instances.join(QStringLiteral(", "))));
+    }
+    return status;
+}
+
 /// A command that is one call of SystemControl1 with the id.
 int callSystemControl(Session &session, const QString &member)
 {
@@ -17,8 +55,8 @@ int callSystemControl(Session &session, const QString &member)
         return *end;
     }
     const QString id = session.arguments.word(0);
-    return session.finish(session.bus.actOnSystem(QStringLiteral("SystemControl1"), member, { id }),
-                          idMap(id));
+    return finishAbout(session, session.bus.actOnSystem(QStringLiteral("SystemControl1"), member, { id }),
+                       id);
 }
 
 } // namespace
@@ -36,8 +74,8 @@ int stopCommand(Session &session)
             session.bus.actOnSystem(QStringLiteral("SystemControl1"), QStringLiteral("Terminate"), { id }),
             idMap(id));
     }
-    return session.finish(session.bus.ask(QStringLiteral("Control1"), QStringLiteral("Terminate"), { id }),
-                          idMap(id));
+    const Reply reply = session.bus.ask(QStringLiteral("Control1"), QStringLiteral("Terminate"), { id });
+    return reply.failed() ? failFor(session, reply, id) : session.finish(reply, idMap(id));
 }
 
 int waitCommand(Session &session)
@@ -57,9 +95,10 @@ int waitCommand(Session &session)
         timeoutMs = int(std::min(*seconds, most)) * 1000;
     }
     const QString id = session.arguments.word(0);
-    return session.finish(session.bus.actOnSystem(QStringLiteral("SystemControl1"),
-                                                  QStringLiteral("WaitForNotRunning"), { id }, timeoutMs),
-                          idMap(id));
+    return finishAbout(session,
+                       session.bus.actOnSystem(QStringLiteral("SystemControl1"),
+                                               QStringLiteral("WaitForNotRunning"), { id }, timeoutMs),
+                       id);
 }
 
 int blockCommand(Session &session)
@@ -89,7 +128,7 @@ int windowsCommand(Session &session)
     const Reply reply =
         session.bus.ask(QStringLiteral("WindowManagement1"), QStringLiteral("UpdateWindowStatus"), arguments);
     if (reply.failed()) {
-        return session.fail(reply);
+        return failFor(session, reply, session.arguments.word(0));
     }
     constexpr uint noState = 255;
     const uint state = reply.value().toUInt();

@@ -3,7 +3,10 @@
 
 #include "Core/application_id.h"
 #include "Core/application_registry.h"
+#include "Core/application_task_id.h"
 #include "DBus/json.h"
+
+#include <algorithm>
 
 namespace Ctl {
 
@@ -78,6 +81,37 @@ QVector<Output::Column> taskColumns()
     };
 }
 
+int noSuchTask(const QString &id)
+{
+    Output::error(QStringLiteral("No such task: %1").arg(id));
+    return NoSuchId;
+}
+
+int stopTask(const Session &session, const QString &id, bool isForgotten)
+{
+    // The service takes any id. One that is not declared may be that of a task that still runs.
+    const Core::ApplicationTaskId taskId(id);
+    bool isKnown = Core::ApplicationRegistry().taskInfo(taskId).id.isValid();
+    if (!isKnown) {
+        const Reply running = session.bus.ask(QStringLiteral("Introspect1"), QStringLiteral("ListRunning"));
+        if (running.failed()) {
+            return session.fail(running);
+        }
+        if (!taskId.isValid()) {
+            return noSuchTask(id); // without the call, which would stop an application of this id
+        }
+        const QVariantList processes = running.value().toList();
+        isKnown = std::any_of(processes.cbegin(), processes.cend(), [&id](const QVariant &process) {
+            return process.toMap().value(QStringLiteral("Id")) == id;
+        });
+    }
+    // Also if it is not known: it may be remembered from before its application was removed.
+    const Reply reply =
+        session.bus.ask(QStringLiteral("Tasks1"), QStringLiteral("Stop"), { id, isForgotten });
+    return reply.failed() || isKnown ? session.finish(reply, { { QStringLiteral("Id"), id } })
+                                     : noSuchTask(id);
+}
+
 } // namespace
 
 int tasksCommand(Session &session)
@@ -144,8 +178,7 @@ int taskCommand(Session &session)
     if (arguments.isSet(QStringLiteral("hint")) || arguments.hasTail()) {
         return arguments.wrong(QStringLiteral("Hints and arguments go with start only"));
     }
-    return session.finish(session.bus.ask(QStringLiteral("Tasks1"), QStringLiteral("Stop"), { id, !keeps }),
-                          { { QStringLiteral("Id"), id } });
+    return stopTask(session, id, !keeps);
 }
 
 } // namespace Ctl
