@@ -53,9 +53,10 @@ int openUris(const Session &session, const QStringList &uris)
 
 int startCommand(Session &session)
 {
-    session.arguments.addOption({ QStringLiteral("u"), QStringLiteral("uri") },
-                                QStringLiteral("Have it open URI, and others behind it, with the intent OpenURI"),
-                                QStringLiteral("URI"));
+    session.arguments.addOption(
+        { QStringLiteral("u"), QStringLiteral("uri") },
+        QStringLiteral("Have it open URI, and others behind it, with the intent OpenURI"),
+        QStringLiteral("URI"));
     session.arguments.addSwitch({ QStringLiteral("r"), QStringLiteral("raise") },
                                 QStringLiteral("With the intent Start, which raises what runs already"));
     if (const auto end = session.begin(1, -1)) {
