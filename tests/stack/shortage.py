@@ -2,6 +2,7 @@
 
 import re
 
+from . import client_story
 from .client import ACTIVE, HIDDEN, BusError
 from .memory import ENOUGH_MB, MEGABYTE, Hog, Others, available_kb
 from .process import is_running
@@ -45,6 +46,7 @@ def _tell(stack, hog, others):
     line("exit", wait_status(details["ExitStatus"]))
     if (selected, details["StopReason"]) != (VICTIM, 6):
         raise AssertionError("the one that has been hidden longest should have been killed for memory")
+    client_story.history(stack, VICTIM, "early-oom ")
     _recovered(stack)
     _not_for_real(stack)
 

@@ -3,7 +3,7 @@
 import os
 import subprocess
 
-from . import cgroups, intent_story, shortage, task_story
+from . import cgroups, client_story, intent_story, shortage, task_story
 from .client import BusError
 from .process import descendants, is_running
 from .stack import Stack
@@ -18,7 +18,9 @@ OWNER, THIEF = "org.example.Letters", "org.example.Thief"
 def tell():
     with Stack() as stack:
         _introduce(stack)
+        client_story.explain(stack, APP)
         pid = _start(stack)
+        client_story.status(stack, APP)
         _hide_and_show(stack)
         _refuse_second(stack)
         _stop(stack, pid)
@@ -153,7 +155,7 @@ def _refuse_second(stack):
 def _stop(stack, pid):
     chapter("Stop it")
     monitor = stack.monitor()
-    stack.control.terminate(APP)
+    client_story.stop(stack, APP)
     details = monitor.wait_for("Terminated", APP)[-1].arguments[1]
     line("signal Terminated", f"pid {details['Pid']}, stop reason {details['StopReason']} (requested)")
     line("exit", wait_status(details["ExitStatus"]))
@@ -164,6 +166,7 @@ def _stop(stack, pid):
     line("group directories", f"left behind: {left}" if left else "gone")
     running = [record[0] for record in stack.control.running()[0]]
     line("running", ", ".join(running) or "nothing")
+    client_story.history(stack, APP, "requested .* procwardenctl")
 
 
 def _steal_notification(stack):
