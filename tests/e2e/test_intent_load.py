@@ -124,6 +124,25 @@ def test_data_too_large_to_be_passed_on(running):
     assert invoke(running, "X-do", {}, {"a": "b"}) == {"a": "b"}
 
 
+def test_uri_too_large_to_be_passed_on(running):
+    """As long as it comes, it would fit; as a URI, it has three characters for each."""
+    running.install_sample("org.example.Reader", sandbox={"Sandboxing": "Disabled"})
+    running.control.reload()
+    uri = "http://example.org/" + "%" * 3_000_000
+    assert refusal(running, "OpenURI", {"preferredHandler": "org.example.Reader"}, {"uri": uri}) == (
+        FAILED, "Message is too large")
+    assert running.control.running() == ([], [])
+
+
+def test_long_uri_is_not_told_to_all(running):
+    running.install_sample("org.example.Reader", sandbox={"Sandboxing": "Disabled"})
+    running.control.reload()
+    uri = "http://example.org/" + "x" * 1_000_000
+    invoke(running, "OpenURI", {"preferredHandler": "org.example.Reader"}, {"uri": uri})
+    ((_, _, _, _, details),) = running.control.running()[0]
+    assert details == {"Uris": []}
+
+
 def nested(depth, inner):
     for _ in range(depth):
         inner = variants({"in": inner})

@@ -1,12 +1,27 @@
 #include "Core/application.h"
 
+#include <algorithm>
+#include <iterator>
+
 namespace Core {
+
+namespace {
+
+QList<QUrl> shortOnes(const QList<QUrl> &uris)
+{
+    QList<QUrl> found;
+    std::copy_if(uris.cbegin(), uris.cend(), std::back_inserter(found),
+                 [](const QUrl &uri) { return uri.toString().size() <= Application::maximumUriLength; });
+    return found;
+}
+
+} // namespace
 
 Application::Application(const QString &id, pid_t pid, const InvocationContext &context,
                          const QList<QUrl> &uris, QObject *parent)
     : Process(id, pid, parent)
     , m_context(context)
-    , m_uris(uris)
+    , m_uris(shortOnes(uris))
 {
 }
 

@@ -13,6 +13,10 @@ class Application : public Process
     Q_OBJECT
 
 public:
+    /// No command line holds more. A client gives the URIs, and all that run are told of in one message.
+    static constexpr int maximumUriLength = 8192;
+
+    /// Of @p uris, those that are longer as a text than that are not kept.
     Application(const QString &id, pid_t pid, const InvocationContext &context, const QList<QUrl> &uris,
                 QObject *parent = nullptr);
 

@@ -22,7 +22,7 @@ struct ApplicationRecord
     int inactiveWindowCount = 0;
     int hiddenWindowCount = 0;
     ApplicationState state = ApplicationState::NotRunning;
-    QList<QUrl> uris; ///< those that the start carried
+    QList<QUrl> uris; ///< those that the start carried, but for very long ones
 };
 
 } // namespace Core

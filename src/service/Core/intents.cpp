@@ -4,6 +4,7 @@
 #include "Core/intent_files.h"
 #include "Core/intent_hints.h"
 #include "Core/intents_p.h"
+#include "Core/message_size.h"
 
 #include "Core/application_registry.h"
 #include "Core/client_info.h"
@@ -153,6 +154,11 @@ void IntentsPrivate::handleOpenURI(const QVariantMap &hints, const QJsonObject &
     }
     if (url.scheme() == QLatin1String("intent")) {
         invokeIntentUri(url, clientInfo, callback);
+        return;
+    }
+    // As a URI it may be three times as long as its text was.
+    if (!fitsIntoMessage({ url.toString() })) {
+        callback(QJsonObject(), Error(Error::Failed, QStringLiteral("Message is too large")));
         return;
     }
     findHandler(IntentHints::openUri, hints, data, clientInfo,

@@ -21,6 +21,7 @@ private slots:
     void leavingAnotherStateKeepsTheStamp();
     void windowCountsAddUpWithoutOverflow();
     void recordIsACopyOfAll();
+    void longUriIsNotRecorded();
 };
 
 void tst_Application::wasNeverActiveAtFirst()
@@ -95,6 +96,18 @@ void tst_Application::recordIsACopyOfAll()
     QCOMPARE(record.state, ApplicationState::Active);
     QCOMPARE(record.uris, uris);
     QCOMPARE(ApplicationRecord().state, ApplicationState::NotRunning);
+}
+
+/// All that run are told of in one message.
+void tst_Application::longUriIsNotRecorded()
+{
+    const auto uri = [](char letter, int count) {
+        return QUrl(QStringLiteral("file:///") + QString(count, QLatin1Char(letter)));
+    };
+    const int longest = Application::maximumUriLength - 8;
+    const QList<QUrl> uris { uri('x', longest), uri('x', longest + 1), uri('%', longest), uri('a', 1) };
+    const Application application(QStringLiteral("org.example.App"), 4711, InvocationContext(), uris);
+    QCOMPARE(application.record().uris, (QList<QUrl> { uris.first(), uris.last() }));
 }
 
 QTEST_GUILESS_MAIN(tst_Application)
