@@ -3,6 +3,7 @@
 import re
 import subprocess
 
+from .stack import SHORT_LIVED_OPTIONS
 from .telling import chapter
 from .waiting import LIMIT, until
 
@@ -51,7 +52,8 @@ def _wait_for(stack, words, pattern):
 def _run(stack, words):
     # Shown to the service, so that it can say whose program has asked.
     command = stack.root.shown(stack.program("procwardenctl"), *words)
-    result = subprocess.run(command, env=stack.environment(), capture_output=True, text=True, timeout=2 * LIMIT, check=False)
+    result = subprocess.run(command, env={**stack.environment(), **SHORT_LIVED_OPTIONS}, capture_output=True, text=True,
+                            timeout=2 * LIMIT, check=False)
     if result.returncode != 0:
         raise AssertionError(f"procwardenctl {' '.join(words)} ended with {result.returncode}: {result.stderr}")
     return result.stdout
