@@ -236,6 +236,13 @@ def test_explained_instance_is_that_of_a_start(sample):
     assert count == sum(len(entry.encode()) + 1 for entry in plan["Environment"]) + len("4194304") - len("PID")
 
 
+def test_permission_that_is_not_installed_is_told_of(service):
+    service.install_sample(SAMPLE, sandbox={"Permissions": "Internet;NoSuch"})
+    service.control.reload()
+    assert ask(service, "Explain", "s", SAMPLE)["Checks"][3] == [
+        "Sandbox", True, "permissions: Internet, Base; not installed, so left out: NoSuch"]
+
+
 @pytest.mark.parametrize("options, check", [
     ({"exec_line": "/nonexistent/program"}, ["Sandbox", False, "/nonexistent/program is not executable"]),
     ({"exec_line": "/nonexistent/program", "sandbox": UNSANDBOXED},

@@ -47,6 +47,19 @@ Error invalidArgs(const QString &message)
     return Error(Error::InvalidArgs, message);
 }
 
+/// Path of the file that says what the permission gives; empty if there is none.
+QString permissionPath(const QString &name)
+{
+    for (const char *directory : { "/etc/sailjail/permissions/", "/var/lib/sailjail/permissions/" }) {
+        const QString path =
+            Types::rootFs() + QLatin1String(directory) + name + QStringLiteral(".permission");
+        if (QFile::exists(path)) {
+            return path;
+        }
+    }
+    return QString();
+}
+
 } // namespace
 
 class FirejailPrivate
@@ -75,7 +88,6 @@ public:
 
 private:
     bool hasApplicationId() const { return !organizationName.isEmpty() && !applicationName.isEmpty(); }
-    QString permissionPath(const QString &name) const;
     Error checkBinary(const QByteArray &binary) const;
     void addGeneralOptions(QByteArrayList &args) const;
     void addOwnFiles(QByteArrayList &args) const;
@@ -90,17 +102,6 @@ QString FirejailPrivate::profilePath(const QString &name) const
     const QString path =
         rootPrefix + QStringLiteral("/etc/sailjail/permissions/") + name + QStringLiteral(".profile");
     return QFile::exists(path) ? path : QString();
-}
-
-QString FirejailPrivate::permissionPath(const QString &name) const
-{
-    for (const char *directory : { "/etc/sailjail/permissions/", "/var/lib/sailjail/permissions/" }) {
-        const QString path = rootPrefix + QLatin1String(directory) + name + QStringLiteral(".permission");
-        if (QFile::exists(path)) {
-            return path;
-        }
-    }
-    return QString();
 }
 
 Error FirejailPrivate::checkBinary(const QByteArray &binary) const
@@ -361,6 +362,11 @@ void Firejail::setDebug(bool debug)
 void Firejail::setNoHomeDirectories(bool noHomeDirectories)
 {
     d->noHomeDirectories = noHomeDirectories;
+}
+
+bool Firejail::isPermission(const QString &name)
+{
+    return !permissionPath(name).isEmpty();
 }
 
 QString Firejail::defaultProfile() const

@@ -73,6 +73,10 @@ public:
     /// Path of the profile that bears the name of the desktop file; empty if there is none.
     QString defaultProfile() const;
 
+    /// Whether a file says what the permission @p name gives. Others are skipped when the options are
+    /// composed.
+    static bool isPermission(const QString &name);
+
     /// @param argv program and arguments; element 0 is an absolute path.
     /// @param permissions names of the granted permissions. One without a file is skipped, after a warning.
     /// @returns firejail, its options, "--" and @p argv. With an error (always InvalidArgs) the list is of

@@ -54,6 +54,22 @@ QStringList declaredPermissions(const QString &desktopFile)
     return {};
 }
 
+QString permissionsText(const QStringList &permissions)
+{
+    QStringList known;
+    QStringList unknown;
+    for (const QString &permission : permissions) {
+        (Firejail::isPermission(permission) ? known : unknown).append(permission);
+    }
+    const QString comma = QStringLiteral(", ");
+    QString text =
+        QStringLiteral("permissions: ") + (known.isEmpty() ? QStringLiteral("none") : known.join(comma));
+    if (!unknown.isEmpty()) {
+        text += QStringLiteral("; not installed, so left out: ") + unknown.join(comma);
+    }
+    return text;
+}
+
 /// Collects the plan; each step says whether the next one makes sense.
 class Planner
 {
@@ -167,7 +183,7 @@ bool Planner::composeArguments()
         return check("Sandbox", false, error.message());
     }
     m_arguments = vector;
-    return check("Sandbox", true, QStringLiteral("permissions: ") + permissions.join(QStringLiteral(", ")));
+    return check("Sandbox", true, permissionsText(permissions));
 }
 
 /// What the bus would start for the legacy service is run as it stands.
