@@ -93,12 +93,13 @@ def test_page_has_every_method_for_tests():
         assert set(re.findall(r"(?m)^\| `(\w+)\(", file.read())) == said
 
 
-def test_example_of_the_page_runs():
+def test_example_of_the_page_runs(tmp_path):
     with open(PAGE) as file:
         example = re.search(r"<!-- example -->\n```python\n(.*?)```", file.read(), re.DOTALL)[1]
     assert INSTALLED in example
     done = subprocess.run([PYTHON, "-B", "-c", example.replace(INSTALLED, TEMPLATE)], capture_output=True, text=True,
-                          env={"PATH": "/usr/bin:/bin"}, timeout=2 * LIMIT)
+                          # The library leaves a directory behind.
+                          env={"PATH": "/usr/bin:/bin", "TMPDIR": str(tmp_path)}, timeout=2 * LIMIT)
     assert done.returncode == 0 and "Ran 1 test" in done.stderr, done.stderr
 
 
