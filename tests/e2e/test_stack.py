@@ -15,6 +15,7 @@ from stack.cleaning import processes_of
 from stack.client import BusError, Pending, SampleClient
 from stack.monitor import Monitor
 from stack.process import Child, descendants
+from stack.rootfs import ProcTree
 from stack.waiting import NotInTime, until
 
 DAEMON = permission_daemon.PermissionDaemon
@@ -213,7 +214,7 @@ def test_kernel_files_appear_beside_a_score_file(stack):
     sleeper = run_as_user(stack, "sleeper", "/usr/bin/sleep", "600")
     directory = stack.root.inside(f"proc/{sleeper.pid}")
     os.mkdir(directory)
-    until(lambda: len(os.listdir(directory)) == 3, "links in the process's directory")
+    until(lambda: set(os.listdir(directory)) == set(ProcTree.LINKED), "links in the process's directory")
     with open(os.path.join(directory, "status")) as file:
         assert f"\nPid:\t{sleeper.pid}\n" in file.read()
 
