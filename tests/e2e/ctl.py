@@ -24,6 +24,17 @@ def command(stack, *words):
     return [os.path.join(stack.bin_dir, "procwardenctl"), *words]
 
 
+def start_pair(stack, windowless, shown):
+    """Two applications outside the sandbox, of which the second one has a window. Returns when both run."""
+    for app_id in (windowless, shown):
+        stack.install_sample(app_id, sandbox={"Sandboxing": "Disabled"})
+    stack.control.reload()
+    for app_id in (windowless, shown):
+        stack.control.start(app_id)
+        stack.sample(app_id)
+    stack.control.update_windows(shown, active=1)
+
+
 class Result:
     def __init__(self, finished):
         self.status, self.out, self.error = finished.returncode, finished.stdout, finished.stderr

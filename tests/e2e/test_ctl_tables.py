@@ -12,7 +12,6 @@ from screen import Screen
 from stack.waiting import until
 
 SAMPLE, OTHER = "org.example.Sample", "org.example.Other"
-UNSANDBOXED = {"Sandboxing": "Disabled"}
 
 
 @pytest.fixture
@@ -20,13 +19,7 @@ def pair(service):
     """Two applications that run; the one is hidden and frozen, the other active."""
     if not all(service.hierarchies.is_real(name) for name in ("cpu", "memory", "freezer")):
         pytest.skip("needs control groups")
-    for app_id in (SAMPLE, OTHER):
-        service.install_sample(app_id, sandbox=UNSANDBOXED)
-    service.control.reload()
-    for app_id in (SAMPLE, OTHER):
-        service.control.start(app_id)
-        service.sample(app_id)
-    service.control.update_windows(OTHER, active=1)
+    ctl.start_pair(service, SAMPLE, OTHER)
     service.control.update_windows(SAMPLE, hidden=1)
     until(lambda: [process.get("Frozen") for process in ctl.run_json_of_all(service, 2)] == [False, True],
           "the freezing")

@@ -15,19 +15,12 @@ from stack.process import descendants, is_running, state
 from stack.waiting import LIMIT, until
 
 SAMPLE, OTHER = "org.example.Sample", "org.example.Other"
-UNSANDBOXED = {"Sandboxing": "Disabled"}
 
 
 @pytest.fixture
 def pair(service):
     """Two applications that run, one of them with a window."""
-    for app_id in (SAMPLE, OTHER):
-        service.install_sample(app_id, sandbox=UNSANDBOXED)
-    service.control.reload()
-    for app_id in (SAMPLE, OTHER):
-        service.control.start(app_id)
-        service.sample(app_id)
-    service.control.update_windows(OTHER, active=1)
+    ctl.start_pair(service, SAMPLE, OTHER)
     return service
 
 

@@ -39,7 +39,7 @@ struct LaunchAccount
 class Launch
 {
 public:
-    /// It is being asked for now. @param launchedId of the application or the task
+    /// Begins to count the time. @param launchedId id of the application or the task
     explicit Launch(const QString &launchedId);
 
     /// It has got this far. Told again, and of a launch that has failed already, it changes nothing: answers

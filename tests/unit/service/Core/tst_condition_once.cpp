@@ -53,6 +53,13 @@ private:
         return m_runtime->filePath(QStringLiteral("applications/org.example.App/Sync.launched"));
     }
 
+    /// A file of the user's with four bytes in it. @returns its path
+    QString makeLetter() const
+    {
+        QFile letter(m_runtime->filePath(QStringLiteral("letter")));
+        return letter.open(QIODevice::WriteOnly) && letter.write("text") == 4 ? letter.fileName() : QString();
+    }
+
     std::unique_ptr<QTemporaryDir> m_runtime;
     const ApplicationInfo::TaskInfo m_task = task(QStringLiteral("org.example.App.task_Sync"));
 };
@@ -112,13 +119,8 @@ void tst_ConditionOnce::whatIsInItsPlaceIsLeftAsItIs()
 {
     ConditionOnce once(m_task);
     QDir().mkpath(QFileInfo(sentinel()).path());
-    QFile letter(m_runtime->filePath(QStringLiteral("letter")));
-    QVERIFY(letter.open(QIODevice::WriteOnly));
-    letter.write("text");
-    letter.close();
-    QCOMPARE(
-        ::link(QFile::encodeName(letter.fileName()).constData(), QFile::encodeName(sentinel()).constData()),
-        0);
+    const QString letter = makeLetter();
+    QCOMPARE(::link(QFile::encodeName(letter).constData(), QFile::encodeName(sentinel()).constData()), 0);
     once.taskWasTriggered();
     QVERIFY(!once.isSatisfied());
     QCOMPARE(QFileInfo(letter).size(), 4);
@@ -141,11 +143,8 @@ void tst_ConditionOnce::linkInItsPlaceIsNotFollowed()
 {
     ConditionOnce once(m_task);
     QDir().mkpath(QFileInfo(sentinel()).path());
-    QFile letter(m_runtime->filePath(QStringLiteral("letter")));
-    QVERIFY(letter.open(QIODevice::WriteOnly));
-    letter.write("text");
-    letter.close();
-    QVERIFY(QFile::link(letter.fileName(), sentinel()));
+    const QString letter = makeLetter();
+    QVERIFY(QFile::link(letter, sentinel()));
     QTest::ignoreMessage(
         QtWarningMsg, qUtf8Printable(QStringLiteral("Cannot create sentinel file \"%1\"").arg(sentinel())));
     once.taskWasTriggered();
